@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Runs every test: installs what is missing, then builds and runs the suite three times
+# (plain, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer for the threaded suites),
+# checks the module's exported symbols, and gives each fuzz target a short smoke run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=${JOBS:-$(nproc)}
+
+"$root/scripts/install-deps.sh"
+
+step() { printf '\n=== %s ===\n' "$*"; }
+
+step "plain build"
+cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$root/build" -j"$jobs"
+ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
+
+step "exported symbols of libtidewayapi.so"
+"$root/scripts/check-exports.sh" "$root/build/src/libtidewayapi.so"
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer"
+cmake -S "$root" -B "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug \
+      -DTIDEWAY_SANITIZE=address,undefined -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
+cmake --build "$root/build-asan" -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs"
+
+step "ThreadSanitizer (threaded suites)"
+cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Debug \
+      -DTIDEWAY_SANITIZE=thread -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
+cmake --build "$root/build-tsan" -j"$jobs"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir "$root/build-tsan" --output-on-failure -j"$jobs" -L threads
+
+if [ -x "$root/scripts/fuzz-smoke.sh" ]; then
+  step "fuzz smoke"
+  "$root/scripts/fuzz-smoke.sh"
+fi
+
+step "all tests passed"

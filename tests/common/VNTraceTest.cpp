@@ -1,0 +1,156 @@
+#include "common/VNTrace.h"
+
+#include <syslog.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "SyslogCapture.h"
+
+namespace {
+
+// Runs the trace statement against the process-wide object with a chosen mask, and restores it.
+class TraceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
+                          10, 10000, 100, 1, 0, 60);
+        savedMask_ = g_Trace.GetLevelMask();
+        syslog_capture::Clear();
+    }
+    void TearDown() override {
+        g_Trace.SetLevelMask(savedMask_);
+        g_pTrace = &g_Trace;
+    }
+    uint32_t savedMask_ = 0;
+};
+
+int g_evaluations = 0;
+int Touch() { return ++g_evaluations; }
+
+TEST_F(TraceTest, RecordsHoldTheMessageAndOneNewlineWithTheLevelPriority) {
+    g_Trace.SetLevelMask(0xFFFFFFFF);
+    VNTRACE(TL_ERR, "Comm : Failed to create packet, %s", "System Out Of Memory");
+    VNTRACE(TL_WARN, "warned %d", 7);
+    VNTRACE(TL_API, "DisposePlugin %p called\n", static_cast<void*>(nullptr));
+    VNTRACE(TL_IPC, "ipc");
+    const auto records = syslog_capture::Records();
+    ASSERT_EQ(records.size(), 4u);
+    EXPECT_EQ(records[0].text, "Comm : Failed to create packet, System Out Of Memory\n");
+    EXPECT_EQ(records[0].priority, LOG_ERR);
+    EXPECT_EQ(records[1].text, "warned 7\n");
+    EXPECT_EQ(records[1].priority, LOG_WARNING);
+    // A format with a newline of its own arrives with two.
+    EXPECT_EQ(records[2].text, "DisposePlugin (nil) called\n\n");
+    EXPECT_EQ(records[2].priority, LOG_NOTICE);
+    EXPECT_EQ(records[3].priority, LOG_NOTICE);
+}
+
+TEST_F(TraceTest, DisabledLevelsEvaluateNothingAndLevel15IsAlwaysOff) {
+    g_evaluations = 0;
+    g_Trace.SetLevelMask(kDefaultTraceMask);
+    VNTRACE(TL_API, "%d", Touch());
+    VNTRACE(TL_IPC, "%d", Touch());
+    EXPECT_EQ(g_evaluations, 0);
+    for (uint32_t mask : {0u, 0x8000u, 0xFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        g_Trace.SetLevelMask(mask);
+        EXPECT_EQ(g_Trace.IsLevelEnabled(TL_OFF), 0u) << mask;
+        VNTRACE(TL_OFF, "%d", Touch());
+    }
+    EXPECT_EQ(g_evaluations, 0);
+    EXPECT_TRUE(syslog_capture::Records().empty());
+    // The gate returns the masked bit itself.
+    g_Trace.SetLevelMask(0xFFFFFFFF);
+    EXPECT_EQ(g_Trace.IsLevelEnabled(TL_DCT), 0x4000u);
+    VNTRACE(TL_TRACE, "%d", Touch());
+    EXPECT_EQ(g_evaluations, 1);
+}
+
+TEST_F(TraceTest, WithoutTraceObjectOnlyErrorsReachTheLogDirectly) {
+    g_evaluations = 0;
+    g_pTrace = nullptr;
+    VNTRACE(TL_WARN, "dropped %d", Touch());
+    VNTRACE(TL_ERR, "direct %d", Touch());
+    g_pTrace = &g_Trace;
+    EXPECT_EQ(g_evaluations, 1);
+    ASSERT_EQ(syslog_capture::Texts(), std::vector<std::string>{"direct 1\n"});
+    EXPECT_EQ(syslog_capture::Records()[0].priority, LOG_ERR);
+    const auto opens = syslog_capture::OpenCalls();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].ident, "brtidewayapi");
+    EXPECT_EQ(opens[0].option, 15);
+    EXPECT_EQ(opens[0].facility, 24);
+}
+
+TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
+    CVNFileTrace trace;
+    trace.SetDebugLevel(0);
+    EXPECT_EQ(trace.GetLevelMask(), 0x6u);
+    trace.SetDebugLevel(0xFFFF);
+    EXPECT_EQ(trace.GetLevelMask(), 0x7FFFu);
+    trace.SetDebugLevel(0x1001);
+    EXPECT_EQ(trace.GetLevelMask(), 0x1007u);
+
+    // Mute before initialisation: the gate passes, nothing is written.
+    syslog_capture::Clear();
+    trace.WriteMessage("mute");
+    EXPECT_TRUE(syslog_capture::Records().empty());
+
+    trace.InitTrace("first", "/tmp", "x.log", 2, 0x107, false, false, 10, 10000, 100, 1, 0, 60);
+    ASSERT_EQ(syslog_capture::OpenCalls().size(), 1u);
+    EXPECT_EQ(syslog_capture::OpenCalls()[0].ident, "first");
+    trace.InitTrace("second", "/tmp", "y.log", 3, 0xFFFF, false, false, 1, 1, 1, 1, 1, 1);
+    EXPECT_EQ(trace.GetIdent(), "first");
+    EXPECT_EQ(trace.GetLevelMask(), 0x107u);
+    EXPECT_EQ(syslog_capture::OpenCalls().size(), 1u);
+
+    // After initialisation the configured mask stands as given, ERR off included.
+    trace.SetDebugLevel(0);
+    EXPECT_EQ(trace.GetLevelMask(), 0u);
+    trace.SetDebugLevel(0xFFFFFFFF);
+    for (int level = 0; level < kTraceLevelCount; ++level) EXPECT_NE(trace.IsLevelEnabled(level), 0u);
+    EXPECT_EQ(trace.ChangeSettings(true, 10, 10000, 100, 1, 0, 60), 0);
+}
+
+TEST(TraceObject, PrefixHasNameThreadAndIsoTime) {
+    CVNFileTrace trace;
+    std::string prefix;
+    trace.BuildPrefix(TL_USERINFO, prefix);
+    EXPECT_TRUE(std::regex_match(
+        prefix, std::regex(R"(USERINFO \| 0x[0-9a-f]+ \| \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \| )")))
+        << prefix;
+    EXPECT_STREQ(TraceLevelName(TL_DCT), "DCT");
+    EXPECT_EQ(TraceLevelPriority(-1), LOG_NOTICE);
+    EXPECT_EQ(TraceLevelPriority(0x107), LOG_NOTICE);
+}
+
+TEST_F(TraceTest, ConcurrentWritersKeepEachRecordWhole) {
+    g_Trace.SetLevelMask(0xFFFFFFFF);
+    constexpr int kThreads = 4, kPerThread = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                // ERR and TRACE alternate so that a priority taken from another statement shows.
+                if (i % 2 == 0) {
+                    VNTRACE(TL_ERR, "err %d %d", t, i);
+                } else {
+                    VNTRACE(TL_TRACE, "trace %d %d", t, i);
+                }
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    const auto records = syslog_capture::Records();
+    ASSERT_EQ(records.size(), static_cast<size_t>(kThreads * kPerThread));
+    for (const auto& r : records) {
+        const bool isErr = r.text.rfind("err ", 0) == 0;
+        EXPECT_EQ(r.priority, isErr ? LOG_ERR : LOG_NOTICE) << r.text;
+        EXPECT_EQ(r.text.back(), '\n');
+    }
+}
+
+}  // namespace

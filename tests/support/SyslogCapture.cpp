@@ -1,0 +1,98 @@
+#include "SyslogCapture.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<syslog_capture::Record> records;
+    std::vector<syslog_capture::OpenCall> opens;
+};
+
+State& TheState() {
+    static State* state = new State;  // never destroyed: threads may log during exit
+    return *state;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) void openlog(const char* ident, int option,
+                                                               int facility) {
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.opens.push_back({ident != nullptr ? ident : "", option, facility});
+}
+
+extern "C" __attribute__((visibility("default"))) void vsyslog(int priority, const char* format,
+                                                               va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int size = vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+    if (size > 0) vsnprintf(&text[0], text.size() + 1, format, args);
+    State& s = TheState();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.records.push_back({priority, text});
+    }
+    s.changed.notify_all();
+}
+
+namespace syslog_capture {
+
+void Clear() {
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.records.clear();
+    s.opens.clear();
+}
+
+std::vector<Record> Records() {
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.records;
+}
+
+std::vector<std::string> Texts() {
+    std::vector<std::string> texts;
+    for (const Record& r : Records()) texts.push_back(r.text);
+    return texts;
+}
+
+std::vector<OpenCall> OpenCalls() {
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.opens;
+}
+
+size_t Count(const std::string& text) {
+    size_t n = 0;
+    for (const Record& r : Records()) n += (r.text == text) ? 1 : 0;
+    return n;
+}
+
+size_t CountContaining(const std::string& fragment) {
+    size_t n = 0;
+    for (const Record& r : Records()) n += (r.text.find(fragment) != std::string::npos) ? 1 : 0;
+    return n;
+}
+
+bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
+    State& s = TheState();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    return s.changed.wait_for(lock, timeout, [&] {
+        for (const Record& r : s.records) {
+            if (r.text == text) return true;
+        }
+        return false;
+    });
+}
+
+}  // namespace syslog_capture

@@ -1,0 +1,37 @@
+// Captures the system log of a test process. Every test executable links SyslogCapture.cpp,
+// which defines openlog and vsyslog itself: the module's calls (also from a module loaded with
+// dlopen, since test executables export their symbols) land here instead of in the C library.
+#ifndef TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
+#define TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace syslog_capture {
+
+struct Record {
+    int priority;
+    std::string text;  // the fully formatted record, exactly as the module wrote it
+};
+
+struct OpenCall {
+    std::string ident;
+    int option;
+    int facility;
+};
+
+void Clear();
+std::vector<Record> Records();
+std::vector<std::string> Texts();
+std::vector<OpenCall> OpenCalls();
+// Number of records whose text equals `text` exactly.
+size_t Count(const std::string& text);
+// Number of records containing `fragment`.
+size_t CountContaining(const std::string& fragment);
+// Waits until a record equal to `text` exists; false when `timeout` runs out first.
+bool WaitFor(const std::string& text, std::chrono::milliseconds timeout);
+
+}  // namespace syslog_capture
+
+#endif  // TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
