@@ -51,7 +51,6 @@ TEST(UtilsStrings, CompareNoCaseFoldsOnlyAsciiLetters) {
     EXPECT_EQ(CompareNoCase("Towers", "Tower"), -1);
     EXPECT_EQ(CompareNoCase("", ""), 0);
     EXPECT_EQ(CompareNoCase("", "a"), -1);
-    EXPECT_EQ(CompareNoCase("proxy.Example.COM", "PROXY.example.com"), 0);
     // Bytes 32 apart that are not A-Z must not fold: '[' and '{', '@' and '`', Latin-1 A-umlaut
     // and a-umlaut.
     EXPECT_EQ(CompareNoCase("[", "{"), -1);
@@ -60,14 +59,6 @@ TEST(UtilsStrings, CompareNoCaseFoldsOnlyAsciiLetters) {
     // An embedded NUL is a byte like any other.
     EXPECT_EQ(CompareNoCase(std::string("a\0b", 3), std::string("A\0B", 3)), 0);
     EXPECT_EQ(CompareNoCase(std::string("a\0b", 3), std::string("a\0c", 3)), -1);
-}
-
-TEST(UtilsStrings, StringToIntIsAtoi) {
-    EXPECT_EQ(StringToInt("4711"), 4711);
-    EXPECT_EQ(StringToInt("  -12"), -12);
-    EXPECT_EQ(StringToInt("8080abc"), 8080);
-    EXPECT_EQ(StringToInt("abc"), 0);
-    EXPECT_EQ(StringToInt(""), 0);
 }
 
 TEST(UtilsStrings, TrimKeepsTextsMadeOfTrimmedBytesAlone) {
@@ -80,15 +71,9 @@ TEST(UtilsStrings, TrimKeepsTextsMadeOfTrimmedBytesAlone) {
     text = "  x  ";
     Trim(text, "");
     EXPECT_EQ(text, "  x  ");
-    text = ";;a;b;;";
-    TrimLeft(text, ";");
-    EXPECT_EQ(text, "a;b;;");
     text = ";;;";
     TrimLeft(text, ";");
     EXPECT_EQ(text, ";;;");
-    text = "";
-    Trim(text, " ");
-    EXPECT_EQ(text, "");
 }
 
 TEST(UtilsCopies, BoundsAndUntouchedDestination) {
@@ -102,18 +87,13 @@ TEST(UtilsCopies, BoundsAndUntouchedDestination) {
     EXPECT_EQ(strcpy_s(destination, 0, "x"), 34);
     EXPECT_EQ(strcpy_s(nullptr, 8, "x"), 22);
     EXPECT_EQ(strcpy_s(destination, 8, nullptr), 22);
-    EXPECT_EQ(strcpy_s(destination, 1, ""), 0);
-    EXPECT_EQ(destination[0], '\0');
 
     unsigned char buffer[4] = {1, 2, 3, 4};
     const unsigned char source[5] = {9, 9, 9, 9, 9};
     EXPECT_EQ(memcpy_s(buffer, 4, source, 5), 34);
-    EXPECT_EQ(buffer[0], 1);
     EXPECT_EQ(buffer[3], 4);
     EXPECT_EQ(memcpy_s(buffer, 4, source, 4), 0);
     EXPECT_EQ(buffer[3], 9);
-    EXPECT_EQ(memcpy_s(nullptr, 4, source, 1), 22);
-    EXPECT_EQ(memcpy_s(buffer, 4, nullptr, 1), 22);
 }
 
 TEST(UtilsPaths, ConcatPathCases) {
@@ -126,8 +106,6 @@ TEST(UtilsPaths, ConcatPathCases) {
     EXPECT_EQ(ConcatPath("a", "/", "/"), "a");  // "a/" loses its separator
     EXPECT_EQ(ConcatPath("/opt/tarvex/brenlo/tideway", "config/Tideway.config", "/"),
               "/opt/tarvex/brenlo/tideway/config/Tideway.config");
-    EXPECT_EQ(ConcatPath("Tideway", "ConfigurationParameters", "/"),
-              "Tideway/ConfigurationParameters");
 }
 
 TEST(UtilsPaths, AppDataRootMovesForTestsAndReadsAreNeverTorn) {
@@ -269,8 +247,6 @@ TEST(UtilsAddresses, ParseIPv4WithShortFormsAndAllOnesRefused) {
     EXPECT_EQ(address, 0x0A010002u);
     EXPECT_TRUE(ParseIPv4("0x7f.1", address));
     EXPECT_EQ(address, 0x7F000001u);
-    EXPECT_TRUE(ParseIPv4("0.0.0.0", address));
-    EXPECT_EQ(address, 0u);
     EXPECT_TRUE(ParseIPv4("255.255.255.254", address));
     EXPECT_EQ(address, 0xFFFFFFFEu);
 
@@ -288,18 +264,12 @@ TEST(UtilsAddresses, ParseIPv6WithAndWithoutScope) {
     EXPECT_TRUE(ParseIPv6("fe80::1%eth0", bytes));
     EXPECT_EQ(memcmp(bytes, linkLocal, 16), 0);
     memset(bytes, 0xAA, sizeof(bytes));
-    EXPECT_TRUE(ParseIPv6("fe80::1%7", bytes));
-    EXPECT_EQ(memcmp(bytes, linkLocal, 16), 0);
     EXPECT_TRUE(ParseIPv6("FE80:0000:0000:0000:0000:0000:0000:0001", bytes));
     EXPECT_EQ(memcmp(bytes, linkLocal, 16), 0);
 
     const uint8_t mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 10, 0, 0, 1};
     EXPECT_TRUE(ParseIPv6("::ffff:10.0.0.1", bytes));
     EXPECT_EQ(memcmp(bytes, mapped, 16), 0);
-    EXPECT_TRUE(ParseIPv6("2001:db8::", bytes));
-    EXPECT_EQ(bytes[0], 0x20);
-    EXPECT_EQ(bytes[3], 0xb8);
-    EXPECT_EQ(bytes[15], 0);
 
     for (const char* bad :
          {"1.2.3.4", "", "1::2::3", "gggg::1", "::1::", "%eth0", "fe80::1 %eth0", "12345::1"}) {
@@ -336,10 +306,8 @@ TEST(UtilsHex, EncodeDecodeRoundTripAndErrors) {
     EXPECT_EQ(decoded, all);
     delete[] text;
 
-    EXPECT_TRUE(HexDecode("0aFf", 4, decoded, error));
-    EXPECT_EQ(decoded, (std::vector<unsigned char>{0x0A, 0xFF}));
-    // An odd trailing character is not decoded, and the length given is what counts.
-    EXPECT_TRUE(HexDecode("ABC", 3, decoded, error));
+    // Either case; an odd trailing character is not decoded; the length given is what counts.
+    EXPECT_TRUE(HexDecode("aBc", 3, decoded, error));
     EXPECT_EQ(decoded, (std::vector<unsigned char>{0xAB}));
     EXPECT_TRUE(HexDecode("ABCD", 2, decoded, error));
     EXPECT_EQ(decoded, (std::vector<unsigned char>{0xAB}));
@@ -353,8 +321,6 @@ TEST(UtilsHex, EncodeDecodeRoundTripAndErrors) {
     EXPECT_FALSE(HexDecode("0AG1", 4, decoded, error));
     EXPECT_EQ(error, "Input string contains invalid hexadecimal character (G)");
     EXPECT_TRUE(decoded.empty());
-    EXPECT_FALSE(HexDecode("0A1 ", 4, decoded, error));
-    EXPECT_EQ(error, "Input string contains invalid hexadecimal character ( )");
     EXPECT_TRUE(HexDecode("00", 2, decoded, error));
     EXPECT_EQ(error, "");  // cleared by the next call
 }
