@@ -35,7 +35,7 @@ struct PluginInterfaceList {
 // Common base of the API object and the presentation plug-in. No data; the slot order of the
 // virtual operations is part of the binary interface: SupportsInterface, then the destructors.
 class Plugin {
-public:
+  public:
     // Non-zero when this object implements the named interface at this version.
     virtual int SupportsInterface(const char* name, uint64_t version) = 0;
     virtual ~Plugin() {}

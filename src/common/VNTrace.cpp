@@ -32,12 +32,14 @@ CVNFileTrace g_Trace;
 CVNTrace* g_pTrace = &g_Trace;
 
 const char* TraceLevelName(int level) {
-    if (level < 0 || level >= kTraceLevelCount) return "";
+    if (level < 0 || level >= kTraceLevelCount)
+        return "";
     return kLevelNames[level];
 }
 
 int TraceLevelPriority(int level) {
-    if (level < 0 || level >= kTraceLevelCount) return LOG_NOTICE;
+    if (level < 0 || level >= kTraceLevelCount)
+        return LOG_NOTICE;
     return kLevelPriorities[level];
 }
 
@@ -66,7 +68,9 @@ bool CVNTrace::Lock() {
     }
 }
 
-void CVNTrace::Unlock() { m_Mutex.unlock(); }
+void CVNTrace::Unlock() {
+    m_Mutex.unlock();
+}
 
 int CVNTrace::SetLevelMask(uint32_t mask) {
     m_LevelMask.store(mask, std::memory_order_relaxed);
@@ -75,9 +79,11 @@ int CVNTrace::SetLevelMask(uint32_t mask) {
 
 void CVNTrace::SetDebugLevel(uint32_t mask) {
     if (!m_Initialized) {
-        if (mask >= 0x8000) mask &= 0x7FFF;
+        if (mask >= 0x8000)
+            mask &= 0x7FFF;
         const uint32_t warnAndErr = (1u << TL_WARN) | (1u << TL_ERR);
-        if ((mask & warnAndErr) != warnAndErr) mask |= warnAndErr;
+        if ((mask & warnAndErr) != warnAndErr)
+            mask |= warnAndErr;
     }
     m_LevelMask.store(mask, std::memory_order_relaxed);
 }
@@ -87,7 +93,8 @@ CVNFileTrace::CVNFileTrace() : m_Mode(0) {}
 CVNFileTrace::~CVNFileTrace() {}
 
 void CVNFileTrace::WriteMessage(const char* format, ...) {
-    if (!m_Initialized || format == nullptr) return;
+    if (!m_Initialized || format == nullptr)
+        return;
     std::string line(format);
     line += "\n";
     va_list args;
@@ -122,13 +129,15 @@ int CVNFileTrace::InitTrace(const std::string& ident, const std::string& /*logDi
                             uint32_t /*maxFlushTime*/, uint32_t /*logFileSize*/,
                             uint32_t /*numLogFiles*/, uint32_t /*retentionSeconds*/,
                             uint32_t /*errorInterval*/) {
-    if (m_Initialized) return 0;
+    if (m_Initialized)
+        return 0;
     m_LevelMask.store(mask, std::memory_order_relaxed);
     m_Ident = ident;
     m_Mode = mode;
     m_Initialized = true;
     // openlog keeps the pointer it is given: m_Ident lives as long as the process.
-    if (!skipOpenlog) openlog(m_Ident.c_str(), kOpenlogOptions, kOpenlogFacility);
+    if (!skipOpenlog)
+        openlog(m_Ident.c_str(), kOpenlogOptions, kOpenlogFacility);
     return 0;
 }
 

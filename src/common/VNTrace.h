@@ -46,7 +46,7 @@ int TraceLevelPriority(int level);
 
 // Abstract trace object: the mutex, the mask and the level of the running statement.
 class CVNTrace {
-public:
+  public:
     CVNTrace();
     virtual ~CVNTrace();
     virtual void WriteMessage(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
@@ -59,7 +59,8 @@ public:
 
     // The masked bit of the level (not a bool); 0 for level 15 whatever the mask.
     uint32_t IsLevelEnabled(int level) const {
-        if (level == TL_OFF) return 0;
+        if (level == TL_OFF)
+            return 0;
         return (1u << (static_cast<unsigned>(level) & 31u)) &
                m_LevelMask.load(std::memory_order_relaxed);
     }
@@ -78,7 +79,7 @@ public:
     bool IsInitialized() const { return m_Initialized; }
     const std::string& GetPrefix() const { return m_Prefix; }
 
-protected:
+  protected:
     boost::recursive_mutex m_Mutex;
     std::atomic<uint32_t> m_LevelMask;  // read without the lock, relaxed
     int32_t m_CurrentLevel;
@@ -88,7 +89,7 @@ protected:
 
 // The system-log sink. File, buffering and retention settings are accepted and ignored.
 class CVNFileTrace : public CVNTrace {
-public:
+  public:
     CVNFileTrace();
     ~CVNFileTrace() override;
 
@@ -111,7 +112,7 @@ public:
 
     const std::string& GetIdent() const { return m_Ident; }
 
-private:
+  private:
     std::string m_Ident;
     int32_t m_Mode;
 };
@@ -129,34 +130,36 @@ void SyslogError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Holds the trace mutex for one statement, if it could be taken.
 class CVNTraceStatementLock {
-public:
+  public:
     explicit CVNTraceStatementLock(CVNTrace& trace) : m_Trace(trace), m_bLocked(trace.Lock()) {}
     ~CVNTraceStatementLock() {
-        if (m_bLocked) m_Trace.Unlock();
+        if (m_bLocked)
+            m_Trace.Unlock();
     }
     CVNTraceStatementLock(const CVNTraceStatementLock&) = delete;
     CVNTraceStatementLock& operator=(const CVNTraceStatementLock&) = delete;
 
-private:
+  private:
     CVNTrace& m_Trace;
     bool m_bLocked;
 };
 
 // The trace statement: VNTRACE(TL_ERR, "Config : bad value %s", text.c_str());
 // The message arguments are evaluated only when the level is enabled.
-#define VNTRACE(level, ...)                                                        \
-    do {                                                                           \
-        CVNTrace* const vnTrace_ = g_pTrace;                                       \
-        const int vnLevel_ = (level);                                              \
-        if (vnTrace_ == nullptr) {                                                 \
-            if (vnLevel_ == TL_ERR) SyslogError(__VA_ARGS__);                      \
-        } else if (vnTrace_->IsLevelEnabled(vnLevel_) != 0) {                      \
-            std::string vnPrefix_;                                                 \
-            vnTrace_->BuildPrefix(vnLevel_, vnPrefix_);                            \
-            CVNTraceStatementLock vnLock_(*vnTrace_);                              \
-            vnTrace_->BeginStatement(vnLevel_, vnPrefix_);                         \
-            vnTrace_->WriteMessage(__VA_ARGS__);                                   \
-        }                                                                          \
+#define VNTRACE(level, ...)                                   \
+    do {                                                      \
+        CVNTrace* const vnTrace_ = g_pTrace;                  \
+        const int vnLevel_ = (level);                         \
+        if (vnTrace_ == nullptr) {                            \
+            if (vnLevel_ == TL_ERR)                           \
+                SyslogError(__VA_ARGS__);                     \
+        } else if (vnTrace_->IsLevelEnabled(vnLevel_) != 0) { \
+            std::string vnPrefix_;                            \
+            vnTrace_->BuildPrefix(vnLevel_, vnPrefix_);       \
+            CVNTraceStatementLock vnLock_(*vnTrace_);         \
+            vnTrace_->BeginStatement(vnLevel_, vnPrefix_);    \
+            vnTrace_->WriteMessage(__VA_ARGS__);              \
+        }                                                     \
     } while (0)
 
 #endif  // TIDEWAY_COMMON_VNTRACE_H_

@@ -14,7 +14,7 @@ namespace {
 
 // Runs the trace statement against the process-wide object with a chosen mask, and restores it.
 class TraceTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
                           10, 10000, 100, 1, 0, 60);
@@ -29,7 +29,9 @@ protected:
 };
 
 int g_evaluations = 0;
-int Touch() { return ++g_evaluations; }
+int Touch() {
+    return ++g_evaluations;
+}
 
 TEST_F(TraceTest, RecordsHoldTheMessageAndOneNewlineWithTheLevelPriority) {
     g_Trace.SetLevelMask(0xFFFFFFFF);
@@ -111,7 +113,8 @@ TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
     trace.SetDebugLevel(0);
     EXPECT_EQ(trace.GetLevelMask(), 0u);
     trace.SetDebugLevel(0xFFFFFFFF);
-    for (int level = 0; level < kTraceLevelCount; ++level) EXPECT_NE(trace.IsLevelEnabled(level), 0u);
+    for (int level = 0; level < kTraceLevelCount; ++level)
+        EXPECT_NE(trace.IsLevelEnabled(level), 0u);
     EXPECT_EQ(trace.ChangeSettings(true, 10, 10000, 100, 1, 0, 60), 0);
 }
 
@@ -143,7 +146,8 @@ TEST_F(TraceTest, ConcurrentWritersKeepEachRecordWhole) {
             }
         });
     }
-    for (auto& th : threads) th.join();
+    for (auto& th : threads)
+        th.join();
     const auto records = syslog_capture::Records();
     ASSERT_EQ(records.size(), static_cast<size_t>(kThreads * kPerThread));
     for (const auto& r : records) {

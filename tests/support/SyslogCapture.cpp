@@ -36,7 +36,8 @@ extern "C" __attribute__((visibility("default"))) void vsyslog(int priority, con
     const int size = vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-    if (size > 0) vsnprintf(&text[0], text.size() + 1, format, args);
+    if (size > 0)
+        vsnprintf(&text[0], text.size() + 1, format, args);
     State& s = TheState();
     {
         std::lock_guard<std::mutex> lock(s.mutex);
@@ -62,7 +63,8 @@ std::vector<Record> Records() {
 
 std::vector<std::string> Texts() {
     std::vector<std::string> texts;
-    for (const Record& r : Records()) texts.push_back(r.text);
+    for (const Record& r : Records())
+        texts.push_back(r.text);
     return texts;
 }
 
@@ -74,13 +76,15 @@ std::vector<OpenCall> OpenCalls() {
 
 size_t Count(const std::string& text) {
     size_t n = 0;
-    for (const Record& r : Records()) n += (r.text == text) ? 1 : 0;
+    for (const Record& r : Records())
+        n += (r.text == text) ? 1 : 0;
     return n;
 }
 
 size_t CountContaining(const std::string& fragment) {
     size_t n = 0;
-    for (const Record& r : Records()) n += (r.text.find(fragment) != std::string::npos) ? 1 : 0;
+    for (const Record& r : Records())
+        n += (r.text.find(fragment) != std::string::npos) ? 1 : 0;
     return n;
 }
 
@@ -89,7 +93,8 @@ bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(s.mutex);
     return s.changed.wait_for(lock, timeout, [&] {
         for (const Record& r : s.records) {
-            if (r.text == text) return true;
+            if (r.text == text)
+                return true;
         }
         return false;
     });
