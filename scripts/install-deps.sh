@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev openssl
   libboost-dev libboost-thread-dev libboost-system-dev libboost-filesystem-dev
-  libboost-date-time-dev
+  libboost-date-time-dev libboost-chrono-dev
   librapidxml-dev
 )
 

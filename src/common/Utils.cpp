@@ -1,5 +1,7 @@
 #include "common/Utils.h"
 
+#include "ipc/IPCTesting.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -130,6 +132,8 @@ void SetAllUsersAppDataPathForTesting(const std::string& root) {
     AppDataRoot& state = TheAppDataRoot();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.path = root.empty() ? std::string(kProductAppDataPath) : root;
+    // The IPC socket lives under the same root.
+    ipc::SetSocketRootForTesting(root);
 }
 
 std::string GetInitialDirectory() {

@@ -2,10 +2,11 @@
 
 #include <string.h>
 
+#include "api/VantoriaApi.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
 
-CVantoriaApi* g_pVantoriaApi = nullptr;
+std::atomic<CVantoriaApi*> g_pVantoriaApi{nullptr};
 
 namespace {
 
@@ -21,18 +22,52 @@ void StartTrace() {
                       false, true, 10, 10000, 100, 1, 0, 60);
 }
 
-// Makes the plug-in for a non-null name. The names are compared whole, byte for byte.
-Plugin* CreateNamedPlugin(const char* interfaceName) {
-    const bool isApi = strcmp(interfaceName, kVantoriaApiInterfaceName) == 0;
-    const bool isPresentation = strcmp(interfaceName, kPresentationInterfaceName) == 0;
-    if (!isApi && !isPresentation) {
-        VNTRACE(TL_ERR, "Unknown interface name: %s", interfaceName);
+// The object the host holds for the live plug-in. Disposing the live plug-in must free the whole
+// object, which for a presentation plug-in is not the API that g_pVantoriaApi points into.
+Plugin* g_pLivePlugin = nullptr;
+
+// Makes, initialises and starts the API object of row 0, connecting on `port`. Null on failure,
+// with the reason in the log and nothing left running.
+Plugin* CreateApiPlugin(uint16_t port) {
+    CVantoriaApi* api = new CVantoriaApi();
+    g_pVantoriaApi = api;
+    VNTRACE(TL_TRACE, "Created plugin IVANTORIA_API (%p)", static_cast<void*>(api));
+    if (!api->Initialize(port)) {
+        g_pVantoriaApi = nullptr;
+        delete api;
+        VNTRACE(TL_ERR, "CreatePlugin failed. CVantoriaApi initialize failed.");
         return nullptr;
     }
-    // The API object and the presentation plug-in are not part of this build yet: refuse
-    // rather than hand out an object that cannot do anything.
-    VNTRACE(TL_ERR, "CreatePlugin failed. Interface %s cannot be created in this build.",
-            interfaceName);
+    if (!api->StartCommunicator()) {
+        g_pVantoriaApi = nullptr;
+        delete api;
+        VNTRACE(TL_ERR, "CreatePlugin failed. StartCommunicator failed.");
+        return nullptr;
+    }
+    VNTRACE(TL_TRACE, "CreatePlugin created new CVantoriaApi");
+    return api;
+}
+
+// Makes the plug-in for a non-null name. The names are compared whole, byte for byte.
+Plugin* CreateNamedPlugin(const char* interfaceName, uint16_t port) {
+    if (g_pVantoriaApi.load() != nullptr) {
+        VNTRACE(TL_WARN,
+                "CreatePlugin called while Plugin already appears to have been created.  "
+                "Existing Plugin will be disposed.");
+        DisposePluginImpl(g_pLivePlugin);
+    }
+    if (strcmp(interfaceName, kVantoriaApiInterfaceName) == 0) {
+        g_pLivePlugin = CreateApiPlugin(port);
+        return g_pLivePlugin;
+    }
+    if (strcmp(interfaceName, kPresentationInterfaceName) == 0) {
+        // The presentation plug-in is not part of this build yet: refuse rather than hand out
+        // an object that cannot do anything.
+        VNTRACE(TL_ERR, "CreatePlugin failed. Interface %s cannot be created in this build.",
+                interfaceName);
+        return nullptr;
+    }
+    VNTRACE(TL_ERR, "Unknown interface name: %s", interfaceName);
     return nullptr;
 }
 
@@ -49,7 +84,7 @@ Plugin* CreatePluginImpl(const char* interfaceName) {
         VNTRACE(TL_ERR, "CreatePlugin failed. Interface name null.");
         return nullptr;
     }
-    return CreateNamedPlugin(interfaceName);
+    return CreateNamedPlugin(interfaceName, kDefaultIpcPort);
 }
 
 bool DisposePluginImpl(Plugin* plugin) {
@@ -57,6 +92,8 @@ bool DisposePluginImpl(Plugin* plugin) {
     // Cleared before the destruction: a communicator thread that looks during the tear-down
     // finds no API and drops its notification.
     g_pVantoriaApi = nullptr;
+    if (plugin == g_pLivePlugin)
+        g_pLivePlugin = nullptr;
     if (plugin != nullptr)
         delete plugin;
     return true;

@@ -2,13 +2,16 @@
 // live API object and the internal forms of the exported functions.
 //
 // Host thread only: CreatePlugin and DisposePlugin take no lock and must not run concurrently.
-// g_pVantoriaApi is a plain pointer without a lock; communicator threads read it and must cope
-// with finding it null while a plug-in is being torn down.
+// g_pVantoriaApi is a pointer without a lock (an atomic word, so that the reads of the
+// communicator threads are well defined); they must cope with finding it null while a plug-in is
+// being torn down.
 #ifndef TIDEWAY_PLUGIN_PLUGINENTRY_H_
 #define TIDEWAY_PLUGIN_PLUGINENTRY_H_
 
 #include <stddef.h>
 #include <stdint.h>
+
+#include <atomic>
 
 #include "Plugin.h"
 
@@ -16,7 +19,10 @@ class CVantoriaApi;
 
 // The live API object, null when there is none. For the presentation plug-in it points to the
 // API held inside that plug-in, not to the object the host holds.
-extern CVantoriaApi* g_pVantoriaApi;
+extern std::atomic<CVantoriaApi*> g_pVantoriaApi;
+
+// The port the API connects on until the configuration supplies the profile's ipc_port.
+constexpr uint16_t kDefaultIpcPort = 5003;
 
 // Rows of the interface table, in order.
 constexpr const char* kVantoriaApiInterfaceName = "com.tarvex.brenlo.tideway.api";

@@ -1,0 +1,81 @@
+// CVantoriaApi: the client API object. Commands make one message each and queue it on the
+// communicator's main queue (refused with -10 unless the agent has said its service runs);
+// notification entries, called by the communicator's threads through g_pVantoriaApi, decode
+// the agent's data into result objects and call the registered IVantoriaApiCB.
+//
+// Commands may come from any thread: m_SendLock makes "connected?" and the post one step.
+// m_CallbackLock guards Register/Unregister and the saved statuses; notifications read the
+// callback pointer without it, so Unregister does not wait for a running callback.
+#ifndef TIDEWAY_API_VANTORIAAPI_H_
+#define TIDEWAY_API_VANTORIAAPI_H_
+
+#include <stdint.h>
+
+#include <atomic>
+#include <list>
+#include <string>
+
+#include <boost/thread/recursive_mutex.hpp>
+
+#include "IVantoriaApi.h"
+#include "comm/ClientSideCommunicator.h"
+
+class CVantoriaApi : public IVantoriaApi {
+  public:
+    CVantoriaApi();
+    ~CVantoriaApi() override;
+
+    // Plugin
+    int SupportsInterface(const char* name, uint64_t version) override;
+
+    // IVantoriaApi
+    int32_t GetLastErrorString(char* buffer, uint32_t& length) override;
+    int32_t SetTower(const char* name) override;
+    int32_t SendProxyInfo(const ProxyCredInfo* info) override;
+    int32_t CancelProxyCred() override;
+    int32_t EnableService(bool enable) override;
+    int32_t GetTowerList() override;
+    int32_t GetDCTSettings() override;
+    int32_t SetDCTSettings(uint32_t mode, uint32_t detectClosest) override;
+    int32_t StartStatsCollecting() override;
+    int32_t StopStatsCollecting() override;
+    int32_t QueryProxyState() override;
+    int32_t Start() override;
+    int32_t Disconnect() override;
+    int32_t Register(IVantoriaApiCB* callback) override;
+    int32_t Unregister(IVantoriaApiCB* callback) override;
+
+    // Made by the creation sequence: the communicator for `port`, then its main thread.
+    bool Initialize(uint16_t port);
+    bool StartCommunicator();
+    // The one road from the commands to the communicator.
+    bool SendCommMessage(const MSG_QUEUE_MSG* message);
+
+    // Notification entries; true when the callback was called.
+    bool StatusNotificationCB(uint32_t status);
+    bool DCTSettingNotificationCB(const uint8_t* data, uint32_t length);
+    bool DCTActiveTowerNotificationCB(const uint8_t* data, uint32_t length);
+    bool TowerListNotificationCB(const uint8_t* data, uint32_t length);
+    bool ProxyCredReqCB(const uint8_t* data, uint32_t length);
+    bool StatisticsNotificationCB(const uint8_t* data);
+    bool InfoMessageNotificationCB(uint32_t type, const std::string& text);
+    void SetLastError(const std::string& text);
+
+    // For tests and the host harness: the communicator, or null.
+    CClientSideCommunicator* GetCommunicator() { return m_pClientComm; }
+
+  private:
+    // A command without data: queue `id`, log the success or the failure text.
+    int32_t SendSimple(eCOMM_MESSAGE_ID id, const char* successText, const char* failureText);
+
+    std::atomic<IVantoriaApiCB*> m_pCallback;
+    std::string m_LastError;
+    bool m_bInitialized;
+    CClientSideCommunicator* m_pClientComm;
+    std::list<uint32_t> m_PendingStatus;
+    boost::recursive_mutex m_SendLock;
+    boost::recursive_mutex m_CallbackLock;
+    boost::recursive_mutex m_LastErrorLock;  // the receiver sets the text, any thread reads it
+};
+
+#endif  // TIDEWAY_API_VANTORIAAPI_H_

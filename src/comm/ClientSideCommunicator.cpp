@@ -1,0 +1,456 @@
+#include "comm/ClientSideCommunicator.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "api/VantoriaApi.h"
+#include "common/VNTrace.h"
+#include "plugin/PluginEntry.h"
+
+namespace {
+
+constexpr uint32_t kQueueReadMs = 200;
+constexpr uint32_t kReceiverStartMs = 2000;
+constexpr uint32_t kReconnectPauseMs = 2000;
+
+std::mutex g_FactoryMutex;
+IPCClientFactoryForTesting g_Factory;
+
+IIPCClient* MakeIPCClient(uint32_t identity, IIPCCallback* callback) {
+    {
+        std::lock_guard<std::mutex> lock(g_FactoryMutex);
+        if (g_Factory)
+            return g_Factory(identity, callback);
+    }
+    BR_STATUSCODE status = 0;  // not looked at: a null object says enough
+    return CIPCFactory::CreateIPCClient(identity, callback, status, 0);
+}
+
+// Status codes handed to StatusNotificationCB.
+constexpr uint32_t kStatusServiceStopped = 1;
+constexpr uint32_t kStatusConnected = 9;
+constexpr uint32_t kStatusTowerChangeFailed = 10;
+constexpr uint32_t kStatusTowerChanged = 11;
+constexpr uint32_t kStatusDctFailed = 12;
+constexpr uint32_t kStatusDctChanged = 13;
+constexpr uint32_t kStatusStatsFailed = 14;
+constexpr uint32_t kStatusStatsStarted = 15;
+
+void Notify(uint32_t status) {
+    if (CVantoriaApi* api = g_pVantoriaApi.load())
+        api->StatusNotificationCB(status);
+}
+
+// A result byte: length 0 has no effect at all.
+void NotifyResult(const MSG_QUEUE_MSG& message, uint32_t success, uint32_t failure,
+                  const char* failureText) {
+    if (message.m_DataLength == 0 || message.m_pData == nullptr)
+        return;
+    CVantoriaApi* api = g_pVantoriaApi.load();
+    if (api == nullptr)
+        return;
+    if (message.m_pData[0] != 0) {
+        api->StatusNotificationCB(success);
+    } else {
+        api->SetLastError(failureText);
+        api->StatusNotificationCB(failure);
+    }
+}
+
+bool IsSenderMessage(uint32_t id) {
+    switch (id) {
+        case COMM_MSG_START_SERVICE:
+        case COMM_MSG_STOP_SERVICE:
+        case COMM_MSG_DISCONNECT:
+        case COMM_MSG_CONFIG_DATA:
+        case COMM_MSG_TOWERS_REQUEST_INFO:
+        case COMM_MSG_CHANGE_ACTIVE_TOWER:
+        case COMM_MSG_DCT_SETTINGS_REQUEST:
+        case COMM_MSG_DCT_SETTINGS_UPDATE:
+        case COMM_MSG_PROXY_CRED_RESPONSE:
+        case COMM_MSG_PROXY_STATE_QUERY:
+        case COMM_MSG_PROXY_CANCEL_REQUEST:
+        case COMM_MSG_SERVICE_STATS_START:
+        case COMM_MSG_SERVICE_STATS_STOP:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+void SetIPCClientFactoryForTesting(IPCClientFactoryForTesting factory) {
+    std::lock_guard<std::mutex> lock(g_FactoryMutex);
+    g_Factory = std::move(factory);
+}
+
+CClientSideCommunicator::CClientSideCommunicator(uint32_t port, uint32_t clientType,
+                                                 uint32_t connectParam, uint32_t dbgLevel)
+    : CCommunicator(port, clientType, connectParam),
+      m_bSenderStarted(false),
+      m_bReceiverStarted(false),
+      m_DbgLevel(dbgLevel),
+      m_bServiceStopped(false),
+      m_EventRcvThreadStarted(true) {}
+
+CClientSideCommunicator::~CClientSideCommunicator() {
+    Stop();
+    m_bInitialized = false;
+}
+
+void CClientSideCommunicator::Stop() {
+    CCommunicator::Stop();
+}
+
+COMM_STATUS CClientSideCommunicator::CreateChannel() {
+    uint32_t identity;
+    switch (m_ClientType) {
+        case kClientTypeApi:
+            identity = kIdentityClientApi;
+            break;
+        case kClientTypeDebugLevel:
+            m_Callback.SetDbgLevel(m_DbgLevel);
+            identity = kIdentityClientCommand;
+            break;
+        case kClientTypeDisableService:
+        case kClientTypeEnableService:
+            identity = kIdentityClientCommand;
+            break;
+        default:
+            VNTRACE(TL_ERR, "ClientComm - Invalid client type (%d)", m_ClientType);
+            return -1;
+    }
+    IIPCClient* client = MakeIPCClient(identity, &m_Callback);
+    delete m_pSecureIPCClientInstance;
+    m_pSecureIPCClientInstance = client;
+    if (client == nullptr) {
+        VNTRACE(TL_ERR, "SecureIPC : Failed to create client object");
+        return -1;
+    }
+    VNTRACE(TL_IPC, "SecureIPC : client object created successfully");
+    return 0;
+}
+
+uint32_t CClientSideCommunicator::MainThread() {
+    COMM_STATUS result = 0;
+    try {
+        while (!IsStopping()) {
+            result = Connect();
+            if (result != 0) {
+                CSyncEvent* events[] = {&m_EventStop};
+                WaitForObjects(1, events, false, kReconnectPauseMs);
+            }
+            SetConnected(false);
+            Notify(8);
+            m_EventMainCycle.SetEvent();
+        }
+    } catch (...) {
+        VNTRACE(TL_ERR, "ClientComm: MainThread exception");
+    }
+    return static_cast<uint32_t>(result);
+}
+
+COMM_STATUS CClientSideCommunicator::Connect() {
+    boost::unique_lock<boost::recursive_mutex> lock(m_StateLock);
+    if (m_ClientType < kClientTypeApi || m_ClientType > kClientTypeDebugLevel) {
+        VNTRACE(TL_ERR, "ClientComm - Invalid client type (%d)", m_ClientType);
+        return kCommFail;
+    }
+    if (m_pSecureIPCClientInstance == nullptr) {
+        VNTRACE(TL_ERR, "ClientComm - m_pSecureIPCClientInstance not available");
+        return -1;
+    }
+    if (m_ClientType != kClientTypeApi) {
+        if (m_pSecureIPCClientInstance->ConnectAsync(kIdentityService, 0, m_ConnectParam,
+                                                     static_cast<uint16_t>(m_Port)) != 0) {
+            VNTRACE(TL_ERR, "SecureIPC : ConnectAsync failed");
+            return -1;
+        }
+        VNTRACE(TL_TRACE, "SecureIPC : ConnectAsync was done successfully");
+        return 0;
+    }
+    if (m_pMainQueue == nullptr) {
+        CMsgQueue* queue = new (std::nothrow) CMsgQueue("VN$COMMUNICATOR");
+        if (queue == nullptr) {
+            VNTRACE(TL_ERR,
+                    "ClientComm : Failed to create main thread's message queue, System Out Of "
+                    "Memory!!!");
+            return kCommOutOfMemory;
+        }
+        boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
+        m_pMainQueue = queue;
+    }
+    m_pMainQueue->Clear();
+    lock.unlock();
+    ProcessMessages();
+    CMsgQueue* queue;
+    {
+        boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
+        queue = m_pMainQueue;
+        m_pMainQueue = nullptr;
+    }
+    delete queue;
+    return -1;
+}
+
+COMM_STATUS CClientSideCommunicator::ProcessMessages() {
+    try {
+        if (m_pSecureIPCClientInstance == nullptr) {
+            VNTRACE(TL_ERR, "ClientComm : m_pSecureIPCClientInstance is not available");
+            return -1;
+        }
+        const COMM_STATUS started = StartSndRcvThreads();
+        if (started != 0) {
+            VNTRACE(TL_WARN, "ClientComm : Failed to start snd/rcv threads. Code : %d",
+                    static_cast<int>(started));
+            return started;
+        }
+        CSyncEvent* events[] = {&m_EventRcvThreadStarted};
+        const uint32_t waited = WaitForObjects(1, events, false, kReceiverStartMs);
+        if (waited != 0) {
+            if (waited == kWaitTimeout) {
+                VNTRACE(TL_TRACE, "ClientComm : m_EventRcvThreadStarted time out event happened");
+            } else {
+                VNTRACE(TL_TRACE,
+                        "ClientComm : WaitForSingleObject m_EventRcvThreadStarted event error");
+            }
+            m_EventRcvThreadStarted.ResetEvent();
+            StopSndRcvThreads();
+            return -1;
+        }
+        VNTRACE(TL_TRACE, "ClientComm : m_EventRcvThreadStarted notified");
+        m_EventRcvThreadStarted.ResetEvent();
+
+        if (m_pSecureIPCClientInstance->ConnectAsync(kIdentityService, 0, m_ConnectParam,
+                                                     static_cast<uint16_t>(m_Port)) != 0) {
+            VNTRACE(TL_ERR, "SecureIPC : setupasync failed");
+            StopSndRcvThreads();
+            return -1;
+        }
+        VNTRACE(TL_TRACE, "SecureIPC : setupasync was done successfully");
+
+        while (!IsStopping()) {
+            std::unique_ptr<MSG_QUEUE_MSG> message = m_pMainQueue->GetMessage(true, kQueueReadMs);
+            if (!message)
+                continue;
+            VNTRACE(TL_TRACE, "ClientComm : msgid %s", GetMessageName(message->m_MessageId));
+            if (message->m_MessageId == COMM_MSG_PEER_DC) {
+                VNTRACE(TL_TRACE, "ClientComm : peer disconnected, stopping snd/rcv threads");
+                break;
+            }
+            if (message->m_MessageId == COMM_MSG_QUIT) {
+                VNTRACE(TL_TRACE, "ClientComm : Received quit message (2)");
+                break;
+            }
+            boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
+            if (m_pSenderData != nullptr)
+                m_pSenderData->m_pQueue->PutMessage(message.get());
+        }
+        StopSndRcvThreads();
+        return 0;
+    } catch (...) {
+        VNTRACE(TL_ERR, "ClientComm: ProcessMessages exception");
+        return 0;
+    }
+}
+
+uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
+    const bool sender = data->m_ThreadType == kThreadTypeSender;
+    CMsgQueue* queue = data->m_pQueue;
+    try {
+        queue->Clear();
+        if (sender) {
+            VNTRACE(TL_IPC, "ClientComm : Sender thread started");
+            m_bSenderStarted = true;
+        } else {
+            VNTRACE(TL_IPC, "ClientComm : Receiver thread started");
+            m_bReceiverStarted = true;
+            m_EventRcvThreadStarted.SetEvent();
+        }
+        bool quit = false;
+        while (!quit && !IsStopping()) {
+            std::unique_ptr<MSG_QUEUE_MSG> message = queue->GetMessage(true, kQueueReadMs);
+            if (!message || message->m_MessageId == COMM_MSG_NONE)
+                continue;
+            const uint32_t id = message->m_MessageId;
+            if (m_bServiceStopped) {
+                // Until the agent says its service runs, only these three are looked at.
+                if (id != COMM_MSG_SRVC_STARTED && id != COMM_MSG_DISCONNECT &&
+                    id != COMM_MSG_QUIT) {
+                    continue;
+                }
+            } else if (id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE) {
+                continue;
+            }
+
+            if (IsSenderMessage(id)) {
+                if (!sender)
+                    continue;
+                VNTRACE(TL_IPC, "ClientComm sending... msgid %s", GetMessageName(id));
+                if (SendPacket(message.get(), false) != 0) {
+                    VNTRACE(TL_ERR,
+                            "ClientComm : Failed to send msg (%s) to server, server not "
+                            "accessible.",
+                            GetMessageName(id));
+                    // A failed send ends like a lost agent: the main thread stops both threads
+                    // and the reconnect cycle takes over.
+                    MSG_QUEUE_MSG disconnected(COMM_MSG_PEER_DC, 0, 1, 0);
+                    PostToMain(&disconnected);
+                    break;
+                }
+                continue;
+            }
+
+            const uint32_t length = message->m_pData != nullptr ? message->m_DataLength : 0;
+            switch (id) {
+                case COMM_MSG_SRVC_STARTED:
+                    SetConnected(true);
+                    VNTRACE(TL_IPC, "ClientComm : Fully Connected to server");
+                    m_bServiceStopped = false;
+                    Notify(kStatusConnected);
+                    break;
+                case COMM_MSG_SRVC_START_FAILED:
+                case COMM_MSG_SRVC_STOPPED:
+                    m_bServiceStopped = true;
+                    Notify(kStatusServiceStopped);
+                    break;
+                case COMM_MSG_QUIT:
+                    if (sender) {
+                        VNTRACE(TL_IPC, "ClientComm : sender thread received quit message.");
+                    } else {
+                        VNTRACE(TL_IPC, "ClientComm : receiver thread received quit message.");
+                    }
+                    quit = true;
+                    break;
+                case COMM_MSG_ICON_APLUS_STATE:
+                    if (length != 0)
+                        HandleStateByte(static_cast<int8_t>(message->m_pData[0]));
+                    break;
+                case COMM_MSG_TOWERS_RESPONSE_INFO:
+                    if (length != 0) {
+                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
+                            api->TowerListNotificationCB(message->m_pData, length);
+                        }
+                    }
+                    break;
+                case COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS:
+                    NotifyResult(*message, kStatusTowerChanged, kStatusTowerChangeFailed,
+                                 "Tower change failed");
+                    break;
+                case COMM_MSG_DCT_SETTINGS_RESPONSE:
+                    if (length != 0) {
+                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
+                            api->DCTSettingNotificationCB(message->m_pData, length);
+                        }
+                    }
+                    break;
+                case COMM_MSG_DCT_SETTINGS_UPDATED:
+                    NotifyResult(*message, kStatusDctChanged, kStatusDctFailed,
+                                 "Detect Closest Tower change failed");
+                    break;
+                case COMM_MSG_DCT_TOWER_ACTIVATED:
+                    VNTRACE(TL_IPC, "ClientComm: COMM_MSG_DCT_TOWER_ACTIVATED");
+                    if (length != 0) {
+                        VNTRACE(TL_IPC, "ClientComm: calling DCTActiveTowerNotificationCB");
+                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
+                            api->DCTActiveTowerNotificationCB(message->m_pData, length);
+                        }
+                    }
+                    break;
+                case COMM_MSG_PROXY_CRED_REQUEST:
+                    VNTRACE(TL_IPC, "ClientComm: COMM_MSG_PROXY_CRED_REQUEST");
+                    if (length != 0) {
+                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
+                            api->ProxyCredReqCB(message->m_pData, length);
+                        }
+                    }
+                    break;
+                case COMM_MSG_SERVICE_STATS_START_RESULT:
+                    VNTRACE(TL_IPC, "ClientComm : COMM_MSG_SERVICE_STATS_START_RESULT");
+                    NotifyResult(*message, kStatusStatsStarted, kStatusStatsFailed,
+                                 "Start collecting Statistics failed");
+                    break;
+                case COMM_MSG_SERVICE_STATS:
+                    if (CVantoriaApi* api = g_pVantoriaApi.load()) {
+                        // The record is read whole: a short message is padded with zeros here
+                        // rather than read past its end.
+                        if (length >= sizeof(ServiceStatistics)) {
+                            api->StatisticsNotificationCB(message->m_pData);
+                        } else {
+                            ServiceStatistics padded;
+                            memset(&padded, 0, sizeof(padded));
+                            if (length != 0)
+                                memcpy(&padded, message->m_pData, length);
+                            api->StatisticsNotificationCB(reinterpret_cast<uint8_t*>(&padded));
+                        }
+                    }
+                    break;
+                case COMM_MSG_INFO_MESSAGE:
+                    VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE");
+                    HandleInfoMessage(*message);
+                    break;
+                default:
+                    break;
+            }
+        }
+    } catch (...) {
+        VNTRACE(TL_ERR, "ClientComm : Unknown exception occurred");
+    }
+    if (sender) {
+        VNTRACE(TL_IPC, "ClientComm : Sender thread exits");
+    } else {
+        VNTRACE(TL_IPC, "ClientComm : Receiver thread exits");
+    }
+    return 0;
+}
+
+void CClientSideCommunicator::HandleStateByte(int8_t state) {
+    const uint8_t bits = static_cast<uint8_t>(state);
+    if (bits & 0x08) {
+        Notify(6);
+        Notify(0);
+        Notify(6);
+    } else if (bits & 0x40) {
+        Notify(17);
+    } else if (bits & 0x02) {
+        Notify(3);
+    } else if (bits & 0x04) {
+        Notify(4);
+    } else if (bits & 0x10) {
+        Notify(5);
+    } else if (bits & 0x20) {
+        Notify(16);
+    } else if (bits & 0x01) {
+        Notify(2);
+        Notify(0);
+        Notify(2);
+    } else if (bits == 0) {
+        Notify(0);
+    }
+}
+
+void CClientSideCommunicator::HandleInfoMessage(const MSG_QUEUE_MSG& message) {
+    // The text ends at its NUL; a message without one ends at its length, so nothing past the
+    // data is read.
+    std::string text;
+    if (message.m_pData != nullptr && message.m_DataLength != 0) {
+        const char* data = reinterpret_cast<const char*>(message.m_pData);
+        text.assign(data, strnlen(data, message.m_DataLength));
+    }
+    const size_t hash = text.find('#');
+    if (text.empty() || hash == std::string::npos) {
+        VNTRACE(TL_ERR, "ClientComm : COMM_MSG_INFO_MESSAGE, badly formatted message");
+        return;
+    }
+    const uint32_t type = static_cast<uint32_t>(atoi(text.substr(0, hash).c_str()));
+    const std::string body = text.substr(hash + 1);
+    VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE: msg='%s'", body.c_str());
+    if (CVantoriaApi* api = g_pVantoriaApi.load())
+        api->InfoMessageNotificationCB(type, body);
+}

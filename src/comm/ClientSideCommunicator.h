@@ -1,0 +1,48 @@
+// CClientSideCommunicator: the communicator of this module (client type 2). Its main thread
+// keeps a connection to the agent alive for ever, one pass per connection with a 2-second pause
+// after each; its sender writes commands to the channel; its receiver turns the agent's messages
+// into calls on the API's notification entries (through g_pVantoriaApi, tested for null).
+//
+// Made and destroyed by CVantoriaApi on the host's thread; the destructor runs the stop
+// sequence. m_bServiceStopped is shared by sender and receiver without a lock (atomic).
+#ifndef TIDEWAY_COMM_CLIENTSIDECOMMUNICATOR_H_
+#define TIDEWAY_COMM_CLIENTSIDECOMMUNICATOR_H_
+
+#include <stdint.h>
+
+#include <atomic>
+#include <functional>
+
+#include "comm/Communicator.h"
+
+class CClientSideCommunicator : public CCommunicator {
+  public:
+    CClientSideCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam,
+                            uint32_t dbgLevel);
+    ~CClientSideCommunicator() override;
+
+    void Stop() override;
+    uint32_t MainThread() override;
+    uint32_t ThreadProc(COMM_THREAD_DATA* data) override;
+    COMM_STATUS ProcessMessages() override;
+    COMM_STATUS CreateChannel() override;
+    COMM_STATUS Connect() override;
+
+  private:
+    // The receiver's handling of a state byte and of an info text.
+    void HandleStateByte(int8_t state);
+    void HandleInfoMessage(const MSG_QUEUE_MSG& message);
+
+    bool m_bSenderStarted;
+    bool m_bReceiverStarted;
+    uint32_t m_DbgLevel;
+    std::atomic<bool> m_bServiceStopped;
+    CSyncEvent m_EventRcvThreadStarted;  // auto reset
+};
+
+// Testing seam: replaces CIPCFactory::CreateIPCClient for communicators made afterwards (an
+// empty function restores the real factory). Not part of the module's interface.
+using IPCClientFactoryForTesting = std::function<IIPCClient*(uint32_t identity, IIPCCallback*)>;
+void SetIPCClientFactoryForTesting(IPCClientFactoryForTesting factory);
+
+#endif  // TIDEWAY_COMM_CLIENTSIDECOMMUNICATOR_H_

@@ -1,0 +1,506 @@
+#include "comm/Communicator.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <exception>
+#include <new>
+
+#include <boost/chrono.hpp>
+
+#include "api/VantoriaApi.h"
+#include "comm/ChannelPacket.h"
+#include "common/VNTrace.h"
+#include "plugin/PluginEntry.h"
+
+namespace {
+
+constexpr int kThreadJoinSeconds = 4;
+constexpr uint32_t kMainCycleWaitMs = 1000;
+
+// Joins `thread` within the limit; a thread that is not joinable counts as joined.
+bool JoinWithLimit(boost::thread& thread, int seconds) {
+    if (!thread.joinable())
+        return true;
+    return thread.try_join_for(boost::chrono::seconds(seconds));
+}
+
+// Puts the new thread into `field`; a previous thread still there is let go.
+void Assign(boost::thread& field, boost::thread&& thread) {
+    if (field.joinable())
+        field.detach();
+    field = std::move(thread);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// CCommunicator
+
+CCommunicator::CCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam)
+    : m_bInitialized(false),
+      m_ConnectParam(connectParam),
+      m_pMainQueue(nullptr),
+      m_pSenderData(nullptr),
+      m_pReceiverData(nullptr),
+      m_EventMainCycle(false),
+      m_EventStop(true),
+      m_Port(port),
+      m_ClientType(clientType),
+      m_bConnected(false),
+      m_bStop(false),
+      m_Callback(this, clientType, 0),
+      m_pSecureIPCClientInstance(nullptr),
+      m_pSecureIPCServerInstance(nullptr) {
+    m_PeerSessions.max_load_factor(1.0f);
+}
+
+CCommunicator::~CCommunicator() {
+    delete m_pSecureIPCServerInstance;
+    m_pSecureIPCServerInstance = nullptr;
+    delete m_pSecureIPCClientInstance;
+    m_pSecureIPCClientInstance = nullptr;
+    // Threads that outlived their join limits are let go; their records go with the object.
+    if (m_SenderThread.joinable())
+        m_SenderThread.detach();
+    if (m_ReceiverThread.joinable())
+        m_ReceiverThread.detach();
+    if (m_MainThreadHandle.joinable())
+        m_MainThreadHandle.detach();
+    FreeThreadData();
+    delete m_pMainQueue;
+}
+
+COMM_STATUS CCommunicator::Init() {
+    try {
+        if (m_bInitialized)
+            return 0;
+        const COMM_STATUS result = CreateChannel();
+        if (result != 0) {
+            VNTRACE(TL_ERR, "Error : Failed to create communication channel. Code : %d",
+                    static_cast<int>(result));
+            return result;
+        }
+        m_bInitialized = true;
+        return 0;
+    } catch (...) {
+        VNTRACE(TL_ERR, "Communicator : Unknown exception occurred");
+        return kCommFail;
+    }
+}
+
+COMM_STATUS CCommunicator::StartMainThread() {
+    if (!m_bInitialized) {
+        VNTRACE(TL_ERR, "Comm : Failed to start main thread, comm not initialized");
+        return kCommFail;
+    }
+    boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+    try {
+        Assign(m_MainThreadHandle, boost::thread([this] { MainThread(); }));
+        VNTRACE(TL_OFF, "Comm : Created main communicator thread.");
+    } catch (const std::exception& e) {
+        VNTRACE(TL_ERR, "Comm : Failed to create main communicator thread. Exception: %s",
+                e.what());
+        throw;
+    } catch (...) {
+        VNTRACE(TL_ERR, "Comm : Failed to create main communicator thread. Errno : %d", errno);
+        throw;
+    }
+    return 0;
+}
+
+COMM_STATUS CCommunicator::CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out) {
+    if ((threadType != kThreadTypeSender && threadType != kThreadTypeReceiver) || out == nullptr) {
+        return kCommInvalidArg;
+    }
+    *out = nullptr;
+    COMM_THREAD_DATA* data = new (std::nothrow) COMM_THREAD_DATA;
+    if (data == nullptr) {
+        VNTRACE(TL_ERR, "Comm : Failed to create thread data object, system out of memory");
+        return kCommOutOfMemory;
+    }
+    data->m_ThreadType = threadType;
+    data->m_pQueue = new (std::nothrow)
+        CMsgQueue(threadType == kThreadTypeSender ? "VN$COMM$SENDER" : "VN$COMM$RECEIVER");
+    if (data->m_pQueue == nullptr) {
+        VNTRACE(TL_ERR, "Comm : Failed to create msg queue for thread, system out of memory");
+        delete data;
+        return kCommOutOfMemory;
+    }
+    *out = data;
+    return 0;
+}
+
+void CCommunicator::FreeThreadData() {
+    COMM_THREAD_DATA* sender;
+    COMM_THREAD_DATA* receiver;
+    {
+        boost::lock_guard<boost::mutex> lock(m_QueueLock);
+        sender = m_pSenderData;
+        receiver = m_pReceiverData;
+        m_pSenderData = nullptr;
+        m_pReceiverData = nullptr;
+    }
+    delete sender;
+    delete receiver;
+}
+
+COMM_STATUS CCommunicator::StartSndRcvThreads() {
+    if (m_pSenderData == nullptr) {
+        COMM_THREAD_DATA* data = nullptr;
+        const COMM_STATUS result = CreateThreadData(kThreadTypeSender, &data);
+        if (result != 0) {
+            VNTRACE(TL_ERR, "Comm : Failed to create sender thread data, Code : %ld",
+                    static_cast<long>(result));
+            return result;
+        }
+        boost::lock_guard<boost::mutex> lock(m_QueueLock);
+        m_pSenderData = data;
+    }
+    if (m_pReceiverData == nullptr) {
+        COMM_THREAD_DATA* data = nullptr;
+        const COMM_STATUS result = CreateThreadData(kThreadTypeReceiver, &data);
+        if (result != 0) {
+            VNTRACE(TL_ERR, "Comm : Failed to create receiver thread data, Code : %ld",
+                    static_cast<long>(result));
+            COMM_THREAD_DATA* sender;
+            {
+                boost::lock_guard<boost::mutex> lock(m_QueueLock);
+                sender = m_pSenderData;
+                m_pSenderData = nullptr;
+            }
+            delete sender;
+            return result;
+        }
+        boost::lock_guard<boost::mutex> lock(m_QueueLock);
+        m_pReceiverData = data;
+    }
+
+    COMM_THREAD_DATA* sender = m_pSenderData;
+    COMM_THREAD_DATA* receiver = m_pReceiverData;
+    try {
+        Assign(m_SenderThread, boost::thread([this, sender] { ThreadProc(sender); }));
+        VNTRACE(TL_OFF, "Comm : Created send communicator thread.");
+    } catch (const std::exception& e) {
+        VNTRACE(TL_ERR, "Comm : Failed to create send communicator thread. Exception: %s",
+                e.what());
+        FreeThreadData();
+        throw;
+    } catch (...) {
+        VNTRACE(TL_ERR, "Comm : Failed to create send communicator thread. Errno : %d", errno);
+        FreeThreadData();
+        throw;
+    }
+    try {
+        Assign(m_ReceiverThread, boost::thread([this, receiver] { ThreadProc(receiver); }));
+        VNTRACE(TL_OFF, "Comm : Created recv communicator thread.");
+    } catch (const std::exception& e) {
+        VNTRACE(TL_ERR, "Comm : Failed to create recv communicator thread. Exception: %s",
+                e.what());
+        FreeThreadData();
+        throw;
+    } catch (...) {
+        VNTRACE(TL_ERR, "Comm : Failed to create recv communicator thread. Errno : %d", errno);
+        FreeThreadData();
+        throw;
+    }
+    return 0;
+}
+
+void CCommunicator::StopSndRcvThreads() {
+    VNTRACE(TL_TRACE, "Communicator(%d) : Stopping snd/rcv threads", m_ClientType);
+    {
+        MSG_QUEUE_MSG quit(COMM_MSG_QUIT, 0, 1, 0);
+        boost::lock_guard<boost::mutex> lock(m_QueueLock);
+        if (m_pSenderData != nullptr)
+            m_pSenderData->m_pQueue->PutMessage(&quit);
+        if (m_pReceiverData != nullptr)
+            m_pReceiverData->m_pQueue->PutMessage(&quit);
+    }
+    VNTRACE(TL_TRACE, "Communicator(%d) : Waiting for snd/rcv threads to stop", m_ClientType);
+    if (WaitForSndRcvThreads()) {
+        FreeThreadData();
+    } else {
+        // A thread that may still run must not lose its queue.
+        VNTRACE(TL_ERR, "Communicator(%d) : WaitForSndRcvThreads problem", m_ClientType);
+    }
+    m_bConnected = false;
+    VNTRACE(TL_TRACE, "Communicator(%d) : snd/rcv threads stopped", m_ClientType);
+}
+
+bool CCommunicator::WaitForSndRcvThreads() {
+    const bool sender = JoinWithLimit(m_SenderThread, kThreadJoinSeconds);
+    const bool receiver = JoinWithLimit(m_ReceiverThread, kThreadJoinSeconds);
+    return sender && receiver;
+}
+
+void CCommunicator::StopMainThread() {
+    {
+        boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+        VNTRACE(TL_IPC, "Communicator(%d) : Stopping main thread", m_ClientType);
+        if (m_ClientType == kClientTypeService) {
+            m_bStop = true;
+        } else {
+            MSG_QUEUE_MSG quit(COMM_MSG_QUIT, 0, 1, 0);
+            PostToMain(&quit);
+        }
+    }
+    if (m_MainThreadHandle.joinable() &&
+        !m_MainThreadHandle.try_join_for(boost::chrono::seconds(kThreadJoinSeconds))) {
+        VNTRACE(TL_IPC, "Communicator(%d) : Timeout waiting for Main thread to Stop", m_ClientType);
+    } else {
+        VNTRACE(TL_IPC, "Communicator(%d) : Main thread Stopped", m_ClientType);
+    }
+    SetConnected(false);
+    if (CVantoriaApi* api = g_pVantoriaApi.load())
+        api->StatusNotificationCB(8);
+}
+
+void CCommunicator::Stop() {
+    {
+        boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+        VNTRACE(TL_IPC, "Communicator : Stopping communicator...");
+        m_bStop = true;
+        m_EventStop.SetEvent();
+    }
+    StopMainThread();
+    StopSndRcvThreads();
+    if (m_pSecureIPCClientInstance != nullptr) {
+        VNTRACE(TL_IPC, "Tear down was called for client");
+        m_pSecureIPCClientInstance->TearDown();
+    }
+    if (m_pSecureIPCServerInstance != nullptr) {
+        VNTRACE(TL_IPC, "Tear down was called for server");
+        m_pSecureIPCServerInstance->TearDown();
+    }
+    VNTRACE(TL_IPC, "Communicator : Communicator stopped");
+}
+
+void CCommunicator::WaitForMainThread(uint32_t seconds) {
+    if (seconds == 0)
+        seconds = 1;
+    for (uint32_t left = seconds; left >= 1; --left) {
+        VNTRACE(TL_IPC, "Communicator(%d) : Waiting for main thread, %d seconds go go",
+                m_ClientType, left);
+        CSyncEvent* events[] = {&m_EventMainCycle};
+        if (WaitForObjects(1, events, false, kMainCycleWaitMs) == 0) {
+            boost::this_thread::sleep_for(boost::chrono::seconds(1));
+            return;
+        }
+    }
+}
+
+bool CCommunicator::IsConnected() {
+    boost::lock_guard<boost::recursive_mutex> lock(m_ConnectedLock);
+    return m_bConnected;
+}
+
+void CCommunicator::SetConnected(bool value) {
+    boost::lock_guard<boost::recursive_mutex> lock(m_ConnectedLock);
+    m_bConnected = value;
+}
+
+bool CCommunicator::IsStopping() {
+    boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+    return m_bStop;
+}
+
+bool CCommunicator::PostToMain(const MSG_QUEUE_MSG* message) {
+    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    if (m_pMainQueue == nullptr)
+        return false;
+    return m_pMainQueue->PutMessage(message);
+}
+
+bool CCommunicator::PostToReceiver(const MSG_QUEUE_MSG* message) {
+    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    if (m_pReceiverData == nullptr || message == nullptr)
+        return false;
+    return m_pReceiverData->m_pQueue->PutMessage(message);
+}
+
+std::unique_ptr<uint8_t[]> CCommunicator::BuildPacket(const MSG_QUEUE_MSG* message,
+                                                      uint32_t& size) {
+    return ::BuildPacket(message, size);
+}
+
+COMM_STATUS CCommunicator::SendPacket(const MSG_QUEUE_MSG* message, bool toClient) {
+    uint32_t size = 0;
+    std::unique_ptr<uint8_t[]> packet = BuildPacket(message, size);
+    if (!packet) {
+        VNTRACE(TL_ERR, "Communicator : Failed to construct packet (%d bytes)", size);
+        return kCommSendFailed;
+    }
+    IPCBuffer buffer;
+    memset(&buffer, 0, sizeof(buffer));
+    buffer.m_Kind = kIPCBufferKindRequest;
+    buffer.m_Length = size;
+    buffer.m_pData = packet.get();
+    if (toClient && m_pSecureIPCServerInstance == nullptr) {
+        VNTRACE(TL_ERR, "SecureIPC : server instance is not available");
+        return kCommSendFailed;
+    }
+    if (!toClient && m_pSecureIPCClientInstance == nullptr) {
+        VNTRACE(TL_ERR, "SecureIPC : client instance is not available");
+        return kCommSendFailed;
+    }
+    if (message->m_MessageId != COMM_MSG_SERVICE_STATS) {
+        VNTRACE(TL_IPC, "sending msg to server/client.. msgid %s",
+                GetMessageName(message->m_MessageId));
+    }
+    if (!toClient)
+        return m_pSecureIPCClientInstance->SendData(&buffer);
+    const auto found = m_PeerSessions.find(kIdentityClientApi);
+    if (found == m_PeerSessions.end()) {
+        VNTRACE(TL_ERR, "Failed to find session id for Tideway_CLIENT_API");
+        return kCommSendFailed;
+    }
+    return m_pSecureIPCServerInstance->SendData(&buffer, found->second);
+}
+
+bool CCommunicator::GetConfigData(uint8_t* buffer, uint32_t& size) {
+    const uint32_t length = static_cast<uint32_t>(m_ConfigData.size());
+    const bool fits = buffer != nullptr && length <= size;
+    if (fits && length != 0)
+        memcpy(buffer, m_ConfigData.data(), length);
+    size = length;
+    return fits;
+}
+
+// ---------------------------------------------------------------------------------------------
+// CAPISecureIPCCB
+
+CAPISecureIPCCB::CAPISecureIPCCB(CCommunicator* communicator, uint32_t clientType,
+                                 uint32_t dbgLevel)
+    : m_pCommunicator(communicator),
+      m_DbgLevel(dbgLevel),
+      m_bDbgLevelSet(false),
+      m_ClientType(clientType) {}
+
+void CAPISecureIPCCB::SetDbgLevel(uint32_t level) {
+    m_DbgLevel = level;
+    m_bDbgLevelSet = true;
+}
+
+void CAPISecureIPCCB::OnPeerStateChanged(uint32_t peer, uint32_t session, uint32_t state) {
+    if (peer >= kIdentityClientApi && peer <= kIdentityService) {
+        if (m_pCommunicator == nullptr) {
+            VNTRACE(TL_ERR, "SecureIPC : Communicator instance is NULL during OnPeerStateChanged");
+            return;
+        }
+        if (state == IPC_PEER_CLOSED) {
+            m_pCommunicator->m_PeerSessions.erase(peer);
+        } else if (state == IPC_PEER_CONNECTED) {
+            VNTRACE(TL_TRACE, "SecureIPC : saving the peer session id");
+            m_pCommunicator->m_PeerSessions[peer] = static_cast<uint16_t>(session & 0xFFFF);
+        }
+    }
+
+    switch (peer) {
+        case kIdentityService:
+            if (state == IPC_PEER_CLOSED) {
+                if (m_ClientType != kClientTypeApi)
+                    return;
+                VNTRACE(TL_IPC, "SecureIPC : client received disconnect message");
+                if (m_pCommunicator == nullptr) {
+                    VNTRACE(TL_ERR, "SecureIPC : communicator instance is NULL");
+                    return;
+                }
+                MSG_QUEUE_MSG message(COMM_MSG_PEER_DC, 0, 1, 0);
+                if (!m_pCommunicator->PostToMain(&message)) {
+                    VNTRACE(TL_ERR, "SecureIPC : Failed to write COMM_MSG_PEER_DC");
+                }
+            } else if (state == IPC_PEER_CONNECTED) {
+                VNTRACE(TL_IPC, "SecureIPC : received connection from service");
+                if (m_ClientType == kClientTypeDebugLevel && m_bDbgLevelSet) {
+                    if (m_pCommunicator == nullptr) {
+                        VNTRACE(TL_ERR, "SecureIPC : communicator instance is NULL");
+                        return;
+                    }
+                    VNTRACE(TL_IPC, "SecureIPC : send DbgLevel settings");
+                    MSG_QUEUE_MSG message(COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL, 0, 1, 0);
+                    if (message.SetData(&m_DbgLevel, sizeof(m_DbgLevel)) != 0) {
+                        VNTRACE(TL_ERR, "SecureIPC : Failed to set dbglevel data");
+                    } else if (m_pCommunicator->SendPacket(&message, false) != 0) {
+                        VNTRACE(TL_ERR, "SecureIPC : Failed to send DbgLevel");
+                    }
+                } else if (m_ClientType == kClientTypeEnableService ||
+                           m_ClientType == kClientTypeDisableService) {
+                    if (m_pCommunicator == nullptr) {
+                        VNTRACE(TL_ERR, "SecureIPC : communicator instance is NULL");
+                        return;
+                    }
+                    const bool enable = m_ClientType == kClientTypeEnableService;
+                    VNTRACE(TL_IPC, "SecureIPC : send Disable svc message to peer");
+                    MSG_QUEUE_MSG message(enable ? COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC
+                                                 : COMM_MSG_CLIENT_TYPE_CMD_DISABLE_SVC,
+                                          0, 1, 0);
+                    if (m_pCommunicator->SendPacket(&message, false) != 0) {
+                        if (enable) {
+                            VNTRACE(TL_ERR, "SecureIPC : Failed to send enable service message");
+                        } else {
+                            VNTRACE(TL_ERR, "SecureIPC : Failed to send disable service message");
+                        }
+                    }
+                }
+                // The API client waits: the agent speaks first, with COMM_MSG_SRVC_STARTED.
+            }
+            break;
+        case kIdentityClientCommand:
+            if (state == IPC_PEER_CONNECTED) {
+                VNTRACE(TL_IPC,
+                        "SecureIPC : service received connection from eSIPC_ID_Tideway_CLIENT_CMD");
+            } else if (state == IPC_PEER_CLOSED) {
+                VNTRACE(TL_IPC,
+                        "SecureIPC : service received connection close from "
+                        "eSIPC_ID_Tideway_CLIENT_CMD");
+            }
+            break;
+        case kIdentityClientApi:
+            if (state != IPC_PEER_CONNECTED)
+                break;
+            if (m_pCommunicator == nullptr) {
+                VNTRACE(TL_ERR, "SecureIPC : Communicator instance is NULL");
+                break;
+            }
+            VNTRACE(TL_IPC, "SecureIPC : service received connection from Tideway UI deamon");
+            {
+                MSG_QUEUE_MSG message(COMM_MSG_DMN_CONNECT, 0, 1, 0);
+                if (!m_pCommunicator->PostToMain(&message)) {
+                    VNTRACE(TL_ERR, "SecureIPC : Failed to write COMM_MSG_DMN_CONNECT");
+                }
+            }
+            break;
+        default:
+            VNTRACE(TL_ERR, "SecureIPC : Unknown peer id connected. So do nothing");
+            break;
+    }
+}
+
+void CAPISecureIPCCB::OnReqMsgRecv(IPCBuffer* buffer) {
+    if (buffer == nullptr)
+        return;
+    MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
+    if (!ParsePacket(buffer->m_pData, buffer->m_Length, message))
+        return;
+    if (m_pCommunicator == nullptr) {
+        VNTRACE(TL_ERR, "SecureIPC : Communicator instance is NULL");
+        return;
+    }
+    const uint32_t id = message.m_MessageId;
+    bool written;
+    if (id == COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC || id == COMM_MSG_CLIENT_TYPE_CMD_DISABLE_SVC ||
+        id == COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL) {
+        written = m_pCommunicator->PostToMain(&message);
+    } else {
+        written = m_pCommunicator->PostToReceiver(&message);
+    }
+    if (buffer->m_Kind == kIPCBufferKindRequest && id != COMM_MSG_SERVICE_STATS) {
+        VNTRACE(TL_IPC, "OnReqMsgRecv received.. msgid %s", GetMessageName(id));
+    }
+    if (!written) {
+        VNTRACE(TL_ERR, "SecureIPC : Failed to write to reciever thread queue from CB");
+    }
+}
+
+void CAPISecureIPCCB::OnRespMsgRecv(IPCBuffer* /*buffer*/) {}

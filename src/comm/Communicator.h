@@ -1,0 +1,149 @@
+// CCommunicator: the engine that owns the channel to the peer and the threads serving it: one
+// main thread that connects and reconnects, and per connection one sender and one receiver.
+// The side-specific parts are the pure virtual operations; this module's side is
+// CClientSideCommunicator. CAPISecureIPCCB is the IPC library's callback, a member of the
+// communicator for its whole life.
+//
+// Threads: the owner's thread (Init, StartMainThread, Stop, destruction), the main thread,
+// sender, receiver, and the IPC library's threads (the callback: parse and queue only).
+// Locks, outermost first: m_StateLock (start/stop of threads, m_bStop), m_ConnectedLock
+// (m_bConnected), m_QueueLock (the queue pointers that the IPC threads post to), then a queue's
+// own lock. None is held across a join, a queue wait or a callback into the API.
+#ifndef TIDEWAY_COMM_COMMUNICATOR_H_
+#define TIDEWAY_COMM_COMMUNICATOR_H_
+
+#include <stdint.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+#include <boost/thread/thread.hpp>
+#include <boost/unordered_map.hpp>
+
+#include "comm/MsgQueue.h"
+#include "comm/MsgQueueMsg.h"
+#include "comm/SyncEvent.h"
+#include "ipc/IPCClient.h"
+#include "ipc/IPCServer.h"
+
+class CCommunicator;
+
+// Statuses of the communicator: 0, or the system's 32-bit result patterns held as positive
+// 64-bit numbers, or small negative codes.
+typedef int64_t COMM_STATUS;
+
+constexpr COMM_STATUS kCommSendFailed = -9998;
+
+// IPC identities of the three kinds of peer.
+constexpr uint32_t kIdentityClientApi = 6;      // Tideway_CLIENT_API: this module
+constexpr uint32_t kIdentityClientCommand = 7;  // eSIPC_ID_Tideway_CLIENT_CMD
+constexpr uint32_t kIdentityService = 8;        // eSIPC_ID_Tideway_SERVICE: the agent
+
+// Client types of the communicator (m_ClientType).
+constexpr uint32_t kClientTypeService = 1;
+constexpr uint32_t kClientTypeApi = 2;
+constexpr uint32_t kClientTypeDisableService = 4;
+constexpr uint32_t kClientTypeEnableService = 5;
+constexpr uint32_t kClientTypeDebugLevel = 6;
+
+// Thread types of COMM_THREAD_DATA.
+constexpr uint32_t kThreadTypeSender = 1;
+constexpr uint32_t kThreadTypeReceiver = 2;
+
+// The data of a sender or receiver thread: its type and its queue, which it owns.
+struct COMM_THREAD_DATA {
+    uint32_t m_ThreadType = 0;
+    CMsgQueue* m_pQueue = nullptr;
+    ~COMM_THREAD_DATA() { delete m_pQueue; }
+};
+
+// The IPC library's callback. Runs on the library's threads: it only parses and queues.
+class CAPISecureIPCCB : public IIPCCallback {
+  public:
+    CAPISecureIPCCB(CCommunicator* communicator, uint32_t clientType, uint32_t dbgLevel);
+    void OnPeerStateChanged(uint32_t peer, uint32_t session, uint32_t state) override;
+    void OnReqMsgRecv(IPCBuffer* buffer) override;
+    void OnRespMsgRecv(IPCBuffer* buffer) override;
+    void SetDbgLevel(uint32_t level);
+
+  private:
+    CCommunicator* m_pCommunicator;  // the owner, never owned
+    uint32_t m_DbgLevel;
+    bool m_bDbgLevelSet;
+    uint32_t m_ClientType;
+};
+
+class CCommunicator {
+  public:
+    CCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam);
+    virtual ~CCommunicator();
+    CCommunicator(const CCommunicator&) = delete;
+    CCommunicator& operator=(const CCommunicator&) = delete;
+
+    // The stop sequence: main thread, then sender and receiver, then the IPC objects.
+    virtual void Stop();
+    virtual uint32_t MainThread() = 0;
+    virtual uint32_t ThreadProc(COMM_THREAD_DATA* data) = 0;
+    virtual COMM_STATUS ProcessMessages() = 0;
+    virtual COMM_STATUS CreateChannel() = 0;
+    virtual COMM_STATUS Connect() = 0;
+
+    COMM_STATUS Init();
+    COMM_STATUS StartMainThread();
+    COMM_STATUS StartSndRcvThreads();
+    void StopSndRcvThreads();
+    bool WaitForSndRcvThreads();
+    void StopMainThread();
+    void WaitForMainThread(uint32_t seconds);
+
+    bool IsConnected();
+    void SetConnected(bool value);
+    bool IsStopping();
+
+    bool PostToMain(const MSG_QUEUE_MSG* message);
+    bool PostToReceiver(const MSG_QUEUE_MSG* message);
+    COMM_STATUS SendPacket(const MSG_QUEUE_MSG* message, bool toClient);
+    bool GetConfigData(uint8_t* buffer, uint32_t& size);
+
+    // The packet of a message: the 24-byte header and the data; null on failure.
+    static std::unique_ptr<uint8_t[]> BuildPacket(const MSG_QUEUE_MSG* message, uint32_t& size);
+
+    // Read by the IPC callback (peer sessions) and by tests.
+    boost::unordered_map<uint32_t, uint16_t> m_PeerSessions;
+
+  protected:
+    friend class CAPISecureIPCCB;
+
+    // Makes a thread's data record with its queue; kCommInvalidArg, kCommOutOfMemory or 0.
+    COMM_STATUS CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out);
+    void FreeThreadData();
+
+    bool m_bInitialized;
+    uint32_t m_ConnectParam;
+    CMsgQueue* m_pMainQueue;  // exists only while a connection attempt runs
+    boost::thread m_SenderThread;
+    boost::thread m_ReceiverThread;
+    COMM_THREAD_DATA* m_pSenderData;
+    COMM_THREAD_DATA* m_pReceiverData;
+    boost::thread m_MainThreadHandle;
+    CSyncEvent m_EventMainCycle;  // manual reset: end of each pass of the main thread
+    CSyncEvent m_EventStop;       // auto reset: set by Stop, ends the pause between attempts
+    uint32_t m_Port;
+    uint32_t m_ClientType;
+    std::atomic<bool> m_bConnected;
+    boost::recursive_mutex m_StateLock;
+    boost::recursive_mutex m_ConnectedLock;
+    bool m_bStop;
+    std::vector<uint8_t> m_ConfigData;
+    CAPISecureIPCCB m_Callback;
+    IIPCClient* m_pSecureIPCClientInstance;
+    IIPCServer* m_pSecureIPCServerInstance;
+    // Guards the queue pointers against the IPC threads' posts while a connection's queues are
+    // made and freed. A leaf below m_StateLock.
+    boost::mutex m_QueueLock;
+};
+
+#endif  // TIDEWAY_COMM_COMMUNICATOR_H_
