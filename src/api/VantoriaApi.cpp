@@ -258,23 +258,29 @@ void CVantoriaApi::SetLastError(const std::string& text) {
 
 bool CVantoriaApi::StatusNotificationCB(uint32_t status) {
     IVantoriaApiCB* callback = m_pCallback.load();
-    if (callback != nullptr) {
-        if (!IsFrequentStatus(status))
-            VNTRACE(TL_API, "StatusNotificationCB: status: %d", status);
-        CVantoriaStatus result(status);
-        callback->OnStatus(&result);
-        if (IsChangeAnswer(status)) {
-            // Fresh state after any change, whether it worked or not.
-            GetTowerList();
-            GetDCTSettings();
+    if (callback == nullptr) {
+        // Decided under the lock that Register and Start take, so a status is either delivered
+        // or saved where the next Start finds it, never lost between the two.
+        boost::unique_lock<boost::recursive_mutex> lock(m_CallbackLock);
+        callback = m_pCallback.load();
+        if (callback == nullptr) {
+            m_PendingStatus.push_back(status);
+            lock.unlock();
+            VNTRACE(TL_API,
+                    "StatusNotificationCB: status: %d, but callback not registered so save msg",
+                    status);
+            return false;
         }
-        return true;
     }
-    VNTRACE(TL_API, "StatusNotificationCB: status: %d, but callback not registered so save msg",
-            status);
-    boost::lock_guard<boost::recursive_mutex> lock(m_CallbackLock);
-    m_PendingStatus.push_back(status);
-    return false;
+    if (!IsFrequentStatus(status)) VNTRACE(TL_API, "StatusNotificationCB: status: %d", status);
+    CVantoriaStatus result(status);
+    callback->OnStatus(&result);
+    if (IsChangeAnswer(status)) {
+        // Fresh state after any change, whether it worked or not.
+        GetTowerList();
+        GetDCTSettings();
+    }
+    return true;
 }
 
 bool CVantoriaApi::DCTSettingNotificationCB(const uint8_t* data, uint32_t length) {

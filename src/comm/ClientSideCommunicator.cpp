@@ -264,7 +264,8 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
     const bool sender = data->m_ThreadType == kThreadTypeSender;
     CMsgQueue* queue = data->m_pQueue;
     try {
-        queue->Clear();
+        // The queue was emptied by StartSndRcvThreads before this thread began: clearing it
+        // here would race with the relay, which may already have handed over a command.
         if (sender) {
             VNTRACE(TL_IPC, "ClientComm : Sender thread started");
             m_bSenderStarted = true;

@@ -178,6 +178,10 @@ COMM_STATUS CCommunicator::StartSndRcvThreads() {
 
     COMM_THREAD_DATA* sender = m_pSenderData;
     COMM_THREAD_DATA* receiver = m_pReceiverData;
+    // Each thread starts on an empty queue: records kept from a thread that outlived its join
+    // limit may still hold its QUIT.
+    sender->m_pQueue->Clear();
+    receiver->m_pQueue->Clear();
     try {
         Assign(m_SenderThread, boost::thread([this, sender] { ThreadProc(sender); }));
         VNTRACE(TL_OFF, "Comm : Created send communicator thread.");

@@ -15,56 +15,13 @@
 #include <gtest/gtest.h>
 
 #include "ScriptedClient.h"
-#include "ipc/IPCTesting.h"
+#include "TestEnv.h"
 
 namespace {
 
 using std::chrono::milliseconds;
 
-class TempRoot {
-  public:
-    TempRoot() {
-        char pattern[] = "/tmp/tideway-sim-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path_ = made != nullptr ? made : "";
-        ipc::SetSocketRootForTesting(path_);
-    }
-    ~TempRoot() {
-        ipc::SetSocketRootForTesting("");
-        if (!path_.empty()) {
-            const std::string command = "rm -rf '" + path_ + "'";
-            if (system(command.c_str()) != 0)
-                ADD_FAILURE() << "cannot remove " << path_;
-        }
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
-// Collects the simulator's log lines.
-class LogLines {
-  public:
-    CAgentSimulator::LogSink Sink() {
-        return [this](const std::string& line) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            lines_.push_back(line);
-        };
-    }
-    bool Has(const std::string& line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& l : lines_) {
-            if (l == line)
-                return true;
-        }
-        return false;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
+using LogLines = SimLog;
 
 uint8_t Byte(const ReceivedMessage& m) {
     return m.data.empty() ? 0xEE : m.data[0];

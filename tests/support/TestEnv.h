@@ -1,0 +1,92 @@
+// Shared pieces of the tests that run the module against an agent: a temporary app-data root
+// (which also holds the IPC sockets) and a log of the agent simulator's lines with waits.
+#ifndef TIDEWAY_TESTS_SUPPORT_TESTENV_H_
+#define TIDEWAY_TESTS_SUPPORT_TESTENV_H_
+
+#include <stdlib.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/Utils.h"
+
+// A fresh directory as the app-data root for the life of the object; removed afterwards.
+class TempRoot {
+  public:
+    TempRoot() {
+        char pattern[] = "/tmp/tideway-test-XXXXXX";
+        const char* made = mkdtemp(pattern);
+        path_ = made != nullptr ? made : "";
+        SetAllUsersAppDataPathForTesting(path_);
+    }
+    ~TempRoot() {
+        SetAllUsersAppDataPathForTesting("");
+        if (!path_.empty()) {
+            const std::string command = "rm -rf '" + path_ + "'";
+            if (system(command.c_str()) != 0)
+                ADD_FAILURE() << "cannot remove " << path_;
+        }
+    }
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// Collects the agent simulator's log lines.
+class SimLog {
+  public:
+    std::function<void(const std::string&)> Sink() {
+        return [this](const std::string& line) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                lines_.push_back(line);
+            }
+            changed_.notify_all();
+        };
+    }
+    size_t Count(const std::string& line) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        size_t n = 0;
+        for (const auto& l : lines_)
+            n += l == line ? 1 : 0;
+        return n;
+    }
+    bool Has(const std::string& line) { return Count(line) > 0; }
+    size_t CountPrefix(const std::string& prefix) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        size_t n = 0;
+        for (const auto& l : lines_)
+            n += l.rfind(prefix, 0) == 0 ? 1 : 0;
+        return n;
+    }
+    bool WaitFor(const std::string& line, size_t occurrences = 1,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] {
+            size_t n = 0;
+            for (const auto& l : lines_)
+                n += l == line ? 1 : 0;
+            return n >= occurrences;
+        });
+    }
+    std::vector<std::string> Lines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> lines_;
+};
+
+#endif  // TIDEWAY_TESTS_SUPPORT_TESTENV_H_
