@@ -1,0 +1,80 @@
+// Soak: the agent is restarted 50 times under traffic (statistics streaming, commands going
+// out), and the API object is stopped and made anew in between. Nothing may hang, leak (the
+// sanitizer build checks at exit) or leave threads behind.
+#include <dirent.h>
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "AgentSimulator.h"
+#include "RecordingCallback.h"
+#include "TestEnv.h"
+#include "api/VantoriaApi.h"
+#include "common/VNTrace.h"
+#include "plugin/PluginEntry.h"
+
+namespace {
+
+using std::chrono::seconds;
+
+int ThreadCount() {
+    int n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir))
+            n += entry->d_name[0] != '.' ? 1 : 0;
+        closedir(dir);
+    }
+    return n;
+}
+
+TEST(Soak, AgentRestartedFiftyTimesUnderTraffic) {
+    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
+                      10000, 100, 1, 0, 60);
+    TempRoot root;
+    const int baseline = ThreadCount();
+    SimLog log;
+    std::unique_ptr<RecordingCallback> cb;
+    std::unique_ptr<CVantoriaApi> api;
+    AgentSimOptions options;
+    options.statsIntervalMs = 2;
+
+    for (int round = 0; round < 50; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        CAgentSimulator sim(options, nullptr);
+        ASSERT_EQ(sim.Start(), 0);
+        if (!api) {
+            cb = std::make_unique<RecordingCallback>();
+            api = std::make_unique<CVantoriaApi>();
+            g_pVantoriaApi = api.get();
+            ASSERT_TRUE(api->Initialize(options.port));
+            ASSERT_TRUE(api->StartCommunicator());
+            ASSERT_EQ(api->Register(cb.get()), 0);
+            ASSERT_EQ(api->Start(), 0);
+        }
+        // Connected again: the newest status is 9 once the agent has greeted this client.
+        ASSERT_TRUE(cb->WaitUntil([&] { return !cb->statuses.empty() && cb->statuses.back() == 9; },
+                                  seconds(15)));
+        const size_t reports = cb->Locked<size_t>([&] { return cb->statistics.size(); });
+        ASSERT_EQ(api->StartStatsCollecting(), 0);
+        ASSERT_EQ(api->SetTower(round % 2 ? "east-1" : "west-1"), 0);
+        ASSERT_EQ(api->GetTowerList(), 0);
+        ASSERT_TRUE(cb->WaitUntil([&] { return cb->statistics.size() >= reports + 5; }));
+
+        if (round % 2 == 0) {
+            // The agent dies while statistics stream in; the API sees it and waits to reconnect.
+            sim.Stop();
+            ASSERT_TRUE(cb->WaitUntil(
+                [&] { return !cb->statuses.empty() && cb->statuses.back() == 8; }, seconds(15)));
+        } else {
+            // The host stops the API in the middle of the traffic.
+            g_pVantoriaApi = nullptr;
+            api.reset();
+        }
+    }
+    g_pVantoriaApi = nullptr;
+    api.reset();
+    EXPECT_EQ(ThreadCount(), baseline);
+}
+
+}  // namespace
