@@ -1,0 +1,37 @@
+// The wire form of a MSG_QUEUE_MSG: its header at fixed offsets, little-endian with no padding,
+// then the data. Framing is the transport's business: a packet arrives as one whole buffer.
+//
+// Free functions without state; any thread may call them. The communicator's send and receive
+// paths wrap them.
+#ifndef TIDEWAY_COMM_CHANNELPACKET_H_
+#define TIDEWAY_COMM_CHANNELPACKET_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+
+#include "comm/MsgQueueMsg.h"
+
+// Offsets of the packet's fields.
+constexpr size_t kPacketSignatureOffset = 0;
+constexpr size_t kPacketVersionMajorOffset = 4;
+constexpr size_t kPacketVersionMinorOffset = 6;
+constexpr size_t kPacketMarkerOffset = 8;
+constexpr size_t kPacketDataLengthOffset = 16;
+constexpr size_t kPacketMessageIdOffset = 20;
+constexpr size_t kPacketHeaderSize = 24;  // data follows here
+
+// Makes the packet of `message`: 24 bytes of header, plus the data when the message has data
+// and a length. `size` receives the packet's size (0 for a null message), also when the buffer
+// cannot be made. Null for a null message, and null with "Comm : Failed to create packet, System
+// Out Of Memory" at ERR when the allocation fails.
+std::unique_ptr<uint8_t[]> BuildPacket(const MSG_QUEUE_MSG* message, uint32_t& size);
+
+// Reads a received packet of `n` bytes into `out`, which starts as a blank COMM_MSG_NONE record.
+// False (with its ERR line) when the packet is dropped: empty, no whole header, or no id.
+// Signature, marker and versions are not checked. A length field that promises more than the
+// packet holds is kept, with no data; a consumer must not trust the length alone.
+bool ParsePacket(const void* data, size_t n, MSG_QUEUE_MSG& out);
+
+#endif  // TIDEWAY_COMM_CHANNELPACKET_H_
