@@ -17,17 +17,17 @@ constexpr size_t kFrameHeaderSize = 4;
 
 // Receives the frames that CFrameDecoder::Parse finds.
 class IFrameSink {
-public:
+  public:
     // One whole frame; `data` stays valid only during the call. Return false to stop parsing:
     // the frames after this one stay buffered for the next Parse.
     virtual bool OnFrame(uint8_t* data, uint32_t length) = 0;
 
-protected:
+  protected:
     ~IFrameSink() = default;
 };
 
 class CFrameDecoder {
-public:
+  public:
     enum class Result {
         kNeedMore,  // every whole frame was delivered; more bytes are needed
         kStopped,   // the sink asked to stop
@@ -63,7 +63,7 @@ public:
     // Current size of the buffer; for tests.
     size_t BufferCapacity() const { return m_Capacity; }
 
-private:
+  private:
     bool Reserve(size_t capacity);
 
     const uint32_t m_MaxFrame;

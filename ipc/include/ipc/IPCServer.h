@@ -29,18 +29,16 @@
 // the sender. The server calls OnPeerStateChanged and OnReqMsgRecvFrom; the default
 // OnReqMsgRecvFrom forwards to OnReqMsgRecv for callbacks that do not care about sessions.
 class IIPCServerCallback : public IIPCCallback {
-public:
-    virtual void OnReqMsgRecvFrom(uint16_t /*session*/, IPCBuffer* buffer) {
-        OnReqMsgRecv(buffer);
-    }
+  public:
+    virtual void OnReqMsgRecvFrom(uint16_t /*session*/, IPCBuffer* buffer) { OnReqMsgRecv(buffer); }
 
-protected:
+  protected:
     ~IIPCServerCallback() = default;
 };
 
 // Made by CIPCFactory::CreateIPCServer and owned by its creator. Thread-safe as told above.
 class IIPCServer {
-public:
+  public:
     // Sends one packet to the client of `session`; as IIPCClient::SendData. IPC_STATUS_NO_SESSION
     // when no connected client has that id (also after its state-0 event).
     virtual BR_STATUSCODE SendData(IPCBuffer* buffer, uint16_t session) = 0;
