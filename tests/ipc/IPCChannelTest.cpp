@@ -102,7 +102,8 @@ TEST(IPCChannel, DeliversWholeOrderedPacketsBothWays) {
     EXPECT_EQ(ch.server->SendData(&big, ch.session), IPC_STATUS_TOO_LARGE);
     EXPECT_EQ(ch.server->SendData(&big, static_cast<uint16_t>(ch.session + 1)),
               IPC_STATUS_TOO_LARGE);
-    IPCBuffer nowhere = BufferOf("x");
+    const std::string x = "x";
+    IPCBuffer nowhere = BufferOf(x);
     EXPECT_EQ(ch.server->SendData(&nowhere, static_cast<uint16_t>(ch.session + 1)),
               IPC_STATUS_NO_SESSION);
     sent.push_back("tail");
@@ -204,7 +205,8 @@ TEST(IPCChannel, PeerLossGivesExactlyOneClosedEventAndTheClientCanReconnect) {
     Channel ch;
     ASSERT_TRUE(ch.Connect());
     const uint16_t first = ch.session;
-    IPCBuffer buffer = BufferOf("ping");
+    const std::string bytes = "ping";
+    IPCBuffer buffer = BufferOf(bytes);
 
     // The server drops the client: one state 0 on each side, then nothing can be sent.
     ASSERT_EQ(ch.server->DisconnectPeer(first), IPC_STATUS_OK);
@@ -532,7 +534,8 @@ TEST(IPCChannel, SendToAPeerThatStopsReadingFailsInBoundedTimeAndDropsIt) {
 TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     Channel ch;
     // Without a connection everything is harmless.
-    IPCBuffer ping = BufferOf("ping");
+    const std::string bytes = "ping";
+    IPCBuffer ping = BufferOf(bytes);
     EXPECT_EQ(ch.client->TearDown(), IPC_STATUS_OK);
     EXPECT_EQ(ch.client->TearDown(), IPC_STATUS_OK);
     EXPECT_EQ(ch.client->SendData(&ping), IPC_STATUS_NOT_CONNECTED);

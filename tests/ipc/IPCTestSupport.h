@@ -94,7 +94,9 @@ class Recorder : public IIPCServerCallback {
 std::string Payload(size_t size, uint32_t tag);
 std::string Frame(const std::string& payload);
 std::string HelloRecord(uint32_t identity, uint16_t session);
+// A buffer over `bytes`, which must outlive it.
 IPCBuffer BufferOf(const std::string& bytes);
+IPCBuffer BufferOf(std::string&&) = delete;
 
 // Raw sockets.
 int RawListen(const std::string& path);  // makes the parent directories
