@@ -52,7 +52,8 @@ class IIPCServer {
     // IPC_STATUS_ADDRESS_IN_USE when another server answers on the socket; a stale socket file is
     // replaced.
     virtual BR_STATUSCODE Listen() = 0;
-    // Drops one client: its connection is closed and its state-0 event follows on the I/O thread.
+    // Drops one client: its connection is closed and its state-0 event follows on the I/O thread
+    // (packets it had already sent whole may still be delivered before that event).
     virtual BR_STATUSCODE DisconnectPeer(uint16_t session) = 0;
     // Number of clients that completed the handshake and are still connected.
     virtual uint32_t PeerCount() = 0;
