@@ -1,6 +1,7 @@
 // IPC channel speed against a raw Unix-domain socket measured in the same run: round trips of
 // 64- and 600-byte packets, and one-way throughput of 600-byte packets. After the run the
-// library-to-raw round-trip ratios are printed.
+// library-to-raw round-trip ratios are printed (of the medians when run with
+// --benchmark_repetitions).
 //
 // Raw reference: a connected AF_UNIX stream pair; each frame (4-byte length + payload) goes out
 // with one write, and the reader reads until it holds a whole frame, as the library does.
@@ -36,7 +37,8 @@ constexpr uint16_t kPort = 4712;
 bool WriteAllRaw(int fd, const char* data, size_t n) {
     while (n > 0) {
         const ssize_t sent = write(fd, data, n);
-        if (sent <= 0) return false;
+        if (sent <= 0)
+            return false;
         data += sent;
         n -= static_cast<size_t>(sent);
     }
@@ -48,15 +50,18 @@ bool ReadFrameRaw(int fd, std::vector<char>& buffer) {
     size_t have = 0;
     size_t want = 4;
     for (;;) {
-        if (buffer.size() < want) buffer.resize(want);
+        if (buffer.size() < want)
+            buffer.resize(want);
         const ssize_t got = read(fd, buffer.data() + have, buffer.size() - have);
-        if (got <= 0) return false;
+        if (got <= 0)
+            return false;
         have += static_cast<size_t>(got);
         if (have >= 4) {
             uint32_t length = 0;
             memcpy(&length, buffer.data(), 4);
             want = 4 + size_t{length};
-            if (have >= want) return true;
+            if (have >= want)
+                return true;
         }
     }
 }
@@ -79,14 +84,16 @@ void BM_RawRoundTrip(benchmark::State& state) {
         while (ReadFrameRaw(fd, buffer)) {
             uint32_t length = 0;
             memcpy(&length, buffer.data(), 4);
-            if (!WriteAllRaw(fd, buffer.data(), 4 + size_t{length})) break;
+            if (!WriteAllRaw(fd, buffer.data(), 4 + size_t{length}))
+                break;
         }
     });
     const std::string frame = FrameOf(static_cast<size_t>(state.range(0)));
     std::vector<char> reply(64 * 1024);
     for (auto _ : state) {
         WriteAllRaw(pair[0], frame.data(), frame.size());
-        if (!ReadFrameRaw(pair[0], reply)) state.SkipWithError("raw echo lost");
+        if (!ReadFrameRaw(pair[0], reply))
+            state.SkipWithError("raw echo lost");
     }
     shutdown(pair[0], SHUT_RDWR);
     echo.join();
@@ -105,7 +112,8 @@ void BM_RawOneWay(benchmark::State& state) {
         std::vector<char> buffer(64 * 1024);
         for (;;) {
             const ssize_t got = read(fd, buffer.data(), buffer.size());
-            if (got <= 0) break;
+            if (got <= 0)
+                break;
             received += static_cast<uint64_t>(got);
         }
     });
@@ -113,9 +121,11 @@ void BM_RawOneWay(benchmark::State& state) {
     constexpr int kBatch = 1000;
     uint64_t sent = 0;
     for (auto _ : state) {
-        for (int i = 0; i < kBatch; ++i) WriteAllRaw(pair[0], frame.data(), frame.size());
+        for (int i = 0; i < kBatch; ++i)
+            WriteAllRaw(pair[0], frame.data(), frame.size());
         sent += kBatch * frame.size();
-        while (received.load() < sent) std::this_thread::yield();
+        while (received.load() < sent)
+            std::this_thread::yield();
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
     shutdown(pair[0], SHUT_RDWR);
@@ -127,7 +137,7 @@ void BM_RawOneWay(benchmark::State& state) {
 // A library server and client in a temporary socket root. The server echoes every packet from
 // inside its callback, or only counts it (`echo` false).
 class LibraryPair : public IIPCServerCallback {
-public:
+  public:
     explicit LibraryPair(bool echo) : m_bEcho(echo) {
         char pattern[] = "/tmp/ipc-bench-XXXXXX";
         m_Root = mkdtemp(pattern);
@@ -196,7 +206,7 @@ public:
     ClientSide& Side() { return m_ClientSide; }
     uint64_t ServerCount() const { return m_ServerCount.load(std::memory_order_acquire); }
 
-private:
+  private:
     const bool m_bEcho;
     std::string m_Root;
     ClientSide m_ClientSide;
@@ -246,9 +256,9 @@ void BM_LibraryRoundTripCallback(benchmark::State& state) {
         pair.Side().WaitReplies(++finished);
     }
     state.SetItemsProcessed(state.iterations() * kRounds);
-    state.counters["per_round_trip_ns"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * kRounds),
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["per_round_trip_ns"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * kRounds),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void BM_LibraryOneWay(benchmark::State& state) {
@@ -262,9 +272,11 @@ void BM_LibraryOneWay(benchmark::State& state) {
     constexpr int kBatch = 1000;
     uint64_t sent = 0;
     for (auto _ : state) {
-        for (int i = 0; i < kBatch; ++i) pair.Client().SendData(&buffer);
+        for (int i = 0; i < kBatch; ++i)
+            pair.Client().SendData(&buffer);
         sent += kBatch;
-        while (pair.ServerCount() < sent) std::this_thread::yield();
+        while (pair.ServerCount() < sent)
+            std::this_thread::yield();
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
@@ -277,11 +289,13 @@ BENCHMARK(BM_LibraryOneWay)->Arg(600)->UseRealTime();
 
 // Keeps the real time per iteration of every run, to print the ratios at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
+        // With --benchmark_repetitions the median stands for the benchmark (it comes last).
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                m_Nanos[run.benchmark_name()] =
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if ((run.run_type == Run::RT_Iteration || median) && !run.error_occurred) {
+                m_Nanos[run.run_name.str()] =
                     run.GetAdjustedRealTime() *
                     benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
                     benchmark::GetTimeUnitMultiplier(run.time_unit);
@@ -295,7 +309,8 @@ public:
             const std::string wait = std::string("BM_LibraryRoundTripWait/") + size + "/real_time";
             const std::string chained =
                 std::string("BM_LibraryRoundTripCallback/") + size + "/real_time";
-            if (m_Nanos.count(raw) == 0) continue;
+            if (m_Nanos.count(raw) == 0)
+                continue;
             const double rawNs = m_Nanos.at(raw);
             std::printf("round trip %4s bytes: raw %.0f ns", size, rawNs);
             if (m_Nanos.count(wait) != 0) {
@@ -311,7 +326,7 @@ public:
         }
     }
 
-private:
+  private:
     std::map<std::string, double> m_Nanos;
 };
 
@@ -319,7 +334,8 @@ private:
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintRatios();
