@@ -400,6 +400,8 @@ TEST(IPCChannel, OversizeAndGarbageCloseWithOneEventAndDeliverNothingPartial) {
     auto client = MakeClient(clientEvents);
     ASSERT_EQ(client->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
     EXPECT_TRUE(clientEvents.WaitEvents(1));
+    ASSERT_TRUE(serverEvents.WaitEvents(3));
+    EXPECT_EQ(serverEvents.Events()[2].state, 2u);
     EXPECT_EQ(server->PeerCount(), 1u);
 }
 
@@ -581,6 +583,15 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     serverQuits = false;
     ASSERT_EQ(ch.server->Listen(), IPC_STATUS_OK);  // joins the thread that tore itself down
     ASSERT_TRUE(ch.Reconnect());
+
+    // A client deleted inside its own callback ends without touching the freed object.
+    Recorder doomedEvents;
+    IIPCClient* doomed = MakeClient(doomedEvents).release();
+    doomedEvents.onEvent = [&](const Event&) { delete doomed; };
+    ASSERT_EQ(doomed->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
+    ASSERT_TRUE(ch.serverEvents.WaitEvents(6));  // its arrival and its end, seen by the server
+    EXPECT_EQ(ch.serverEvents.Events()[5].state, 0u);
+    EXPECT_EQ(doomedEvents.Events().size(), 1u);
 }
 
 TEST(IPCServerDirectory, CreatesRepairsOrRefusesTheSocketDirectory) {
