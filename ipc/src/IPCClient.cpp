@@ -34,6 +34,7 @@ struct ClientConnection {
     ~ClientConnection() { close(fd); }
 
     const int fd;
+    std::mutex startGate;            // held by ConnectAsync until it no longer touches the client
     std::mutex sendLock;             // one frame at a time on fd
     std::atomic<bool> stop{false};   // torn down: no callback any more
     std::atomic<bool> ready{false};  // handshake done and the connection not lost
@@ -69,6 +70,7 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
                          uint32_t peer, const void* owner) {
     t_pCallbackOwner = owner;
     ClientConnection& c = *connection;
+    { std::lock_guard<std::mutex> gate(c.startGate); }
     ClientSink sink(c, callback);
     const auto handshakeDeadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(HandshakeTimeoutMs());
@@ -166,7 +168,7 @@ class CIPCClient final : public IIPCClient {
             Log(LOG_ERR, "ConnectAsync called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        std::unique_lock<std::mutex> control(m_ControlLock);
         EndConnectionLocked();
 
         const std::string path = SocketPathForPort(port);
@@ -240,6 +242,9 @@ class CIPCClient final : public IIPCClient {
             std::lock_guard<std::mutex> guard(m_ConnLock);
             m_pConn = connection;
         }
+        // The thread waits at the gate until we are done with `this`: its first callback may
+        // delete the client.
+        std::unique_lock<std::mutex> gate(connection->startGate);
         try {
             m_IoThread = std::thread(RunClientConnection, connection, m_pCallback, peer,
                                      static_cast<const void*>(this));
@@ -249,6 +254,8 @@ class CIPCClient final : public IIPCClient {
             m_pConn.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
+        control.unlock();
+        gate.unlock();
         return IPC_STATUS_OK;
     }
 

@@ -74,6 +74,7 @@ struct ServerCore {
     int listenFd = -1;
     int wakeFd = -1;
     std::atomic<bool> stop{false};
+    std::mutex startGate;  // held by Listen until it no longer touches the server object
     std::string path;
     dev_t device = 0;
     ino_t inode = 0;
@@ -111,6 +112,7 @@ class ServerLoop {
 
     void Run() {
         ServerCore& core = *m_pCore;
+        { std::lock_guard<std::mutex> gate(core.startGate); }
         std::vector<pollfd> waiters;
         while (!core.stop.load(std::memory_order_acquire)) {
             waiters.clear();
@@ -454,7 +456,7 @@ class CIPCServer final : public IIPCServer {
             Log(LOG_ERR, "Listen called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        std::unique_lock<std::mutex> control(m_ControlLock);
         if (Core())
             return IPC_STATUS_ALREADY;
         EndLoopLocked();  // joins a thread torn down from inside its callback
@@ -507,6 +509,9 @@ class CIPCServer final : public IIPCServer {
             std::lock_guard<std::mutex> guard(m_CoreLock);
             m_pCore = core;
         }
+        // The thread waits at the gate until we are done with `this`: its first callback may
+        // delete the server.
+        std::unique_lock<std::mutex> gate(core->startGate);
         try {
             auto loop = std::make_shared<ServerLoop>(core, m_pCallback, m_Identity);
             const void* owner = this;
@@ -521,6 +526,8 @@ class CIPCServer final : public IIPCServer {
             m_pCore.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
+        control.unlock();
+        gate.unlock();
         return IPC_STATUS_OK;
     }
 

@@ -587,9 +587,17 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     // A client deleted inside its own callback ends without touching the freed object.
     Recorder doomedEvents;
     IIPCClient* doomed = MakeClient(doomedEvents).release();
-    doomedEvents.onEvent = [&](const Event&) { delete doomed; };
+    std::atomic<bool> deleted{false};
+    doomedEvents.onEvent = [&](const Event&) {
+        delete doomed;
+        deleted = true;  // the recorder is not touched after this: it may go when we return
+    };
     ASSERT_EQ(doomed->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
     ASSERT_TRUE(ch.serverEvents.WaitEvents(6));  // its arrival and its end, seen by the server
+    for (const auto until = Clock::now() + 5s; !deleted && Clock::now() < until;) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(deleted);
     EXPECT_EQ(ch.serverEvents.Events()[5].state, 0u);
     EXPECT_EQ(doomedEvents.Events().size(), 1u);
 }

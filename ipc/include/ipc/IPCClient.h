@@ -27,7 +27,8 @@
 // - TearDown is allowed and does not wait for the I/O thread (it cannot wait for itself): it
 //   closes the connection and returns; no further callback follows the one that is running. The
 //   thread ends on its own and is joined by the next ConnectAsync, TearDown or the destructor.
-// - Deleting the client is allowed as the last thing a callback does; it implies TearDown.
+// - Deleting the client is allowed as the last thing a callback does; it implies TearDown, and
+//   the I/O thread then ends touching neither the client nor the callback object.
 // - ConnectAsync is not: it returns IPC_STATUS_WRONG_THREAD.
 #ifndef TIDEWAY_IPC_IPCCLIENT_H_
 #define TIDEWAY_IPC_IPCCLIENT_H_

@@ -16,7 +16,8 @@
 // Thread model: one I/O thread per listening server runs all callbacks, one at a time, for all
 // sessions. SendData and DisconnectPeer may be called from any thread, including from inside a
 // callback. TearDown from inside a callback closes everything and returns without waiting; no
-// callback follows the running one. Listen is refused inside a callback (IPC_STATUS_WRONG_THREAD).
+// callback follows the running one; deleting the server there is allowed likewise. Listen is
+// refused inside a callback (IPC_STATUS_WRONG_THREAD).
 #ifndef TIDEWAY_IPC_IPCSERVER_H_
 #define TIDEWAY_IPC_IPCSERVER_H_
 
