@@ -32,13 +32,16 @@ for name in "${names[@]}"; do
   seeds="$root/tests/fuzz/corpus/$name"
   if [ -d "$seeds" ]; then corpora+=("$seeds"); fi
   echo "--- $name: ${seconds}s"
+  log="$build/$name-smoke.log"
+  status=0
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     "$target" -max_total_time="$seconds" -print_final_stats=1 \
-    -artifact_prefix="$build/$name-" "${corpora[@]}" 2>&1 | tail -n 20
-  status=${PIPESTATUS[0]}
+    -artifact_prefix="$build/$name-" "${corpora[@]}" >"$log" 2>&1 || status=$?
   if [ "$status" -ne 0 ]; then
-    echo "$name failed (exit $status); reproducer under $build/$name-*" >&2
+    tail -n 60 "$log"
+    echo "$name failed (exit $status); reproducer under $build/$name-*, log $log" >&2
     exit "$status"
   fi
+  grep -E '^(Done|stat::)' "$log"
 done
 echo "fuzz smoke passed: ${#names[@]} target(s)"
