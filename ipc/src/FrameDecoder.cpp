@@ -99,22 +99,4 @@ CFrameDecoder::Result CFrameDecoder::Parse(IFrameSink& sink) {
     return Result::kNeedMore;
 }
 
-CFrameDecoder::Result CFrameDecoder::Feed(const uint8_t* data, size_t n, IFrameSink& sink) {
-    while (n > 0) {
-        size_t capacity = 0;
-        uint8_t* space = WritableData(&capacity);
-        if (space == nullptr)
-            return m_bBroken ? Result::kOversize : Result::kNoMemory;
-        const size_t piece = std::min(capacity, n);
-        memcpy(space, data, piece);
-        Commit(piece);
-        data += piece;
-        n -= piece;
-        const Result result = Parse(sink);
-        if (result != Result::kNeedMore)
-            return result;
-    }
-    return m_bBroken ? Result::kOversize : Result::kNeedMore;
-}
-
 }  // namespace ipc

@@ -32,7 +32,6 @@ class CFrameDecoder {
         kNeedMore,  // every whole frame was delivered; more bytes are needed
         kStopped,   // the sink asked to stop
         kOversize,  // a header announced more than the maximum: the stream is unusable
-        kNoMemory,  // the buffer could not grow to hold a frame
     };
 
     // `maxFrame` is the largest payload accepted; `initialCapacity` the first buffer size (the
@@ -55,10 +54,6 @@ class CFrameDecoder {
 
     // Delivers every whole frame buffered. After kOversize it delivers nothing any more.
     Result Parse(IFrameSink& sink);
-
-    // Copies `data` in as reads would and parses after each piece; stops at the first result
-    // other than kNeedMore and returns it (the rest of `data` is then dropped). For tests.
-    Result Feed(const uint8_t* data, size_t n, IFrameSink& sink);
 
     // Current size of the buffer; for tests.
     size_t BufferCapacity() const { return m_Capacity; }

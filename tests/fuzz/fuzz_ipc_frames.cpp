@@ -117,6 +117,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (sink.Delivered() != expected.size())
         abort();  // a whole frame went missing
+    if (result == ipc::CFrameDecoder::Result::kOversize) {
+        // The stream stays unusable: nothing more is parsed or read.
+        size_t capacity = 0;
+        if (decoder.Parse(sink) != ipc::CFrameDecoder::Result::kOversize ||
+            decoder.WritableData(&capacity) != nullptr || sink.Delivered() != expected.size()) {
+            abort();
+        }
+    } else if (decoder.Pending() == 0) {
+        // Emptied: the buffer is back to its first size, whatever it grew to.
+        size_t capacity = 0;
+        if (decoder.WritableData(&capacity) == nullptr || decoder.BufferCapacity() != initial)
+            abort();
+    }
     if ((result == ipc::CFrameDecoder::Result::kOversize) != oversize)
         abort();
     return 0;
