@@ -23,10 +23,13 @@ CFrameDecoder::CFrameDecoder(uint32_t maxFrame, size_t initialCapacity)
 
 bool CFrameDecoder::Reserve(size_t capacity) {
     const size_t pending = m_End - m_Begin;
-    if (capacity < pending) return false;
+    if (capacity < pending)
+        return false;
     std::unique_ptr<uint8_t[]> fresh(new (std::nothrow) uint8_t[capacity]);
-    if (!fresh) return false;
-    if (pending > 0) memcpy(fresh.get(), m_pBuf.get() + m_Begin, pending);
+    if (!fresh)
+        return false;
+    if (pending > 0)
+        memcpy(fresh.get(), m_pBuf.get() + m_Begin, pending);
     m_pBuf = std::move(fresh);
     m_Capacity = capacity;
     m_Begin = 0;
@@ -36,7 +39,8 @@ bool CFrameDecoder::Reserve(size_t capacity) {
 
 uint8_t* CFrameDecoder::WritableData(size_t* capacity) {
     *capacity = 0;
-    if (m_bBroken) return nullptr;
+    if (m_bBroken)
+        return nullptr;
     const size_t pending = m_End - m_Begin;
     if (pending == 0) {
         m_Begin = m_End = 0;
@@ -63,15 +67,19 @@ uint8_t* CFrameDecoder::WritableData(size_t* capacity) {
     return *capacity > 0 ? m_pBuf.get() + m_End : nullptr;
 }
 
-void CFrameDecoder::Commit(size_t n) { m_End += std::min(n, m_Capacity - m_End); }
+void CFrameDecoder::Commit(size_t n) {
+    m_End += std::min(n, m_Capacity - m_End);
+}
 
 void CFrameDecoder::Consume(size_t n) {
     m_Begin += std::min(n, m_End - m_Begin);
-    if (m_Begin == m_End) m_Begin = m_End = 0;
+    if (m_Begin == m_End)
+        m_Begin = m_End = 0;
 }
 
 CFrameDecoder::Result CFrameDecoder::Parse(IFrameSink& sink) {
-    if (m_bBroken) return Result::kOversize;
+    if (m_bBroken)
+        return Result::kOversize;
     while (m_End - m_Begin >= kFrameHeaderSize) {
         uint8_t* frame = m_pBuf.get() + m_Begin;
         const uint32_t length = ReadLE32(frame);
@@ -79,29 +87,16 @@ CFrameDecoder::Result CFrameDecoder::Parse(IFrameSink& sink) {
             m_bBroken = true;
             return Result::kOversize;
         }
-        if (m_End - m_Begin - kFrameHeaderSize < length) break;
+        if (m_End - m_Begin - kFrameHeaderSize < length)
+            break;
         // Consumed before delivery: the sink may stop us, and the frame must not come twice.
         m_Begin += kFrameHeaderSize + length;
-        if (!sink.OnFrame(frame + kFrameHeaderSize, length)) return Result::kStopped;
+        if (!sink.OnFrame(frame + kFrameHeaderSize, length))
+            return Result::kStopped;
     }
-    if (m_Begin == m_End) m_Begin = m_End = 0;
+    if (m_Begin == m_End)
+        m_Begin = m_End = 0;
     return Result::kNeedMore;
-}
-
-CFrameDecoder::Result CFrameDecoder::Feed(const uint8_t* data, size_t n, IFrameSink& sink) {
-    while (n > 0) {
-        size_t capacity = 0;
-        uint8_t* space = WritableData(&capacity);
-        if (space == nullptr) return m_bBroken ? Result::kOversize : Result::kNoMemory;
-        const size_t piece = std::min(capacity, n);
-        memcpy(space, data, piece);
-        Commit(piece);
-        data += piece;
-        n -= piece;
-        const Result result = Parse(sink);
-        if (result != Result::kNeedMore) return result;
-    }
-    return m_bBroken ? Result::kOversize : Result::kNeedMore;
 }
 
 }  // namespace ipc

@@ -17,22 +17,21 @@ constexpr size_t kFrameHeaderSize = 4;
 
 // Receives the frames that CFrameDecoder::Parse finds.
 class IFrameSink {
-public:
+  public:
     // One whole frame; `data` stays valid only during the call. Return false to stop parsing:
     // the frames after this one stay buffered for the next Parse.
     virtual bool OnFrame(uint8_t* data, uint32_t length) = 0;
 
-protected:
+  protected:
     ~IFrameSink() = default;
 };
 
 class CFrameDecoder {
-public:
+  public:
     enum class Result {
         kNeedMore,  // every whole frame was delivered; more bytes are needed
         kStopped,   // the sink asked to stop
         kOversize,  // a header announced more than the maximum: the stream is unusable
-        kNoMemory,  // the buffer could not grow to hold a frame
     };
 
     // `maxFrame` is the largest payload accepted; `initialCapacity` the first buffer size (the
@@ -56,14 +55,10 @@ public:
     // Delivers every whole frame buffered. After kOversize it delivers nothing any more.
     Result Parse(IFrameSink& sink);
 
-    // Copies `data` in as reads would and parses after each piece; stops at the first result
-    // other than kNeedMore and returns it (the rest of `data` is then dropped). For tests.
-    Result Feed(const uint8_t* data, size_t n, IFrameSink& sink);
-
     // Current size of the buffer; for tests.
     size_t BufferCapacity() const { return m_Capacity; }
 
-private:
+  private:
     bool Reserve(size_t capacity);
 
     const uint32_t m_MaxFrame;

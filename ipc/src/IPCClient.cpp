@@ -34,6 +34,7 @@ struct ClientConnection {
     ~ClientConnection() { close(fd); }
 
     const int fd;
+    std::mutex startGate;            // held by ConnectAsync until it no longer touches the client
     std::mutex sendLock;             // one frame at a time on fd
     std::atomic<bool> stop{false};   // torn down: no callback any more
     std::atomic<bool> ready{false};  // handshake done and the connection not lost
@@ -43,12 +44,13 @@ struct ClientConnection {
 
 // Hands each whole frame to the callback, unless the connection was torn down meanwhile.
 class ClientSink final : public IFrameSink {
-public:
+  public:
     ClientSink(ClientConnection& connection, IIPCCallback* callback)
         : m_Connection(connection), m_pCallback(callback) {}
 
     bool OnFrame(uint8_t* data, uint32_t length) override {
-        if (m_Connection.stop.load(std::memory_order_acquire)) return false;
+        if (m_Connection.stop.load(std::memory_order_acquire))
+            return false;
         IPCBuffer buffer{};
         buffer.m_Kind = kIPCBufferKindRequest;
         buffer.m_Length = length;
@@ -57,7 +59,7 @@ public:
         return !m_Connection.stop.load(std::memory_order_acquire);
     }
 
-private:
+  private:
     ClientConnection& m_Connection;
     IIPCCallback* const m_pCallback;
 };
@@ -68,6 +70,7 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
                          uint32_t peer, const void* owner) {
     t_pCallbackOwner = owner;
     ClientConnection& c = *connection;
+    { std::lock_guard<std::mutex> gate(c.startGate); }
     ClientSink sink(c, callback);
     const auto handshakeDeadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(HandshakeTimeoutMs());
@@ -84,8 +87,10 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
             }
             pollfd waiter{c.fd, POLLIN, 0};
             const int ready = poll(&waiter, 1, static_cast<int>(left));
-            if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
-            if (ready < 0) break;
+            if (ready == 0 || (ready < 0 && errno == EINTR))
+                continue;
+            if (ready < 0)
+                break;
         }
         size_t capacity = 0;
         uint8_t* space = c.decoder.WritableData(&capacity);
@@ -94,7 +99,8 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
             break;
         }
         const ssize_t got = recv(c.fd, space, capacity, 0);
-        if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && errno == EINTR)
+            continue;
         if (got <= 0) {
             if (got == 0 && c.decoder.Pending() > 0 && !c.stop.load()) {
                 Log(LOG_WARNING, "server closed in the middle of a packet, %zu bytes dropped",
@@ -104,7 +110,8 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
         }
         c.decoder.Commit(static_cast<size_t>(got));
         if (!c.ready.load(std::memory_order_relaxed)) {
-            if (c.decoder.Pending() < kHelloSize) continue;
+            if (c.decoder.Pending() < kHelloSize)
+                continue;
             Hello hello{};
             if (!DecodeHello(c.decoder.PendingData(), &hello) || hello.identity != peer ||
                 hello.session == 0) {
@@ -114,7 +121,8 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
             c.decoder.Consume(kHelloSize);
             c.session = hello.session;
             c.ready.store(true, std::memory_order_release);
-            if (c.stop.load(std::memory_order_acquire)) break;
+            if (c.stop.load(std::memory_order_acquire))
+                break;
             callback->OnPeerStateChanged(peer, c.session, IPC_PEER_CONNECTED);
         }
         if (c.decoder.Parse(sink) == CFrameDecoder::Result::kOversize) {
@@ -137,7 +145,7 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
 // TearDown and destruction and guards m_IoThread; m_ConnLock (a leaf, never held across a wait)
 // guards m_pConn, so that SendData never waits behind a TearDown that joins the I/O thread.
 class CIPCClient final : public IIPCClient {
-public:
+  public:
     CIPCClient(uint32_t identity, IIPCCallback* callback)
         : m_Identity(identity), m_pCallback(callback) {}
 
@@ -146,7 +154,8 @@ public:
             // Deleted from inside our own callback: the thread cannot be joined from itself. It
             // sees the stop flag when the callback returns and ends without touching us.
             StopConnection();
-            if (m_IoThread.joinable()) m_IoThread.detach();
+            if (m_IoThread.joinable())
+                m_IoThread.detach();
             return;
         }
         std::lock_guard<std::mutex> control(m_ControlLock);
@@ -159,7 +168,7 @@ public:
             Log(LOG_ERR, "ConnectAsync called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        std::unique_lock<std::mutex> control(m_ControlLock);
         EndConnectionLocked();
 
         const std::string path = SocketPathForPort(port);
@@ -173,7 +182,8 @@ public:
 
         // Non-blocking only for connect: a full accept queue must not block the caller.
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) return IPC_STATUS_NO_RESOURCES;
+        if (fd < 0)
+            return IPC_STATUS_NO_RESOURCES;
         if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
             const int error = errno;
             close(fd);
@@ -209,8 +219,7 @@ public:
         if (credentials.uid != 0 && credentials.uid != self) {
             Log(LOG_ERR,
                 "refusing the server on %s: it runs as uid %u, neither root nor our uid %u",
-                path.c_str(), static_cast<unsigned>(credentials.uid),
-                static_cast<unsigned>(self));
+                path.c_str(), static_cast<unsigned>(credentials.uid), static_cast<unsigned>(self));
             close(fd);
             return IPC_STATUS_UNTRUSTED_PEER;
         }
@@ -233,6 +242,9 @@ public:
             std::lock_guard<std::mutex> guard(m_ConnLock);
             m_pConn = connection;
         }
+        // The thread waits at the gate until we are done with `this`: its first callback may
+        // delete the client.
+        std::unique_lock<std::mutex> gate(connection->startGate);
         try {
             m_IoThread = std::thread(RunClientConnection, connection, m_pCallback, peer,
                                      static_cast<const void*>(this));
@@ -242,6 +254,8 @@ public:
             m_pConn.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
+        control.unlock();
+        gate.unlock();
         return IPC_STATUS_OK;
     }
 
@@ -249,7 +263,8 @@ public:
         if (buffer == nullptr || (buffer->m_Length > 0 && buffer->m_pData == nullptr)) {
             return IPC_STATUS_BAD_ARGUMENT;
         }
-        if (buffer->m_Length > kIPCMaxFrameLength) return IPC_STATUS_TOO_LARGE;
+        if (buffer->m_Length > kIPCMaxFrameLength)
+            return IPC_STATUS_TOO_LARGE;
         std::shared_ptr<ClientConnection> connection;
         {
             std::lock_guard<std::mutex> guard(m_ConnLock);
@@ -287,7 +302,7 @@ public:
     BR_STATUSCODE ReservedSlot5() override { return IPC_STATUS_NOT_SUPPORTED; }
     BR_STATUSCODE ReservedSlot6() override { return IPC_STATUS_NOT_SUPPORTED; }
 
-private:
+  private:
     // Marks the current connection torn down and wakes its I/O thread. Any thread.
     void StopConnection() {
         std::shared_ptr<ClientConnection> connection;
@@ -304,7 +319,8 @@ private:
     // StopConnection and wait for the I/O thread. REQUIRES: m_ControlLock, not the I/O thread.
     void EndConnectionLocked() {
         StopConnection();
-        if (m_IoThread.joinable()) m_IoThread.join();
+        if (m_IoThread.joinable())
+            m_IoThread.join();
     }
 
     const uint32_t m_Identity;

@@ -59,8 +59,10 @@ struct ServerPeer {
 // never held across a callback or a send).
 struct ServerCore {
     ~ServerCore() {
-        if (listenFd >= 0) close(listenFd);
-        if (wakeFd >= 0) close(wakeFd);
+        if (listenFd >= 0)
+            close(listenFd);
+        if (wakeFd >= 0)
+            close(wakeFd);
     }
     void Wake() {
         const uint64_t one = 1;
@@ -72,6 +74,7 @@ struct ServerCore {
     int listenFd = -1;
     int wakeFd = -1;
     std::atomic<bool> stop{false};
+    std::mutex startGate;  // held by Listen until it no longer touches the server object
     std::string path;
     dev_t device = 0;
     ino_t inode = 0;
@@ -80,12 +83,13 @@ struct ServerCore {
 };
 
 class ServerSink final : public IFrameSink {
-public:
+  public:
     ServerSink(ServerCore& core, IIPCServerCallback* callback, uint16_t session)
         : m_Core(core), m_pCallback(callback), m_Session(session) {}
 
     bool OnFrame(uint8_t* data, uint32_t length) override {
-        if (m_Core.stop.load(std::memory_order_acquire)) return false;
+        if (m_Core.stop.load(std::memory_order_acquire))
+            return false;
         IPCBuffer buffer{};
         buffer.m_Kind = kIPCBufferKindRequest;
         buffer.m_Length = length;
@@ -94,7 +98,7 @@ public:
         return !m_Core.stop.load(std::memory_order_acquire);
     }
 
-private:
+  private:
     ServerCore& m_Core;
     IIPCServerCallback* const m_pCallback;
     const uint16_t m_Session;
@@ -102,34 +106,40 @@ private:
 
 // The I/O thread. Like the client's, it touches only the core and the callback.
 class ServerLoop {
-public:
+  public:
     ServerLoop(std::shared_ptr<ServerCore> core, IIPCServerCallback* callback, uint32_t identity)
         : m_pCore(std::move(core)), m_pCallback(callback), m_Identity(identity) {}
 
     void Run() {
         ServerCore& core = *m_pCore;
+        { std::lock_guard<std::mutex> gate(core.startGate); }
         std::vector<pollfd> waiters;
         while (!core.stop.load(std::memory_order_acquire)) {
             waiters.clear();
             waiters.push_back({core.wakeFd, POLLIN, 0});
             waiters.push_back({core.listenFd, POLLIN, 0});
-            for (const auto& peer : m_Peers) waiters.push_back({peer->fd, POLLIN, 0});
+            for (const auto& peer : m_Peers)
+                waiters.push_back({peer->fd, POLLIN, 0});
             const int ready = poll(waiters.data(), waiters.size(), NextTimeoutMs());
             if (ready < 0 && errno != EINTR) {
                 Log(LOG_ERR, "poll failed: %s, the server stops", strerror(errno));
                 break;
             }
-            if (core.stop.load(std::memory_order_acquire)) break;
+            if (core.stop.load(std::memory_order_acquire))
+                break;
             if (ready <= 0) {
                 DropLateHandshakes();
                 continue;
             }
-            if (waiters[1].revents != 0) AcceptAll();
+            if (waiters[1].revents != 0)
+                AcceptAll();
             // Peers accepted just now are not in `waiters`; they are polled next round.
             const size_t polled = waiters.size() - 2;
             for (size_t i = 0; i < polled && !core.stop.load(std::memory_order_acquire); ++i) {
-                if (waiters[i + 2].revents == 0) continue;
-                if (!Service(m_Peers[i])) m_Dropped.insert(m_Peers[i].get());
+                if (waiters[i + 2].revents == 0)
+                    continue;
+                if (!Service(m_Peers[i]))
+                    m_Dropped.insert(m_Peers[i].get());
             }
             RemoveDropped();
             DropLateHandshakes();
@@ -137,16 +147,19 @@ public:
         Shutdown();
     }
 
-private:
+  private:
     int NextTimeoutMs() const {
         bool any = false;
         Clock::time_point first{};
         for (const auto& peer : m_Peers) {
-            if (peer->reported) continue;
-            if (!any || peer->handshakeDeadline < first) first = peer->handshakeDeadline;
+            if (peer->reported)
+                continue;
+            if (!any || peer->handshakeDeadline < first)
+                first = peer->handshakeDeadline;
             any = true;
         }
-        if (!any) return -1;
+        if (!any)
+            return -1;
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(first - Clock::now()).count();
         return static_cast<int>(std::max<long long>(left + 1, 0));
@@ -154,10 +167,11 @@ private:
 
     void AcceptAll() {
         for (;;) {
-            const int fd = accept4(m_pCore->listenFd, nullptr, nullptr,
-                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
+            const int fd =
+                accept4(m_pCore->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (fd < 0) {
-                if (errno == EINTR || errno == ECONNABORTED) continue;
+                if (errno == EINTR || errno == ECONNABORTED)
+                    continue;
                 if (errno != EAGAIN && errno != EWOULDBLOCK) {
                     Log(LOG_ERR, "accept failed: %s", strerror(errno));
                 }
@@ -188,7 +202,8 @@ private:
             return false;
         }
         const ssize_t got = recv(peer.fd, space, capacity, 0);
-        if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        if (got < 0)
+            return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         if (got == 0) {
             if (peer.reported && peer.decoder.Pending() > 0) {
                 Log(LOG_WARNING, "session %u closed in the middle of a packet, %zu bytes dropped",
@@ -198,9 +213,12 @@ private:
         }
         peer.decoder.Commit(static_cast<size_t>(got));
         if (!peer.reported) {
-            if (peer.decoder.Pending() < kHelloSize) return true;
-            if (!Admit(entry)) return false;
-            if (m_pCore->stop.load(std::memory_order_acquire)) return true;
+            if (peer.decoder.Pending() < kHelloSize)
+                return true;
+            if (!Admit(entry))
+                return false;
+            if (m_pCore->stop.load(std::memory_order_acquire))
+                return true;
         }
         ServerSink sink(*m_pCore, m_pCallback, peer.session);
         if (peer.decoder.Parse(sink) == CFrameDecoder::Result::kOversize) {
@@ -235,7 +253,8 @@ private:
         peer.identity = hello.identity;
         uint8_t answer[kHelloSize];
         EncodeHello(Hello{kProtocolVersion, peer.session, m_Identity}, answer);
-        if (!WriteAll(peer.fd, answer, sizeof(answer))) return false;
+        if (!WriteAll(peer.fd, answer, sizeof(answer)))
+            return false;
         try {
             std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
             m_pCore->sessions[peer.session] = entry;
@@ -265,7 +284,8 @@ private:
     // Closes the dropped peers; for each that was reported, the session goes first, so that a
     // send from inside the state-0 callback finds nothing, then the event.
     void RemoveDropped() {
-        if (m_Dropped.empty()) return;
+        if (m_Dropped.empty())
+            return;
         std::vector<std::shared_ptr<ServerPeer>> kept;
         kept.reserve(m_Peers.size());
         for (auto& peer : m_Peers) {
@@ -274,7 +294,8 @@ private:
                 continue;
             }
             shutdown(peer->fd, SHUT_RDWR);
-            if (!peer->reported) continue;
+            if (!peer->reported)
+                continue;
             {
                 std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
                 m_pCore->sessions.erase(peer->session);
@@ -293,7 +314,8 @@ private:
             std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
             m_pCore->sessions.clear();
         }
-        for (const auto& peer : m_Peers) shutdown(peer->fd, SHUT_RDWR);
+        for (const auto& peer : m_Peers)
+            shutdown(peer->fd, SHUT_RDWR);
         m_Peers.clear();
         struct stat info {};
         if (lstat(m_pCore->path.c_str(), &info) == 0 && info.st_dev == m_pCore->device &&
@@ -337,7 +359,8 @@ BR_STATUSCODE PrepareDirectory(const std::string& directory) {
         status = IPC_STATUS_INSECURE_DIRECTORY;
     } else if (created) {
         // Clients of every local user must be able to reach the socket, whatever the umask.
-        if (fchmod(fd, 0755) != 0) status = IPC_STATUS_SYSTEM_ERROR;
+        if (fchmod(fd, 0755) != 0)
+            status = IPC_STATUS_SYSTEM_ERROR;
     } else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         const mode_t repaired = info.st_mode & 0755;
         if (fchmod(fd, repaired) != 0) {
@@ -358,13 +381,15 @@ BR_STATUSCODE PrepareDirectory(const std::string& directory) {
 // removed, anything else in the way is left alone and refused.
 BR_STATUSCODE ClearSocketPath(const std::string& path, const sockaddr_un& address) {
     struct stat info {};
-    if (lstat(path.c_str(), &info) != 0) return IPC_STATUS_OK;
+    if (lstat(path.c_str(), &info) != 0)
+        return IPC_STATUS_OK;
     if (!S_ISSOCK(info.st_mode)) {
         Log(LOG_ERR, "%s exists and is not a socket, refused", path.c_str());
         return IPC_STATUS_ADDRESS_IN_USE;
     }
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (probe < 0) return IPC_STATUS_NO_RESOURCES;
+    if (probe < 0)
+        return IPC_STATUS_NO_RESOURCES;
     const bool answered =
         connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
         errno == EAGAIN;
@@ -380,14 +405,15 @@ BR_STATUSCODE ClearSocketPath(const std::string& path, const sockaddr_un& addres
 // Owned by its creator; thread-safe. m_ControlLock serialises Listen, TearDown and destruction
 // and guards m_IoThread and m_pCore; sends and disconnects go through the core's session table.
 class CIPCServer final : public IIPCServer {
-public:
+  public:
     CIPCServer(uint32_t identity, IIPCServerCallback* callback, uint16_t port)
         : m_Identity(identity), m_pCallback(callback), m_Port(port) {}
 
     ~CIPCServer() override {
         if (t_pCallbackOwner == this) {
             StopLoop();  // the thread finishes after the running callback, touching only the core
-            if (m_IoThread.joinable()) m_IoThread.detach();
+            if (m_IoThread.joinable())
+                m_IoThread.detach();
             return;
         }
         std::lock_guard<std::mutex> control(m_ControlLock);
@@ -398,9 +424,11 @@ public:
         if (buffer == nullptr || (buffer->m_Length > 0 && buffer->m_pData == nullptr)) {
             return IPC_STATUS_BAD_ARGUMENT;
         }
-        if (buffer->m_Length > kIPCMaxFrameLength) return IPC_STATUS_TOO_LARGE;
+        if (buffer->m_Length > kIPCMaxFrameLength)
+            return IPC_STATUS_TOO_LARGE;
         std::shared_ptr<ServerPeer> peer = FindPeer(session);
-        if (!peer) return IPC_STATUS_NO_SESSION;
+        if (!peer)
+            return IPC_STATUS_NO_SESSION;
         const BR_STATUSCODE status =
             SendFrame(peer->fd, peer->sendLock, buffer->m_pData, buffer->m_Length);
         if (status != IPC_STATUS_OK) {
@@ -428,13 +456,15 @@ public:
             Log(LOG_ERR, "Listen called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
-        if (Core()) return IPC_STATUS_ALREADY;
+        std::unique_lock<std::mutex> control(m_ControlLock);
+        if (Core())
+            return IPC_STATUS_ALREADY;
         EndLoopLocked();  // joins a thread torn down from inside its callback
 
         const std::string directory = SocketDirectory();
         BR_STATUSCODE status = PrepareDirectory(directory);
-        if (status != IPC_STATUS_OK) return status;
+        if (status != IPC_STATUS_OK)
+            return status;
         const std::string path = SocketPathForPort(m_Port);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -444,7 +474,8 @@ public:
         }
         memcpy(address.sun_path, path.c_str(), path.size() + 1);
         status = ClearSocketPath(path, address);
-        if (status != IPC_STATUS_OK) return status;
+        if (status != IPC_STATUS_OK)
+            return status;
 
         std::shared_ptr<ServerCore> core;
         try {
@@ -455,7 +486,8 @@ public:
         core->path = path;
         core->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
         core->listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        if (core->wakeFd < 0 || core->listenFd < 0) return IPC_STATUS_NO_RESOURCES;
+        if (core->wakeFd < 0 || core->listenFd < 0)
+            return IPC_STATUS_NO_RESOURCES;
         if (bind(core->listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
             0) {
             const int error = errno;
@@ -477,6 +509,9 @@ public:
             std::lock_guard<std::mutex> guard(m_CoreLock);
             m_pCore = core;
         }
+        // The thread waits at the gate until we are done with `this`: its first callback may
+        // delete the server.
+        std::unique_lock<std::mutex> gate(core->startGate);
         try {
             auto loop = std::make_shared<ServerLoop>(core, m_pCallback, m_Identity);
             const void* owner = this;
@@ -491,24 +526,28 @@ public:
             m_pCore.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
+        control.unlock();
+        gate.unlock();
         return IPC_STATUS_OK;
     }
 
     BR_STATUSCODE DisconnectPeer(uint16_t session) override {
         std::shared_ptr<ServerPeer> peer = FindPeer(session);
-        if (!peer) return IPC_STATUS_NO_SESSION;
+        if (!peer)
+            return IPC_STATUS_NO_SESSION;
         shutdown(peer->fd, SHUT_RDWR);  // the I/O thread sees the end and reports it
         return IPC_STATUS_OK;
     }
 
     uint32_t PeerCount() override {
         std::shared_ptr<ServerCore> core = Core();
-        if (!core) return 0;
+        if (!core)
+            return 0;
         std::lock_guard<std::mutex> guard(core->sessionsLock);
         return static_cast<uint32_t>(core->sessions.size());
     }
 
-private:
+  private:
     std::shared_ptr<ServerCore> Core() {
         std::lock_guard<std::mutex> guard(m_CoreLock);
         return m_pCore;
@@ -516,7 +555,8 @@ private:
 
     std::shared_ptr<ServerPeer> FindPeer(uint16_t session) {
         std::shared_ptr<ServerCore> core = Core();
-        if (!core) return nullptr;
+        if (!core)
+            return nullptr;
         std::lock_guard<std::mutex> guard(core->sessionsLock);
         const auto found = core->sessions.find(session);
         return found != core->sessions.end() ? found->second : nullptr;
@@ -538,7 +578,8 @@ private:
     // StopLoop and wait for the thread. REQUIRES: m_ControlLock, not the I/O thread.
     void EndLoopLocked() {
         StopLoop();
-        if (m_IoThread.joinable()) m_IoThread.join();
+        if (m_IoThread.joinable())
+            m_IoThread.join();
     }
 
     const uint32_t m_Identity;

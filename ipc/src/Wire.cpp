@@ -37,9 +37,12 @@ void PutLE16(uint8_t* p, uint16_t v) {
     p[1] = static_cast<uint8_t>(v >> 8);
 }
 void PutLE32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+    for (int i = 0; i < 4; ++i)
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
 }
-uint16_t GetLE16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint16_t GetLE16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+}
 uint32_t GetLE32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
            (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
@@ -66,7 +69,8 @@ void EncodeHello(const Hello& hello, uint8_t out[kHelloSize]) {
 }
 
 bool DecodeHello(const uint8_t in[kHelloSize], Hello* hello) {
-    if (memcmp(in, kHelloMagic, 4) != 0) return false;
+    if (memcmp(in, kHelloMagic, 4) != 0)
+        return false;
     hello->version = GetLE16(in + 4);
     hello->session = GetLE16(in + 6);
     hello->identity = GetLE32(in + 8);
@@ -97,21 +101,26 @@ BR_STATUSCODE SendFrame(int fd, std::mutex& sendLock, const void* data, uint32_t
                 ++message.msg_iov;
                 --message.msg_iovlen;
             }
-            if (message.msg_iovlen == 0) return IPC_STATUS_OK;
+            if (message.msg_iovlen == 0)
+                return IPC_STATUS_OK;
             message.msg_iov[0].iov_base = static_cast<uint8_t*>(message.msg_iov[0].iov_base) + done;
             message.msg_iov[0].iov_len -= done;
             continue;
         }
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return IPC_STATUS_PEER_LOST;
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK)
+            return IPC_STATUS_PEER_LOST;
         // The peer's buffer is full: wait for room, but not for ever.
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - std::chrono::steady_clock::now())
                               .count();
-        if (left <= 0) return IPC_STATUS_TIMEOUT;
+        if (left <= 0)
+            return IPC_STATUS_TIMEOUT;
         pollfd waiter{fd, POLLOUT, 0};
         const int ready = poll(&waiter, 1, static_cast<int>(left));
-        if (ready < 0 && errno != EINTR) return IPC_STATUS_PEER_LOST;
+        if (ready < 0 && errno != EINTR)
+            return IPC_STATUS_PEER_LOST;
     }
 }
 
@@ -119,16 +128,22 @@ bool WriteAll(int fd, const void* data, size_t n) {
     const uint8_t* p = static_cast<const uint8_t*>(data);
     while (n > 0) {
         const ssize_t sent = send(fd, p, n, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
-        if (sent <= 0) return false;
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent <= 0)
+            return false;
         p += sent;
         n -= static_cast<size_t>(sent);
     }
     return true;
 }
 
-int SendTimeoutMs() { return g_SendTimeoutMs.load(std::memory_order_relaxed); }
-int HandshakeTimeoutMs() { return g_HandshakeTimeoutMs.load(std::memory_order_relaxed); }
+int SendTimeoutMs() {
+    return g_SendTimeoutMs.load(std::memory_order_relaxed);
+}
+int HandshakeTimeoutMs() {
+    return g_HandshakeTimeoutMs.load(std::memory_order_relaxed);
+}
 
 std::string SocketDirectory() {
     std::lock_guard<std::mutex> guard(g_RootLock);

@@ -30,9 +30,9 @@ std::unique_ptr<uint8_t[]> BuildPacket(const MSG_QUEUE_MSG* message, uint32_t& s
         return nullptr;
     }
     const bool withData = message->m_pData != nullptr && message->m_DataLength != 0;
-    // Computed in 32 bits as the length field is: a size beyond the signed 32-bit range is
-    // refused by the allocation helper, so a length near 4 GiB cannot wrap to a small buffer
-    // without also failing here.
+    // The size is worked out in 64 bits so that a length near 4 GiB cannot wrap to a small
+    // buffer; anything beyond the signed 32-bit range fails like an exhausted heap, without
+    // asking the allocator. The caller sees the size as the 32-bit packet length.
     const uint64_t wanted = kPacketHeaderSize + (withData ? uint64_t{message->m_DataLength} : 0);
     size = static_cast<uint32_t>(wanted);
     uint8_t* const packet = wanted > 0x7FFFFFFFu ? nullptr : AllocMessageBytes(size);

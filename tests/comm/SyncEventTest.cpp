@@ -130,58 +130,137 @@ TEST(SyncEventTest, AutoResetReleasesOneWaiterPerSignalInTurn) {
     CSyncEvent* events[] = {&event};
     std::atomic<bool> stop{false};
     comm_test::Counter released;
+    comm_test::Counter exited;
     std::vector<int> turns(kWaiters, 0);
     std::vector<std::thread> threads;
     for (int i = 0; i < kWaiters; ++i) {
         threads.emplace_back([&, i] {
-            for (;;) {
-                if (WaitForObjects(1, events, false, kWaitInfinite) != 0)
-                    return;
-                if (stop)
-                    return;
+            while (!stop) {
+                if (WaitForObjects(1, events, false, 1000) != 0 || stop)
+                    continue;
                 ++turns[i];
                 released.Add();
             }
+            exited.Add();
         });
     }
-    for (int round = 1; round <= kRounds; ++round) {
-        // Every waiter is back in its wait, so every earlier release has been counted.
+    // Runs the rounds; returns at the first failure so that the threads are always ended.
+    [&] {
+        for (int round = 1; round <= kRounds; ++round) {
+            // Every waiter is back in its wait, so every earlier release has been counted.
+            ASSERT_TRUE(WaitForWaiters(event, kWaiters));
+            ASSERT_EQ(released.Get(), round - 1) << "one signal released two waits";
+            event.SetEvent();
+            ASSERT_TRUE(released.WaitAtLeast(round, milliseconds(500))) << "signal lost";
+        }
         ASSERT_TRUE(WaitForWaiters(event, kWaiters));
-        ASSERT_EQ(released.Get(), round - 1) << "one signal released two waits";
-        event.SetEvent();
-        ASSERT_TRUE(released.WaitAtLeast(round, milliseconds(10000))) << "signal lost";
-    }
-    ASSERT_TRUE(WaitForWaiters(event, kWaiters));
-    EXPECT_EQ(released.Get(), kRounds);
+        EXPECT_EQ(released.Get(), kRounds);
+    }();
     stop = true;
-    for (int i = kWaiters; i > 0; --i) {
-        ASSERT_TRUE(WaitForWaiters(event, static_cast<size_t>(i)));
+    while (!exited.WaitAtLeast(kWaiters, milliseconds(10)))
         event.SetEvent();
-    }
     for (std::thread& thread : threads)
         thread.join();
     for (int i = 0; i < kWaiters; ++i)
         EXPECT_GT(turns[i], 0) << "waiter " << i << " never woke";
 }
 
+TEST(SyncEventTest, AutoResetSignalIsTakenOnceWhenAnotherWaitRacesTheWokenOne) {
+    // The signal wakes the blocked waiter, but a second wait checks the flag first and takes it:
+    // the woken waiter must go back to sleep rather than count the same signal again.
+    constexpr int kRounds = 50;
+    CSyncEvent event(true);
+    CSyncEvent* events[] = {&event};
+    std::atomic<bool> stop{false};
+    comm_test::Counter woken;
+    std::thread waiter([&] {
+        while (!stop) {
+            if (WaitForObjects(1, events, false, 5000) != 0 || stop)
+                continue;
+            woken.Add();
+        }
+    });
+    int taken = 0;
+    [&] {
+        for (int round = 1; round <= kRounds; ++round) {
+            ASSERT_TRUE(WaitForWaiters(event, 1));
+            ASSERT_EQ(woken.Get() + taken, round - 1) << "one signal released two waits";
+            event.SetEvent();
+            if (WaitForObjects(1, events, false, 0) == 0) {
+                ++taken;
+                // Give the woken waiter time to (wrongly) count the signal too.
+                ASSERT_FALSE(woken.WaitAtLeast(round - taken + 1, milliseconds(20)))
+                    << "one signal released two waits";
+            } else {
+                ASSERT_TRUE(woken.WaitAtLeast(round - taken, milliseconds(5000))) << "lost";
+            }
+        }
+    }();
+    ASSERT_TRUE(WaitForWaiters(event, 1));
+    stop = true;
+    event.SetEvent();
+    waiter.join();
+    EXPECT_EQ(woken.Get() + taken, kRounds) << "one signal released two waits";
+    EXPECT_GT(taken, 0) << "the race never happened";
+}
+
+TEST(SyncEventTest, AutoResetSignalGoesOnWhenItsWaiterLeavesWithAnotherEvent) {
+    // The first waiter of the auto-reset event also waits for a manual one, which is signalled
+    // just before: it leaves with the manual event, and the auto-reset signal it was handed must
+    // reach the second waiter instead of staying in the flag while that one sleeps.
+    constexpr int kRounds = 20;
+    CSyncEvent automatic(true);
+    CSyncEvent manual(false);
+    for (int round = 0; round < kRounds; ++round) {
+        CSyncEvent* both[] = {&manual, &automatic};
+        CSyncEvent* one[] = {&automatic};
+        uint32_t firstResult = 0xDEAD;
+        uint32_t secondResult = 0xDEAD;
+        long secondMs = 0;
+        std::thread first([&] { firstResult = WaitForObjects(2, both, false, 3000); });
+        ASSERT_TRUE(WaitForWaiters(automatic, 1));
+        std::thread second([&] {
+            const Clock::time_point begin = Clock::now();
+            secondResult = WaitForObjects(1, one, false, 3000);
+            secondMs = ElapsedMs(begin);
+        });
+        ASSERT_TRUE(WaitForWaiters(automatic, 2));
+        manual.SetEvent();
+        automatic.SetEvent();
+        first.join();
+        second.join();
+        manual.ResetEvent();
+        EXPECT_EQ(firstResult, 0u);
+        EXPECT_EQ(secondResult, 0u);
+        ASSERT_LT(secondMs, 1500) << "round " << round << ": the signal slept in the flag";
+    }
+}
+
 TEST(SyncEventTest, SignalRacingTheWaitIsNeverLost) {
     // Each round the setter and the waiter start together, so the signal lands before, during
-    // or after the waiter's registration and check. A lost wake-up shows as a time-out.
-    constexpr int kRounds = 1000;
+    // or after the waiter's registration and check. A lost wake-up shows as a wait that lasts
+    // until its time-out (after which the final check still finds the flag).
+    constexpr int kRounds = 5000;
     CSyncEvent automatic(true);
     CSyncEvent manual(false);
     CSyncEvent* events[] = {&automatic, &manual};
     comm_test::Barrier start(2);
     std::vector<uint32_t> results(kRounds, 0);
+    std::vector<long> durations(kRounds, 0);
+    std::atomic<int> rounds{kRounds};  // cut short at the first lost wake-up
     std::thread waiter([&] {
-        for (int round = 0; round < kRounds; ++round) {
+        for (int round = 0; round < rounds; ++round) {
             start.ArriveAndWait();
-            results[round] = WaitForObjects(2, events, false, 10000);
+            const Clock::time_point begin = Clock::now();
+            results[round] = WaitForObjects(2, events, false, 3000);
+            durations[round] = ElapsedMs(begin);
+            if (durations[round] >= 1500)
+                rounds = round + 1;
             manual.ResetEvent();
             start.ArriveAndWait();
         }
     });
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         start.ArriveAndWait();
         if (round % 2 == 0) {
             automatic.SetEvent();
@@ -191,8 +270,10 @@ TEST(SyncEventTest, SignalRacingTheWaitIsNeverLost) {
         start.ArriveAndWait();
     }
     waiter.join();
+    ASSERT_EQ(rounds.load(), kRounds) << "wake-up lost in round " << rounds - 1;
     for (int round = 0; round < kRounds; ++round) {
         ASSERT_EQ(results[round], static_cast<uint32_t>(round % 2)) << "round " << round;
+        ASSERT_LT(durations[round], 1500) << "wake-up lost in round " << round;
     }
     EXPECT_FALSE(automatic.IsSignalled());
 }

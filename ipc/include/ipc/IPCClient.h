@@ -27,7 +27,8 @@
 // - TearDown is allowed and does not wait for the I/O thread (it cannot wait for itself): it
 //   closes the connection and returns; no further callback follows the one that is running. The
 //   thread ends on its own and is joined by the next ConnectAsync, TearDown or the destructor.
-// - Deleting the client is allowed as the last thing a callback does; it implies TearDown.
+// - Deleting the client is allowed as the last thing a callback does; it implies TearDown, and
+//   the I/O thread then ends touching neither the client nor the callback object.
 // - ConnectAsync is not: it returns IPC_STATUS_WRONG_THREAD.
 #ifndef TIDEWAY_IPC_IPCCLIENT_H_
 #define TIDEWAY_IPC_IPCCLIENT_H_
@@ -39,7 +40,7 @@
 // Receives the events of a client (and, through IIPCServerCallback, of a server). The slot order
 // is part of the binary interface. Implementations must return quickly: the I/O thread waits.
 class IIPCCallback {
-public:
+  public:
     // A peer came up (state 2) or went away (state 0). `peerIdentity` is the other end's IPC
     // identity; `session` the 16-bit id the server gave the connection (0 if none was agreed).
     virtual void OnPeerStateChanged(uint32_t peerIdentity, uint32_t session, uint32_t state) = 0;
@@ -49,14 +50,14 @@ public:
     // Never called by this library; kept for the slot order.
     virtual void OnRespMsgRecv(IPCBuffer* buffer) = 0;
 
-protected:
+  protected:
     ~IIPCCallback() = default;
 };
 
 // One client connection to a server, made by CIPCFactory::CreateIPCClient and owned by its
 // creator. Thread-safe; see the thread model above for what a callback may call.
 class IIPCClient {
-public:
+  public:
     // Connects to the server of `port` and sends this end's identity. Returns at once: non-zero
     // when the attempt cannot be made (no socket file, nobody listening, untrusted server, ...),
     // else 0 and the outcome follows as OnPeerStateChanged(peer, session, 2 or 0) after the
@@ -90,7 +91,7 @@ class IIPCServerCallback;
 
 // Makes the library's objects. Nothing connects or listens here.
 class CIPCFactory {
-public:
+  public:
     // A client with IPC identity `identity` (6 the desktop module, 7 command clients) reporting
     // to `callback`, which must outlive the object. `port` is not used (0). Returns the new object
     // (delete it to release it) or null with `status` set.

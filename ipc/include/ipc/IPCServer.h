@@ -16,7 +16,8 @@
 // Thread model: one I/O thread per listening server runs all callbacks, one at a time, for all
 // sessions. SendData and DisconnectPeer may be called from any thread, including from inside a
 // callback. TearDown from inside a callback closes everything and returns without waiting; no
-// callback follows the running one. Listen is refused inside a callback (IPC_STATUS_WRONG_THREAD).
+// callback follows the running one; deleting the server there is allowed likewise. Listen is
+// refused inside a callback (IPC_STATUS_WRONG_THREAD).
 #ifndef TIDEWAY_IPC_IPCSERVER_H_
 #define TIDEWAY_IPC_IPCSERVER_H_
 
@@ -29,18 +30,16 @@
 // the sender. The server calls OnPeerStateChanged and OnReqMsgRecvFrom; the default
 // OnReqMsgRecvFrom forwards to OnReqMsgRecv for callbacks that do not care about sessions.
 class IIPCServerCallback : public IIPCCallback {
-public:
-    virtual void OnReqMsgRecvFrom(uint16_t /*session*/, IPCBuffer* buffer) {
-        OnReqMsgRecv(buffer);
-    }
+  public:
+    virtual void OnReqMsgRecvFrom(uint16_t /*session*/, IPCBuffer* buffer) { OnReqMsgRecv(buffer); }
 
-protected:
+  protected:
     ~IIPCServerCallback() = default;
 };
 
 // Made by CIPCFactory::CreateIPCServer and owned by its creator. Thread-safe as told above.
 class IIPCServer {
-public:
+  public:
     // Sends one packet to the client of `session`; as IIPCClient::SendData. IPC_STATUS_NO_SESSION
     // when no connected client has that id (also after its state-0 event).
     virtual BR_STATUSCODE SendData(IPCBuffer* buffer, uint16_t session) = 0;
@@ -54,7 +53,8 @@ public:
     // IPC_STATUS_ADDRESS_IN_USE when another server answers on the socket; a stale socket file is
     // replaced.
     virtual BR_STATUSCODE Listen() = 0;
-    // Drops one client: its connection is closed and its state-0 event follows on the I/O thread.
+    // Drops one client: its connection is closed and its state-0 event follows on the I/O thread
+    // (packets it had already sent whole may still be delivered before that event).
     virtual BR_STATUSCODE DisconnectPeer(uint16_t session) = 0;
     // Number of clients that completed the handshake and are still connected.
     virtual uint32_t PeerCount() = 0;

@@ -13,23 +13,23 @@ typedef int32_t BR_STATUSCODE;
 
 enum IPCStatus : BR_STATUSCODE {
     IPC_STATUS_OK = 0,
-    IPC_STATUS_BAD_ARGUMENT = 1,        // null pointer, bad length, path too long
-    IPC_STATUS_NO_SERVER = 2,           // no socket file for the port
-    IPC_STATUS_REFUSED = 3,             // socket file present, nobody listening
-    IPC_STATUS_BUSY = 4,                // the server's accept queue is full
-    IPC_STATUS_UNTRUSTED_PEER = 5,      // server neither root nor our own user
-    IPC_STATUS_NOT_CONNECTED = 6,       // no connection, or handshake not finished
-    IPC_STATUS_TIMEOUT = 7,             // the peer stopped reading; connection dropped
-    IPC_STATUS_PEER_LOST = 8,           // the connection broke during the call
-    IPC_STATUS_TOO_LARGE = 9,           // payload above kIPCMaxFrameLength
-    IPC_STATUS_WRONG_THREAD = 10,       // called from inside a callback where that is not allowed
-    IPC_STATUS_NO_RESOURCES = 11,       // out of memory, threads or descriptors
-    IPC_STATUS_SYSTEM_ERROR = 12,       // any other failed system call
-    IPC_STATUS_INSECURE_DIRECTORY = 13, // socket directory not owned by the server
-    IPC_STATUS_ADDRESS_IN_USE = 14,     // another server listens on the port
-    IPC_STATUS_NO_SESSION = 15,         // no connected peer with that session id
-    IPC_STATUS_NOT_SUPPORTED = 16,      // a reserved slot
-    IPC_STATUS_ALREADY = 17,            // the server listens already
+    IPC_STATUS_BAD_ARGUMENT = 1,         // null pointer, bad length, path too long
+    IPC_STATUS_NO_SERVER = 2,            // no socket file for the port
+    IPC_STATUS_REFUSED = 3,              // socket file present, nobody listening
+    IPC_STATUS_BUSY = 4,                 // the server's accept queue is full
+    IPC_STATUS_UNTRUSTED_PEER = 5,       // server neither root nor our own user
+    IPC_STATUS_NOT_CONNECTED = 6,        // no connection, or handshake not finished
+    IPC_STATUS_TIMEOUT = 7,              // the peer stopped reading; connection dropped
+    IPC_STATUS_PEER_LOST = 8,            // the connection broke during the call
+    IPC_STATUS_TOO_LARGE = 9,            // payload above kIPCMaxFrameLength
+    IPC_STATUS_WRONG_THREAD = 10,        // called from inside a callback where that is not allowed
+    IPC_STATUS_NO_RESOURCES = 11,        // out of memory, threads or descriptors
+    IPC_STATUS_SYSTEM_ERROR = 12,        // any other failed system call
+    IPC_STATUS_INSECURE_DIRECTORY = 13,  // socket directory not owned by the server
+    IPC_STATUS_ADDRESS_IN_USE = 14,      // another server listens on the port
+    IPC_STATUS_NO_SESSION = 15,          // no connected peer with that session id
+    IPC_STATUS_NOT_SUPPORTED = 16,       // a reserved slot
+    IPC_STATUS_ALREADY = 17,             // the server listens already
 };
 
 // Peer states reported through OnPeerStateChanged.
