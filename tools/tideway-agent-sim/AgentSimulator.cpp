@@ -27,7 +27,9 @@ std::string Hex(const uint8_t* data, uint32_t length, uint32_t limit = 64) {
 }
 
 // Text of a fixed field, up to its first NUL or its end.
+// A message without data has no field at all.
 std::string FieldText(const char* field, size_t size) {
+    if (field == nullptr) return std::string();
     return std::string(field, strnlen(field, size));
 }
 
