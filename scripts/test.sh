@@ -24,6 +24,7 @@ cmake -S "$root" -B "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug \
       -DTIDEWAY_SANITIZE=address,undefined -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-asan" -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  LSAN_OPTIONS=suppressions="$root/tests/lsan.supp" \
   ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs"
 
 step "ThreadSanitizer (threaded suites)"
