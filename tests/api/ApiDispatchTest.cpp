@@ -267,7 +267,9 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
     Connect();
     fake_->failSend = true;
     ASSERT_EQ(api_->SetTower("west-1"), 0);
-    ASSERT_EQ(api_->GetTowerList(), 0);  // may be queued behind the failing one
+    // Queued behind the failing one, or refused if the connection is already down: either way
+    // it must not cause a second disconnect.
+    api_->GetTowerList();
     ASSERT_TRUE(cb_.WaitForStatus(8));
     ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 2; }));
     EXPECT_EQ(
