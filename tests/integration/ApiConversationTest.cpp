@@ -354,8 +354,8 @@ TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) 
 
     release.set_value();
     // Once the callback returns, the receiver ends by itself; the API can then go.
-    cb_.statusHook = nullptr;
     StopApi();
+    cb_.statusHook = nullptr;
 }
 
 }  // namespace
