@@ -1,12 +1,21 @@
 // tideway-host: loads libtidewayapi.so the way the suite's UI host does (dlopen, then the three
 // exported functions by name), lists the interfaces it offers and checks that a creation without
-// a name is refused. Exit status 0 when the module behaved, 1 otherwise, 2 for a usage error.
+// a name is refused. With --api it then creates the API plug-in and holds a short conversation
+// with a running agent, printing every notification. Exit status 0 when the module behaved,
+// 1 otherwise, 2 for a usage error.
 #include <dlfcn.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "IVantoriaApi.h"
 
 #include "Plugin.h"
 
@@ -18,11 +27,16 @@ using DisposePluginFn = bool (*)(Plugin*);
 
 void PrintUsage(const char* program) {
     printf(
-        "Usage: %s [MODULE]\n"
+        "Usage: %s [--api] [MODULE]\n"
         "\n"
         "Loads the plug-in module MODULE with dlopen, as the UI host does, and\n"
         "  - lists every interface from GetAvailableInterfaces with its version,\n"
         "  - calls CreatePlugin with a null name and reports the null it must return,\n"
+        "  - with --api: creates \"com.tarvex.brenlo.tideway.api\", registers a callback\n"
+        "    that prints every notification, waits for the agent (status 9), asks for the\n"
+        "    towers and closest-tower settings, switches the tower, collects statistics for\n"
+        "    a few seconds, then disposes of the plug-in (an agent must listen on port 5003,\n"
+        "    e.g. tideway-agent-sim),\n"
         "  - unloads the module.\n"
         "The module's diagnostics go to the system log.\n"
         "\n"
@@ -48,7 +62,151 @@ Fn Lookup(void* module, const char* name) {
     return reinterpret_cast<Fn>(symbol);
 }
 
-int Run(const std::string& modulePath) {
+// Prints what the agent's messages turn into, and lets the conversation wait for a status.
+class PrintingCallback : public IVantoriaApiCB {
+  public:
+    int32_t OnTowerList(IVantoriaTowerList* list) override {
+        uint64_t count = 0;
+        list->GetCount(count);
+        int64_t active = -1;
+        list->GetActiveIndex(active);
+        std::string names;
+        for (uint64_t i = 0; i < count; ++i) {
+            const std::string name =
+                Text([&](char* b, uint32_t& l) { return list->GetAt(i, b, l); });
+            names += (i != 0 ? ", " : "") + name;
+            if (static_cast<int64_t>(i) == active)
+                names += " (active)";
+        }
+        printf("  OnTowerList: %s\n", names.c_str());
+        Remember(towers_, names);
+        return 0;
+    }
+    int32_t OnStatus(IVantoriaStatus* status) override {
+        uint64_t code = 0;
+        status->GetStatus(code);
+        printf("  OnStatus: %" PRIu64 "\n", code);
+        Remember(statuses_, code);
+        return 0;
+    }
+    int32_t OnDCTSettings(IVantoriaDCT* dct) override {
+        bool changed = false;
+        dct->ActiveTowerChanged(changed);
+        if (changed) {
+            const std::string tower =
+                Text([&](char* b, uint32_t& l) { return dct->GetActivatedTower(b, l); });
+            printf("  OnDCTSettings: tower %s activated\n", tower.c_str());
+        } else {
+            uint32_t mode = 0, detect = 0, gui = 0;
+            dct->GetMode(mode);
+            dct->GetDetectClosest(detect);
+            dct->GetGUI(gui);
+            printf("  OnDCTSettings: mode %u, detect closest %u, gui %u\n", mode, detect, gui);
+        }
+        return 0;
+    }
+    int32_t OnProxyCredRequest(std::string& host, std::string& port, std::string& authType,
+                               std::string& realm) override {
+        printf("  OnProxyCredRequest: %s:%s %s realm \"%s\"\n", host.c_str(), port.c_str(),
+               authType.c_str(), realm.c_str());
+        return 0;
+    }
+    int32_t OnStatistics(IVantoriaStatistics* s) override {
+        uint64_t filtered = 0, bypassed = 0, other = 0, totalFiltered = 0, totalBypassed = 0,
+                 totalOther = 0;
+        s->GetConnectionCounts(filtered, bypassed, other);
+        s->GetTotalCounts(totalFiltered, totalBypassed, totalOther);
+        const std::string tower =
+            Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); });
+        printf("  OnStatistics: open %" PRIu64 "/%" PRIu64 "/%" PRIu64 ", total %" PRIu64
+               "/%" PRIu64 "/%" PRIu64 " (filtered/bypassed/other), tower %s\n",
+               filtered, bypassed, other, totalFiltered, totalBypassed, totalOther, tower.c_str());
+        return 0;
+    }
+    int32_t OnInfoMessage(IVantoriaInfoMessage* m) override {
+        uint64_t type = 0;
+        m->GetMessageType(type);
+        const std::string text =
+            Text([&](char* b, uint32_t& l) { return m->GetMessageText(b, l); });
+        printf("  OnInfoMessage: type %" PRIu64 ": %s\n", type, text.c_str());
+        return 0;
+    }
+
+    bool WaitForStatus(uint64_t code, int seconds) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] {
+            for (uint64_t s : statuses_) {
+                if (s == code)
+                    return true;
+            }
+            return false;
+        });
+    }
+    size_t TowerLists() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return towers_.size();
+    }
+
+  private:
+    template <typename Getter>
+    static std::string Text(Getter get) {
+        uint32_t length = 0;
+        if (get(nullptr, length) != -3 || length == 0)
+            return "";
+        std::string text(length, '\0');
+        if (get(&text[0], length) != 0)
+            return "";
+        text.resize(length - 1);
+        return text;
+    }
+    template <typename T>
+    void Remember(std::vector<T>& list, const T& value) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            list.push_back(value);
+        }
+        changed_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<uint64_t> statuses_;
+    std::vector<std::string> towers_;
+};
+
+// A short conversation through the API plug-in; false when the module or the agent failed.
+bool Converse(CreatePluginFn createPlugin, DisposePluginFn disposePlugin) {
+    Plugin* plugin = createPlugin("com.tarvex.brenlo.tideway.api");
+    if (plugin == nullptr) {
+        printf("CreatePlugin(api) failed; see the system log\n");
+        return false;
+    }
+    IVantoriaApi* api = static_cast<IVantoriaApi*>(plugin);
+    PrintingCallback callback;
+    api->Register(&callback);
+    api->Start();
+    printf("Waiting for the agent...\n");
+    bool ok = callback.WaitForStatus(9, 15);
+    if (!ok) {
+        printf("No agent answered within 15 s (is tideway-agent-sim running on port 5003?)\n");
+    } else {
+        printf("GetTowerList -> %d\n", api->GetTowerList());
+        printf("GetDCTSettings -> %d\n", api->GetDCTSettings());
+        printf("SetTower(\"east-1\") -> %d\n", api->SetTower("east-1"));
+        ok = callback.WaitForStatus(11, 5);
+        printf("StartStatsCollecting -> %d\n", api->StartStatsCollecting());
+        ok = callback.WaitForStatus(15, 5) && ok;
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        printf("StopStatsCollecting -> %d\n", api->StopStatsCollecting());
+        ok = ok && callback.TowerLists() >= 2;
+    }
+    api->Unregister(&callback);
+    disposePlugin(plugin);
+    printf("Plug-in disposed\n");
+    return ok;
+}
+
+int Run(const std::string& modulePath, bool converse) {
     void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
         fprintf(stderr, "tideway-host: cannot load %s: %s\n", modulePath.c_str(), dlerror());
@@ -79,6 +237,8 @@ int Run(const std::string& modulePath) {
             disposePlugin(plugin);
             status = 1;
         }
+        if (converse && !Converse(createPlugin, disposePlugin))
+            status = 1;
     }
 
     if (dlclose(module) != 0) {
@@ -92,16 +252,22 @@ int Run(const std::string& modulePath) {
 
 int main(int argc, char** argv) {
     std::string modulePath = TIDEWAY_DEFAULT_MODULE_PATH;
-    if (argc > 2) {
-        PrintUsage(argv[0]);
-        return 2;
-    }
-    if (argc == 2) {
-        if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+    bool converse = false;
+    bool havePath = false;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
             PrintUsage(argv[0]);
             return 0;
         }
-        modulePath = argv[1];
+        if (strcmp(argv[i], "--api") == 0) {
+            converse = true;
+        } else if (!havePath && argv[i][0] != '-') {
+            modulePath = argv[i];
+            havePath = true;
+        } else {
+            PrintUsage(argv[0]);
+            return 2;
+        }
     }
-    return Run(modulePath);
+    return Run(modulePath, converse);
 }
