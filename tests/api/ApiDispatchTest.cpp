@@ -281,6 +281,32 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
     EXPECT_EQ(api_->GetTowerList(), -10);  // not connected until the agent speaks again
 }
 
+TEST_F(ApiWithFakeChannel, StatusesBeforeRegisterAreReplayedInOrderByStart) {
+    api_ = std::make_unique<CVantoriaApi>();
+    g_pVantoriaApi = api_.get();
+    ASSERT_TRUE(api_->Initialize(5003));
+    ASSERT_TRUE(api_->StartCommunicator());
+    ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 1; }));
+    fake_->PeerState(8, 1, 2);
+    fake_->Deliver(COMM_MSG_SRVC_STARTED);
+    const uint8_t state = 0x10;
+    fake_->Deliver(COMM_MSG_ICON_APLUS_STATE, &state, 1);
+    fake_->Deliver(COMM_MSG_SRVC_STOPPED);
+    fake_->Deliver(COMM_MSG_SRVC_STARTED);  // passes the stopped-service filter: connected again
+    ASSERT_TRUE(syslog_capture::WaitForCount(
+        "StatusNotificationCB: status: 9, but callback not registered so save msg\n", 2,
+        seconds(5)));
+    // Register alone replays nothing; Start does, in arrival order, each with its line.
+    ASSERT_EQ(api_->Register(&cb_), 0);
+    EXPECT_TRUE(cb_.Statuses().empty());
+    ASSERT_EQ(api_->Start(), 0);
+    EXPECT_EQ(cb_.Statuses(), (std::vector<uint64_t>{9, 5, 1, 9}));
+    EXPECT_EQ(syslog_capture::Count("Found message in Start(): status: 1\n"), 1u);
+    // Drained: a second Start replays nothing.
+    ASSERT_EQ(api_->Start(), 0);
+    EXPECT_EQ(cb_.Statuses().size(), 4u);
+}
+
 TEST_F(ApiWithFakeChannel, GlueTracksSessionsAndRoutesCommandClientIds) {
     Connect();
     CClientSideCommunicator* comm = api_->GetCommunicator();

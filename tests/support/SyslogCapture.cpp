@@ -89,14 +89,17 @@ size_t CountContaining(const std::string& fragment) {
 }
 
 bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
+    return WaitForCount(text, 1, timeout);
+}
+
+bool WaitForCount(const std::string& text, size_t count, std::chrono::milliseconds timeout) {
     State& s = TheState();
     std::unique_lock<std::mutex> lock(s.mutex);
     return s.changed.wait_for(lock, timeout, [&] {
-        for (const Record& r : s.records) {
-            if (r.text == text)
-                return true;
-        }
-        return false;
+        size_t n = 0;
+        for (const Record& r : s.records)
+            n += r.text == text ? 1 : 0;
+        return n >= count;
     });
 }
 

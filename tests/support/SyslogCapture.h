@@ -31,6 +31,8 @@ size_t Count(const std::string& text);
 size_t CountContaining(const std::string& fragment);
 // Waits until a record equal to `text` exists; false when `timeout` runs out first.
 bool WaitFor(const std::string& text, std::chrono::milliseconds timeout);
+// Waits until at least `count` records equal `text`.
+bool WaitForCount(const std::string& text, size_t count, std::chrono::milliseconds timeout);
 
 }  // namespace syslog_capture
 
