@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# The module as the UI host sees it: tideway-host loads libtidewayapi.so with dlopen and talks
+# through the API plug-in to tideway-agent-sim over the real channel on the product's port
+# (socket under /opt). Passes when the conversation completes and the agent received the
+# tower change and the statistics requests.
+set -euo pipefail
+host=${1:?tideway-host}
+agent=${2:?tideway-agent-sim}
+module=${3:?libtidewayapi.so}
+work=$(mktemp -d)
+log="$work/agent.log"
+"$agent" --daemon --stats-interval-ms 200 --log "$log" &
+pid=$!
+trap 'kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; rm -rf "$work"' EXIT
+for _ in $(seq 100); do
+  grep -q '^LISTENING' "$log" 2>/dev/null && break
+  sleep 0.1
+done
+grep -q '^LISTENING' "$log"
+
+"$host" --api "$module" > "$work/host.out"
+cat "$work/host.out"
+grep -q '^  OnStatus: 9$' "$work/host.out"
+grep -q '^  OnStatus: 11$' "$work/host.out"
+grep -q '^  OnStatistics: open 7/6/8' "$work/host.out"
+grep -q '^RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower="east-1"$' "$log"
+grep -q '^RECV session=1 COMM_MSG_SERVICE_STATS_START len=0$' "$log"
+grep -q '^RECV session=1 COMM_MSG_SERVICE_STATS_STOP len=0$' "$log"
+grep -q '^DISCONNECT session=1 identity=6$' "$log"
+echo "host and agent held the whole conversation"
