@@ -182,33 +182,26 @@ COMM_STATUS CCommunicator::StartSndRcvThreads() {
     // limit may still hold its QUIT.
     sender->m_pQueue->Clear();
     receiver->m_pQueue->Clear();
-    try {
-        Assign(m_SenderThread, boost::thread([this, sender] { ThreadProc(sender); }));
-        VNTRACE(TL_OFF, "Comm : Created send communicator thread.");
-    } catch (const std::exception& e) {
-        VNTRACE(TL_ERR, "Comm : Failed to create send communicator thread. Exception: %s",
-                e.what());
-        FreeThreadData();
-        throw;
-    } catch (...) {
-        VNTRACE(TL_ERR, "Comm : Failed to create send communicator thread. Errno : %d", errno);
-        FreeThreadData();
-        throw;
-    }
-    try {
-        Assign(m_ReceiverThread, boost::thread([this, receiver] { ThreadProc(receiver); }));
-        VNTRACE(TL_OFF, "Comm : Created recv communicator thread.");
-    } catch (const std::exception& e) {
-        VNTRACE(TL_ERR, "Comm : Failed to create recv communicator thread. Exception: %s",
-                e.what());
-        FreeThreadData();
-        throw;
-    } catch (...) {
-        VNTRACE(TL_ERR, "Comm : Failed to create recv communicator thread. Errno : %d", errno);
-        FreeThreadData();
-        throw;
-    }
+    StartThreadFor(m_SenderThread, sender, "send");
+    StartThreadFor(m_ReceiverThread, receiver, "recv");
     return 0;
+}
+
+void CCommunicator::StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data,
+                                   const char* which) {
+    try {
+        Assign(field, boost::thread([this, data] { ThreadProc(data); }));
+        VNTRACE(TL_OFF, "Comm : Created %s communicator thread.", which);
+    } catch (const std::exception& e) {
+        VNTRACE(TL_ERR, "Comm : Failed to create %s communicator thread. Exception: %s", which,
+                e.what());
+        FreeThreadData();
+        throw;
+    } catch (...) {
+        VNTRACE(TL_ERR, "Comm : Failed to create %s communicator thread. Errno : %d", which, errno);
+        FreeThreadData();
+        throw;
+    }
 }
 
 void CCommunicator::StopSndRcvThreads() {

@@ -120,6 +120,9 @@ class CCommunicator {
     // Makes a thread's data record with its queue; kCommInvalidArg, kCommOutOfMemory or 0.
     COMM_STATUS CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out);
     void FreeThreadData();
+    // Runs ThreadProc(data) on a new thread kept in `field` ("send" or "recv" in the messages).
+    // A failure frees both thread data records and rethrows.
+    void StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data, const char* which);
 
     bool m_bInitialized;
     uint32_t m_ConnectParam;

@@ -1,7 +1,6 @@
 // The client API against the agent simulator over the real channel: every command reaches the
 // agent with the right id and data, every answer reaches the callback as the right object, and
 // refusals, service stops, lost agents and stops in each phase behave as a host relies on.
-#include <dirent.h>
 #include <string.h>
 
 #include <chrono>
@@ -26,16 +25,6 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint16_t kPort = 5003;
-
-int ThreadCount() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            n += entry->d_name[0] != '.' ? 1 : 0;
-        closedir(dir);
-    }
-    return n;
-}
 
 class ApiAgainstAgent : public ::testing::Test {
   protected:

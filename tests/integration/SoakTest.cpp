@@ -1,7 +1,6 @@
 // Soak: the agent is restarted 50 times under traffic (statistics streaming, commands going
 // out), and the API object is stopped and made anew in between. Nothing may hang, leak (the
 // sanitizer build checks at exit) or leave threads behind.
-#include <dirent.h>
 
 #include <memory>
 
@@ -17,16 +16,6 @@
 namespace {
 
 using std::chrono::seconds;
-
-int ThreadCount() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            n += entry->d_name[0] != '.' ? 1 : 0;
-        closedir(dir);
-    }
-    return n;
-}
 
 TEST(Soak, AgentRestartedFiftyTimesUnderTraffic) {
     g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,

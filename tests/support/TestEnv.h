@@ -3,6 +3,7 @@
 #ifndef TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 #define TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 
+#include <dirent.h>
 #include <stdlib.h>
 
 #include <chrono>
@@ -15,6 +16,17 @@
 #include <gtest/gtest.h>
 
 #include "common/Utils.h"
+
+// Threads of this process now, from /proc.
+inline int ThreadCount() {
+    int n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir))
+            n += entry->d_name[0] != '.' ? 1 : 0;
+        closedir(dir);
+    }
+    return n;
+}
 
 // A fresh directory as the app-data root for the life of the object; removed afterwards.
 class TempRoot {
