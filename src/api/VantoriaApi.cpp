@@ -272,10 +272,13 @@ bool CVantoriaApi::StatusNotificationCB(uint32_t status) {
             return false;
         }
     }
-    if (!IsFrequentStatus(status)) VNTRACE(TL_API, "StatusNotificationCB: status: %d", status);
+    if (!IsFrequentStatus(status))
+        VNTRACE(TL_API, "StatusNotificationCB: status: %d", status);
     CVantoriaStatus result(status);
     callback->OnStatus(&result);
-    if (IsChangeAnswer(status)) {
+    // Asked only while this object is still the live API: a callback that returns after the
+    // plug-in was disposed must not reach into it.
+    if (IsChangeAnswer(status) && g_pVantoriaApi.load() == this) {
         // Fresh state after any change, whether it worked or not.
         GetTowerList();
         GetDCTSettings();

@@ -99,16 +99,24 @@ int32_t CVantoriaTowerList::GetActiveIndex(int64_t& index) {
 }
 
 bool CVantoriaTowerList::CalculateActiveIndex(const std::string& name) {
-    for (size_t i = 0; i < m_Towers.size(); ++i) {
-        VNTRACE(TL_API, "CalculateActiveIndex; is '%s' == '%s' (index=%d)", name.c_str(),
-                m_Towers[i].c_str(), static_cast<int>(i));
-        if (m_Towers[i] == name) {
-            m_ActiveIndex = static_cast<int32_t>(i);
-            VNTRACE(TL_API, "CalculateActiveIndex index is %d", m_ActiveIndex);
-            return true;
+    if (g_pTrace != nullptr && g_pTrace->IsLevelEnabled(TL_API) != 0) {
+        // Traced: each comparison gets its line.
+        for (size_t i = 0; i < m_Towers.size(); ++i) {
+            VNTRACE(TL_API, "CalculateActiveIndex; is '%s' == '%s' (index=%d)", name.c_str(),
+                    m_Towers[i].c_str(), static_cast<int>(i));
+            if (m_Towers[i] == name) {
+                m_ActiveIndex = static_cast<int32_t>(i);
+                VNTRACE(TL_API, "CalculateActiveIndex index is %d", m_ActiveIndex);
+                return true;
+            }
         }
+        return false;
     }
-    return false;
+    const auto found = m_FirstIndex.find(name);
+    if (found == m_FirstIndex.end())
+        return false;
+    m_ActiveIndex = found->second;
+    return true;
 }
 
 CVantoriaStatistics::CVantoriaStatistics(const uint8_t* data) {

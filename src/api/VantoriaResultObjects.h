@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "VantoriaRecords.h"
@@ -78,13 +79,19 @@ class CVantoriaTowerList : public IVantoriaTowerList {
     int32_t GetActiveIndex(int64_t& index) override;
     virtual ~CVantoriaTowerList() {}
 
-    void Append(const std::string& name) { m_Towers.push_back(name); }
+    void Append(const std::string& name) {
+        m_FirstIndex.emplace(name, static_cast<int32_t>(m_Towers.size()));
+        m_Towers.push_back(name);
+    }
     // Makes the first entry so far equal to `name` (case-sensitive) the active one.
     bool CalculateActiveIndex(const std::string& name);
 
   private:
     std::vector<std::string> m_Towers;
     int32_t m_ActiveIndex;
+    // First index of each name: finds the active tower without comparing against every entry,
+    // which a long list full of "&" items would make quadratic.
+    std::unordered_map<std::string, int32_t> m_FirstIndex;
 };
 
 class CVantoriaStatistics : public IVantoriaStatistics {

@@ -275,7 +275,9 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
             m_EventRcvThreadStarted.SetEvent();
         }
         bool quit = false;
-        while (!quit && !IsStopping()) {
+        // The record's stop request is tested first: once it is set, the communicator may be
+        // gone (see COMM_THREAD_DATA).
+        while (!quit && !data->m_bStopRequested && !IsStopping()) {
             std::unique_ptr<MSG_QUEUE_MSG> message = queue->GetMessage(true, kQueueReadMs);
             if (!message || message->m_MessageId == COMM_MSG_NONE)
                 continue;
@@ -301,6 +303,8 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
                             GetMessageName(id));
                     // A failed send ends like a lost agent: the main thread stops both threads
                     // and the reconnect cycle takes over.
+                    if (data->m_bStopRequested)
+                        break;  // stopping: the communicator may be gone
                     MSG_QUEUE_MSG disconnected(COMM_MSG_PEER_DC, 0, 1, 0);
                     PostToMain(&disconnected);
                     break;

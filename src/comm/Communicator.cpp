@@ -32,10 +32,30 @@ void Assign(boost::thread& field, boost::thread&& thread) {
     field = std::move(thread);
 }
 
+constexpr int kThreadRunning = 0;
+constexpr int kThreadEnded = 1;
+constexpr int kThreadAbandoned = 2;
+
+// Last act of a sender or receiver thread: frees its record if the communicator has let go of
+// it in the meantime.
+void ThreadEnded(COMM_THREAD_DATA* data) {
+    if (data->m_Fate.exchange(kThreadEnded) == kThreadAbandoned)
+        delete data;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // CCommunicator
+
+void CCommunicator::Abandon(COMM_THREAD_DATA*& data) {
+    if (data == nullptr)
+        return;
+    // The thread frees the record when it ends, unless it has ended already.
+    if (data->m_Fate.exchange(kThreadAbandoned) == kThreadEnded)
+        delete data;
+    data = nullptr;
+}
 
 CCommunicator::CCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam)
     : m_bInitialized(false),
@@ -60,11 +80,16 @@ CCommunicator::~CCommunicator() {
     m_pSecureIPCServerInstance = nullptr;
     delete m_pSecureIPCClientInstance;
     m_pSecureIPCClientInstance = nullptr;
-    // Threads that outlived their join limits are let go; their records go with the object.
-    if (m_SenderThread.joinable())
+    // A thread that outlived its join limits is let go, and its record (queue and stop request)
+    // is left to it rather than freed under its feet.
+    if (m_SenderThread.joinable()) {
         m_SenderThread.detach();
-    if (m_ReceiverThread.joinable())
+        Abandon(m_pSenderData);
+    }
+    if (m_ReceiverThread.joinable()) {
         m_ReceiverThread.detach();
+        Abandon(m_pReceiverData);
+    }
     if (m_MainThreadHandle.joinable())
         m_MainThreadHandle.detach();
     FreeThreadData();
@@ -190,7 +215,10 @@ COMM_STATUS CCommunicator::StartSndRcvThreads() {
 void CCommunicator::StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data,
                                    const char* which) {
     try {
-        Assign(field, boost::thread([this, data] { ThreadProc(data); }));
+        Assign(field, boost::thread([this, data] {
+                   ThreadProc(data);
+                   ThreadEnded(data);  // touches nothing but the record
+               }));
         VNTRACE(TL_OFF, "Comm : Created %s communicator thread.", which);
     } catch (const std::exception& e) {
         VNTRACE(TL_ERR, "Comm : Failed to create %s communicator thread. Exception: %s", which,
@@ -209,10 +237,12 @@ void CCommunicator::StopSndRcvThreads() {
     {
         MSG_QUEUE_MSG quit(COMM_MSG_QUIT, 0, 1, 0);
         boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        if (m_pSenderData != nullptr)
-            m_pSenderData->m_pQueue->PutMessage(&quit);
-        if (m_pReceiverData != nullptr)
-            m_pReceiverData->m_pQueue->PutMessage(&quit);
+        for (COMM_THREAD_DATA* data : {m_pSenderData, m_pReceiverData}) {
+            if (data == nullptr)
+                continue;
+            data->m_bStopRequested = true;
+            data->m_pQueue->PutMessage(&quit);
+        }
     }
     VNTRACE(TL_TRACE, "Communicator(%d) : Waiting for snd/rcv threads to stop", m_ClientType);
     if (WaitForSndRcvThreads()) {
@@ -485,6 +515,13 @@ void CAPISecureIPCCB::OnReqMsgRecv(IPCBuffer* buffer) {
         return;
     }
     const uint32_t id = message.m_MessageId;
+    if (id == COMM_MSG_QUIT || id == COMM_MSG_PEER_DC || id == COMM_MSG_NONE) {
+        // These belong to the threads of this process; from the wire, a QUIT would end the
+        // receiver for the rest of the connection and silence every later notification.
+        VNTRACE(TL_ERR, "SecureIPC : Dropped internal message %s received from the peer",
+                GetMessageName(id));
+        return;
+    }
     bool written;
     if (id == COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC || id == COMM_MSG_CLIENT_TYPE_CMD_DISABLE_SVC ||
         id == COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL) {

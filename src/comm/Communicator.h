@@ -53,10 +53,17 @@ constexpr uint32_t kClientTypeDebugLevel = 6;
 constexpr uint32_t kThreadTypeSender = 1;
 constexpr uint32_t kThreadTypeReceiver = 2;
 
-// The data of a sender or receiver thread: its type and its queue, which it owns.
+// The data of a sender or receiver thread: its type and its queue, which it owns, and the
+// request to stop, which the thread tests before anything of the communicator: a thread that
+// outlives its join limit (stuck in a callback) may find the communicator gone when it returns,
+// and then touches nothing but this record, which is left to it.
 struct COMM_THREAD_DATA {
     uint32_t m_ThreadType = 0;
     CMsgQueue* m_pQueue = nullptr;
+    std::atomic<bool> m_bStopRequested{false};
+    // Who frees a record whose thread was abandoned: the thread when it ends, or the
+    // communicator's destructor if the thread ended first (kRunning, kEnded, kAbandoned).
+    std::atomic<int> m_Fate{0};
     ~COMM_THREAD_DATA() { delete m_pQueue; }
 };
 
@@ -120,6 +127,8 @@ class CCommunicator {
     // Makes a thread's data record with its queue; kCommInvalidArg, kCommOutOfMemory or 0.
     COMM_STATUS CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out);
     void FreeThreadData();
+    // Lets go of the record of a thread that could not be joined; see COMM_THREAD_DATA.
+    static void Abandon(COMM_THREAD_DATA*& data);
     // Runs ThreadProc(data) on a new thread kept in `field` ("send" or "recv" in the messages).
     // A failure frees both thread data records and rethrows.
     void StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data, const char* which);

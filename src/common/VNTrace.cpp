@@ -5,7 +5,10 @@
 #include <syslog.h>
 #include <time.h>
 
-#include <sstream>
+#include <stdio.h>
+#include <string.h>
+
+#include <mutex>
 #include <stdexcept>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -104,23 +107,40 @@ void CVNFileTrace::WriteMessage(const char* format, ...) {
 }
 
 void CVNFileTrace::BuildPrefix(int level, std::string& out) {
-    std::ostringstream stream;
-    stream << TraceLevelName(level) << " | ";
+    // Every enabled statement builds its prefix, so this is on the path of every trace line:
+    // the local time is converted once per second (a leaf lock guards the cached text; no
+    // thread-local storage, which a module loaded with dlopen pays for per thread), and the text
+    // is assembled without a stream.
+    static std::mutex stampMutex;
+    static time_t stampSecond = static_cast<time_t>(-1);
+    static char stampText[32];
+    char stamp[32];
+    const time_t now = time(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(stampMutex);
+        if (now != stampSecond) {
+            struct tm local;
+            if (localtime_r(&now, &local) == nullptr) {
+                throw std::runtime_error("could not convert calendar time to local time");
+            }
+            const std::string iso =
+                boost::posix_time::to_iso_extended_string(boost::posix_time::ptime_from_tm(local));
+            snprintf(stampText, sizeof(stampText), "%s", iso.c_str());
+            stampSecond = now;
+        }
+        memcpy(stamp, stampText, sizeof(stamp));
+    }
+    char thread[32];
     const pthread_t self = pthread_self();
     if (self == 0) {
-        stream << "{Not-any-thread}";
+        snprintf(thread, sizeof(thread), "{Not-any-thread}");
     } else {
-        stream << reinterpret_cast<const void*>(self);
+        snprintf(thread, sizeof(thread), "%p", reinterpret_cast<const void*>(self));
     }
-    stream << " | ";
-    const time_t now = time(nullptr);
-    struct tm local;
-    if (localtime_r(&now, &local) == nullptr) {
-        throw std::runtime_error("could not convert calendar time to local time");
-    }
-    stream << boost::posix_time::to_iso_extended_string(boost::posix_time::ptime_from_tm(local))
-           << " | ";
-    out = stream.str();
+    out.clear();
+    out.reserve(80);
+    out.append(TraceLevelName(level)).append(" | ").append(thread).append(" | ");
+    out.append(stamp).append(" | ");
 }
 
 int CVNFileTrace::InitTrace(const std::string& ident, const std::string& /*logDirectory*/,

@@ -18,7 +18,8 @@ for _ in $(seq 100); do
 done
 grep -q '^LISTENING' "$log"
 
-"$host" --api "$module" > "$work/host.out"
+# Kept loaded so that the sanitizer build's leak check at exit sees the module's memory.
+"$host" --api --keep-loaded "$module" > "$work/host.out"
 cat "$work/host.out"
 grep -q '^  OnStatus: 9$' "$work/host.out"
 grep -q '^  OnStatus: 11$' "$work/host.out"

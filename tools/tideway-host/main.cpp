@@ -27,7 +27,7 @@ using DisposePluginFn = bool (*)(Plugin*);
 
 void PrintUsage(const char* program) {
     printf(
-        "Usage: %s [--api] [MODULE]\n"
+        "Usage: %s [--api] [--keep-loaded] [MODULE]\n"
         "\n"
         "Loads the plug-in module MODULE with dlopen, as the UI host does, and\n"
         "  - lists every interface from GetAvailableInterfaces with its version,\n"
@@ -37,7 +37,8 @@ void PrintUsage(const char* program) {
         "    towers and closest-tower settings, switches the tower, collects statistics for\n"
         "    a few seconds, then disposes of the plug-in (an agent must listen on port 5003,\n"
         "    e.g. tideway-agent-sim),\n"
-        "  - unloads the module.\n"
+        "  - unloads the module (not with --keep-loaded, which leak checkers need to see\n"
+        "    the module's memory at exit).\n"
         "The module's diagnostics go to the system log.\n"
         "\n"
         "MODULE defaults to the module built with this program:\n"
@@ -206,7 +207,7 @@ bool Converse(CreatePluginFn createPlugin, DisposePluginFn disposePlugin) {
     return ok;
 }
 
-int Run(const std::string& modulePath, bool converse) {
+int Run(const std::string& modulePath, bool converse, bool keepLoaded) {
     void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
         fprintf(stderr, "tideway-host: cannot load %s: %s\n", modulePath.c_str(), dlerror());
@@ -241,7 +242,7 @@ int Run(const std::string& modulePath, bool converse) {
             status = 1;
     }
 
-    if (dlclose(module) != 0) {
+    if (!keepLoaded && dlclose(module) != 0) {
         fprintf(stderr, "tideway-host: dlclose failed: %s\n", dlerror());
         status = 1;
     }
@@ -253,6 +254,7 @@ int Run(const std::string& modulePath, bool converse) {
 int main(int argc, char** argv) {
     std::string modulePath = TIDEWAY_DEFAULT_MODULE_PATH;
     bool converse = false;
+    bool keepLoaded = false;
     bool havePath = false;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
@@ -261,6 +263,8 @@ int main(int argc, char** argv) {
         }
         if (strcmp(argv[i], "--api") == 0) {
             converse = true;
+        } else if (strcmp(argv[i], "--keep-loaded") == 0) {
+            keepLoaded = true;
         } else if (!havePath && argv[i][0] != '-') {
             modulePath = argv[i];
             havePath = true;
@@ -269,5 +273,5 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    return Run(modulePath, converse);
+    return Run(modulePath, converse, keepLoaded);
 }
