@@ -55,11 +55,32 @@ long DecodeFile(const std::string& path, std::string& text, bool stripMarker) {
     return 0;
 }
 
-// Tells a plain XML file from an obfuscated one and checks that the latter decodes to XML.
-long ProbeFileType(const std::string& path, ConfigFileType& type) {
+// False when the file cannot parse as XML: the parser skips an optional UTF-8 byte-order mark
+// and blanks, CR, LF and TAB, and fails unless the next byte is "<". Ciphertext nearly always
+// fails this at its first byte, which spares reading and parsing the whole file as XML.
+bool MayBeXml(const std::string& path) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr)
+        return true;  // let the full check report on it
+    unsigned char head[512];
+    const size_t n = fread(head, 1, sizeof(head), file);
+    fclose(file);
+    size_t i = 0;
+    if (n >= 3 && head[0] == 0xEF && head[1] == 0xBB && head[2] == 0xBF)
+        i = 3;
+    while (i < n && (head[i] == ' ' || head[i] == '\n' || head[i] == '\r' || head[i] == '\t'))
+        ++i;
+    return i == n || head[i] == '<';
+}
+
+// Tells a plain XML file from an obfuscated one and checks that the latter decodes to XML. The
+// decoded text (marker removed) is parsed into `into`, which keeps its document when the parse
+// fails, or into a local store when `into` is null; `decoded` receives that text if given.
+long ProbeFile(const std::string& path, ConfigFileType& type, std::string* decoded,
+               CXMLReadWrite* into) {
     type = kConfigFileUnknown;
     CXMLReadWrite local;
-    if (local.IsXMLFile(path)) {
+    if (MayBeXml(path) && local.IsXMLFile(path)) {
         type = kConfigFilePlainXml;
         return 0;
     }
@@ -69,14 +90,20 @@ long ProbeFileType(const std::string& path, ConfigFileType& type) {
         return code;
     if (text.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
         text.erase(0, kObfuscatedMarkerLength);
-    const ConfigStatus parsed = local.LoadFromString(text, true);
+    const ConfigStatus parsed = (into != nullptr ? into : &local)->LoadFromString(text, true);
     if (parsed != kConfigOk) {
         VNTRACE(TL_ERR, "The config file is corrupted. Cannot load: \"%s\"", text.c_str());
         type = kConfigFileBadXml;
         return static_cast<long>(parsed);
     }
     type = kConfigFileObfuscated;
+    if (decoded != nullptr)
+        decoded->swap(text);
     return 0;
+}
+
+long ProbeFileType(const std::string& path, ConfigFileType& type) {
+    return ProbeFile(path, type, nullptr, nullptr);
 }
 
 // Reads a whole file in binary. False when it cannot be opened or read (the stream library
@@ -336,8 +363,15 @@ long CDnConfigFile::LoadConfigFile(bool update) {
                 kConfigFileMissing);
         return kConfigFileMissing;
     }
+    if (!EnsureStore())
+        return static_cast<long>(kConfigOutOfMemory);
+    // The probe decodes the file and parses the text, marker removed, straight into the store:
+    // that is the text a second read would give, and its parse the document a second parse
+    // would make, so the file is read and parsed once. A failed parse leaves the store as it
+    // was.
     ConfigFileType type = kConfigFileUnknown;
-    long code = GetConfigFileType(path, type);
+    std::string text;
+    const long code = ProbeFile(path, type, &text, m_pXml);
     m_ConfigFileType = type;
     if (code != 0) {
         VNTRACE(TL_ERR, "Config : Failed to load config file (%s). Config Type : %d. Code :%ld",
@@ -347,12 +381,6 @@ long CDnConfigFile::LoadConfigFile(bool update) {
     if (type != kConfigFileObfuscated) {
         VNTRACE(TL_ERR, "Config : The service only loads an obfuscated configuration file");
         return kConfigFileUndecodable;
-    }
-    std::string text;
-    code = ReadObfuscatedFile(path, text, true);
-    if (code != 0) {
-        VNTRACE(TL_ERR, "Config : Failed to read config file File %s", path.c_str());
-        return code;
     }
 
     // Group lists arrive with one group a line; the running profile wants them comma-separated.
@@ -379,17 +407,10 @@ long CDnConfigFile::LoadConfigFile(bool update) {
         }
     }
 
-    if (!EnsureStore())
-        return static_cast<long>(kConfigOutOfMemory);
-    const ConfigStatus parsed = m_pXml->LoadFromString(text, true);
-    if (parsed != kConfigOk) {
-        VNTRACE(TL_ERR, "Config : Failed to load config xml stream. Code : 0x%08lx",
-                static_cast<unsigned long>(parsed));
-    }
     if (repaired) {
         m_pXml->PutValue(std::string(kConfigBasePathSlash) + cfgkey::kAuthenticatedGroups, groups);
     }
-    return static_cast<long>(parsed);
+    return 0;
 }
 
 long CDnConfigFile::LoadConfigKeys() {
@@ -602,19 +623,12 @@ long CDnConfigFile::ReadFileValue(const std::string& path, const std::string& xp
     cache.store.reset(new (std::nothrow) CXMLReadWrite);
     if (!cache.store)
         return static_cast<long>(kConfigOutOfMemory);
+    // An obfuscated profile is decoded and parsed into the store by the probe itself; anything
+    // else is read as plain text, which leaves the store empty when it is no XML either.
     ConfigFileType type = kConfigFileUnknown;
-    ProbeFileType(path, type);  // an unclassified file is read as plain text below
-    if (type == kConfigFileObfuscated) {
-        std::string text;
-        const long code = DecodeFile(path, text, true);
-        if (code != 0) {
-            cache.store.reset();
-            return code;
-        }
-        cache.store->LoadFromString(text, true);
-    } else {
+    ProbeFile(path, type, nullptr, cache.store.get());
+    if (type != kConfigFileObfuscated)
         cache.store->LoadFromFile(path, false);
-    }
     return static_cast<long>(cache.store->GetValue(xpath, out));
 }
 

@@ -348,6 +348,19 @@ TEST_F(ConfigFileChainTest, FileTypesAndTheMarker) {
         EXPECT_EQ(config.GetConfigFileType(root.Scratch(name), type), 0) << name;
         EXPECT_EQ(type, kConfigFileObfuscated) << name;
     }
+    // Plain XML may open with a byte-order mark and any run of blanks and line ends.
+    std::ofstream(root.Scratch("bom"), std::ios::binary)
+        << "\xEF\xBB\xBF \r\n\t" << kCurrentProfile;
+    std::ofstream(root.Scratch("blanks"), std::ios::binary)
+        << std::string(700, ' ') << kCurrentProfile;
+    std::ofstream(root.Scratch("text"), std::ios::binary) << "  x" << kCurrentProfile;
+    for (const char* name : {"bom", "blanks"}) {
+        EXPECT_EQ(config.GetConfigFileType(root.Scratch(name), type), 0) << name;
+        EXPECT_EQ(type, kConfigFilePlainXml) << name;
+    }
+    EXPECT_EQ(config.GetConfigFileType(root.Scratch("text"), type), 22);
+    EXPECT_EQ(type, kConfigFileUnknown);
+
     std::string text = "stale";
     EXPECT_EQ(config.ReadObfuscatedFile(root.Scratch("marked"), text, false), 0);
     EXPECT_EQ(text, "OBFUSCATED" + kCurrentProfile);
