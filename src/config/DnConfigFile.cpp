@@ -1,0 +1,891 @@
+#include "config/DnConfigFile.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <set>
+#include <sstream>
+
+#include <openssl/evp.h>
+#include <boost/filesystem.hpp>
+
+#include "comm/Token.h"
+#include "common/OpenSSLCrypt.h"
+#include "common/Utils.h"
+#include "common/VNTrace.h"
+
+std::atomic<uint32_t> CDnConfigFile::m_ConfigFileType{kConfigFileUnknown};
+std::atomic<int> CDnConfigFile::m_ConfigRole{kConfigRolePlugin};
+
+namespace {
+
+using Guard = boost::recursive_mutex::scoped_lock;
+
+// Set once GetInstance has initialised its object; cleared by the construction of any
+// CDnConfigFile, so that the next GetInstance runs the file chain again.
+std::atomic<bool> g_bInstanceInitialized{false};
+
+// The store behind ReadFileValue: one per process, owned by no configuration object.
+struct FileValueCache {
+    std::mutex mutex;
+    std::unique_ptr<CXMLReadWrite> store;  // guarded by mutex
+};
+
+FileValueCache& TheFileValueCache() {
+    static FileValueCache cache;
+    return cache;
+}
+
+// Decodes an obfuscated file. 0, or 22 for any failure of the reader.
+long DecodeFile(const std::string& path, std::string& text, bool stripMarker) {
+    std::string decoded;
+    if (COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, EVP_aes_128_cbc(), nullptr) != 0)
+        return kConfigFileUndecodable;
+    if (stripMarker && decoded.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
+        decoded.erase(0, kObfuscatedMarkerLength);
+    text.swap(decoded);
+    return 0;
+}
+
+// False when the file cannot parse as XML: the parser skips an optional UTF-8 byte-order mark
+// and blanks, CR, LF and TAB, and fails unless the next byte is "<". Ciphertext nearly always
+// fails this at its first byte, which spares reading and parsing the whole file as XML.
+bool MayBeXml(const std::string& path) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr)
+        return true;  // let the full check report on it
+    unsigned char head[512];
+    const size_t n = fread(head, 1, sizeof(head), file);
+    fclose(file);
+    size_t i = 0;
+    if (n >= 3 && head[0] == 0xEF && head[1] == 0xBB && head[2] == 0xBF)
+        i = 3;
+    while (i < n && (head[i] == ' ' || head[i] == '\n' || head[i] == '\r' || head[i] == '\t'))
+        ++i;
+    return i == n || head[i] == '<';
+}
+
+// Tells a plain XML file from an obfuscated one and checks that the latter decodes to XML. The
+// decoded text (marker removed) is parsed into `into`, which keeps its document when the parse
+// fails, or into a local store when `into` is null; `decoded` receives that text if given.
+long ProbeFile(const std::string& path, ConfigFileType& type, std::string* decoded,
+               CXMLReadWrite* into) {
+    type = kConfigFileUnknown;
+    CXMLReadWrite local;
+    if (MayBeXml(path) && local.IsXMLFile(path)) {
+        type = kConfigFilePlainXml;
+        return 0;
+    }
+    std::string text;
+    const long code = DecodeFile(path, text, false);
+    if (code != 0)
+        return code;
+    if (text.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
+        text.erase(0, kObfuscatedMarkerLength);
+    const ConfigStatus parsed = (into != nullptr ? into : &local)->LoadFromString(text, true);
+    if (parsed != kConfigOk) {
+        VNTRACE(TL_ERR, "The config file is corrupted. Cannot load: \"%s\"", text.c_str());
+        type = kConfigFileBadXml;
+        return static_cast<long>(parsed);
+    }
+    type = kConfigFileObfuscated;
+    if (decoded != nullptr)
+        decoded->swap(text);
+    return 0;
+}
+
+long ProbeFileType(const std::string& path, ConfigFileType& type) {
+    return ProbeFile(path, type, nullptr, nullptr);
+}
+
+// Reads a whole file in binary. False when it cannot be opened or read (the stream library
+// throws from a failed read, for instance of a folder, whatever the stream's exception mask).
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
+    try {
+        std::ifstream file(path.c_str(), std::ios::in | std::ios::binary);
+        if (!file)
+            return false;
+        bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        return !file.bad();
+    } catch (const std::exception&) {
+        bytes.clear();
+        return false;
+    }
+}
+
+// The text handed to OnConfigKey for a plain element.
+const char* ValueText(const void* value) {
+    return value != nullptr ? static_cast<const char*>(value) : "";
+}
+
+// Decimal parse of a signed number: leading blanks skipped, trailing text ignored, 0 for no
+// number.
+int32_t ParseDecimal(const std::string& text) {
+    std::istringstream stream(text);
+    long value = 0;
+    stream >> value;
+    return static_cast<int32_t>(value);
+}
+
+std::string Hex(uint32_t value) {
+    char buffer[16];
+    snprintf(buffer, sizeof(buffer), "%X", value);
+    return buffer;
+}
+
+}  // namespace
+
+CDnConfigFile::CDnConfigFile()
+    : m_TunnelType(0),
+      m_TowerConnectTimeout(0),
+      m_HasHostInclusions(false),
+      m_bTowerReportKindsValid(false) {
+    g_bInstanceInitialized = false;
+}
+
+CDnConfigFile::~CDnConfigFile() {}
+
+bool CDnConfigFile::EnsureStore() {
+    Guard lock(m_Lock);
+    if (m_pXml != nullptr)
+        return true;
+    m_pXml = new (std::nothrow) CXMLReadWriteConfig;
+    if (m_pXml == nullptr) {
+        VNTRACE(TL_ERR, "Config : Failed to create XML engine, System Out Of Memory!!!");
+        return false;
+    }
+    return true;
+}
+
+void CDnConfigFile::DropStore() {
+    Guard lock(m_Lock);
+    delete m_pXml;
+    m_pXml = nullptr;
+}
+
+bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
+    if (!EnsureStore())
+        return false;
+    {
+        Guard lock(m_Lock);
+        m_TowerConnectTimeout = 0;
+    }
+    const std::vector<std::string> files = {GetConfigFileName(), GetUpdateFileName(),
+                                            GetBackupFileName()};
+    const std::string& current = files[0];
+    const std::string& update = files[1];
+    const std::string& backup = files[2];
+
+    // The agent throws away a current file it cannot decode; it is rebuilt below.
+    if (checkUpdate && !updateOnly && FileExists(current)) {
+        std::string text;
+        const long code = ReadObfuscatedFile(current, text, false);
+        if (code != 0) {
+            VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
+            VNTRACE(TL_ERR, "Config : deleting the file");
+            DeleteIfExists(current);
+        }
+    }
+
+    // Nothing to load: the built-in profile becomes the current file.
+    if (!FileExists(current) && !FileExists(update)) {
+        DeleteIfExists(backup);
+        if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
+            VNTRACE(TL_WARN, "Config : Failed to load default config file");
+            return false;
+        }
+        m_ConfigFileType = kConfigFileObfuscated;
+        if (!CommitConfig()) {
+            VNTRACE(TL_WARN, "Config : Failed to create default config file");
+            return false;
+        }
+    }
+
+    ResetFileAttributes(files);
+
+    // Loads the update into the store and the maps; false (after its message) on failure.
+    auto loadUpdate = [this]() {
+        if (LoadConfigFile(true) != 0) {
+            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration file");
+            return false;
+        }
+        if (LoadConfigKeys() < 0) {
+            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration keys");
+            return false;
+        }
+        return true;
+    };
+
+    bool tryUpdateInPlace = true;  // step over to the update when the current file is gone
+    if (checkUpdate && (updateOnly || IsUpdateAvailable())) {
+        if (loadUpdate()) {
+            if (updateOnly) {
+                FinishLoad();
+                return true;
+            }
+            std::string error;
+            bool copied = true;
+            try {
+                PreserveCopyUpdateToConfig(update, current);
+            } catch (const std::exception& e) {
+                copied = false;
+                error = e.what();
+            }
+            if (!copied) {
+                // The update stays loaded, but the files could not follow it.
+                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to current config: %s",
+                        error.c_str());
+                return false;
+            }
+            VNTRACE(TL_TRACE, "CONFIG : Loaded and copied update config to current config");
+            boost::system::error_code ec;
+            boost::filesystem::copy_file(update, backup,
+                                         boost::filesystem::copy_options::overwrite_existing, ec);
+            if (ec)
+                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to backup config");
+            else
+                VNTRACE(TL_TRACE, "CONFIG : Copied update config to backup config");
+            FinishLoad();
+            return true;
+        }
+        DropStore();
+        if (updateOnly)
+            return false;
+        tryUpdateInPlace = false;  // a bad update falls back to the current file
+    }
+
+    if (tryUpdateInPlace && !FileExists(current)) {
+        // An update that was not adopted runs in place of the missing current file.
+        if (!EnsureStore())
+            return false;
+        if (loadUpdate()) {
+            FinishLoad();
+            return true;
+        }
+        DropStore();
+    }
+
+    if (!EnsureStore())
+        return false;
+    if (LoadConfigFile(false) != 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Configuration file");
+        DropStore();
+        return false;
+    }
+    if (LoadConfigKeys() < 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Configuration keys");
+        DropStore();
+        return false;
+    }
+    FinishLoad();
+    return true;
+}
+
+void CDnConfigFile::FinishLoad() {
+    Guard lock(m_Lock);
+    ParseTunnelType();
+    LoadHostExceptions();
+    LoadProxyExceptions();
+    LoadHostInclusions();
+    ParseConnectTimeout();
+}
+
+bool CDnConfigFile::Reload() {
+    Guard lock(m_Lock);
+    if (!InitializeConfig(false, false)) {
+        VNTRACE(TL_ERR, "ERROR : Failed to initialize config");
+        return false;
+    }
+    return true;
+}
+
+bool CDnConfigFile::IsUpdateAvailable() {
+    Guard lock(m_Lock);
+    const std::string update = GetUpdateFileName();
+    const std::string backup = GetBackupFileName();
+    const std::string current = GetConfigFileName();
+    if (!FileExists(update)) {
+        VNTRACE(TL_WARN, "Config : Update file '%s' doesn't exist. Code :%ld", update.c_str(),
+                kConfigFileMissing);
+        return false;
+    }
+    if (!FileExists(backup)) {
+        VNTRACE(TL_WARN, "Config : Backup file '%s' doesn't exist. Code :%ld", backup.c_str(),
+                kConfigFileMissing);
+        return true;
+    }
+    if (!FileExists(current)) {
+        VNTRACE(TL_WARN, "Config : Config file '%s' doesn't exist. Code :%ld", current.c_str(),
+                kConfigFileMissing);
+        return true;
+    }
+    std::string text;
+    const long code = ReadObfuscatedFile(current, text, false);
+    if (code != 0) {
+        VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
+        return true;
+    }
+    // The encoded bytes of the update against those of the last adopted one: a commit rewrites
+    // the current file, while the backup keeps the file as it was delivered.
+    std::string updateBytes;
+    std::string backupBytes;
+    if (!ReadWholeFile(update, updateBytes))
+        return false;
+    if (!ReadWholeFile(backup, backupBytes))
+        return false;
+    return updateBytes != backupBytes;
+}
+
+long CDnConfigFile::ReadObfuscatedFile(const std::string& path, std::string& text,
+                                       bool stripMarker) {
+    Guard lock(m_Lock);
+    return DecodeFile(path, text, stripMarker);
+}
+
+long CDnConfigFile::GetConfigFileType(const std::string& path, ConfigFileType& type) {
+    Guard lock(m_Lock);
+    return ProbeFileType(path, type);
+}
+
+long CDnConfigFile::LoadConfigFile(bool update) {
+    Guard lock(m_Lock);
+    const std::string path = update ? GetUpdateFileName() : GetConfigFileName();
+    if (!FileExists(path)) {
+        VNTRACE(TL_ERR, "Config : File '%s' doesn't exist. Code :%ld", path.c_str(),
+                kConfigFileMissing);
+        return kConfigFileMissing;
+    }
+    if (!EnsureStore())
+        return static_cast<long>(kConfigOutOfMemory);
+    // The probe decodes the file and parses the text, marker removed, straight into the store:
+    // that is the text a second read would give, and its parse the document a second parse
+    // would make, so the file is read and parsed once. A failed parse leaves the store as it
+    // was.
+    ConfigFileType type = kConfigFileUnknown;
+    std::string text;
+    const long code = ProbeFile(path, type, &text, m_pXml);
+    m_ConfigFileType = type;
+    if (code != 0) {
+        VNTRACE(TL_ERR, "Config : Failed to load config file (%s). Config Type : %d. Code :%ld",
+                path.c_str(), static_cast<int>(type), code);
+        return code;
+    }
+    if (type != kConfigFileObfuscated) {
+        VNTRACE(TL_ERR, "Config : The service only loads an obfuscated configuration file");
+        return kConfigFileUndecodable;
+    }
+
+    // Group lists arrive with one group a line; the running profile wants them comma-separated.
+    // The file's text itself is not changed.
+    static const std::string kGroupsTag = std::string(cfgkey::kAuthenticatedGroups) + ">";
+    std::string groups;
+    bool repaired = false;
+    const size_t opening = text.find(kGroupsTag);
+    if (opening != std::string::npos) {
+        const size_t start = opening + kGroupsTag.size();
+        const size_t closing = text.find(kGroupsTag, start);
+        if (closing == std::string::npos) {
+            VNTRACE(TL_WARN, "Config : Malformed XML. Closing auth groups tag not found.");
+        } else {
+            // The value ends two characters before the closing match, leaving out its "</".
+            if (closing >= start + 2)
+                groups = text.substr(start, closing - 2 - start);
+            for (char& c : groups) {
+                if (c == '\n') {
+                    c = ',';
+                    repaired = true;
+                }
+            }
+        }
+    }
+
+    if (repaired) {
+        m_pXml->PutValue(std::string(kConfigBasePathSlash) + cfgkey::kAuthenticatedGroups, groups);
+    }
+    return 0;
+}
+
+long CDnConfigFile::LoadConfigKeys() {
+    Guard lock(m_Lock);
+    if (m_pXml == nullptr) {
+        VNTRACE(TL_ERR, "Config : Not initialized.");
+        return 1;
+    }
+    m_Values.clear();
+    m_Towers.clear();
+    m_Address.clear();
+    m_DctSettings.clear();
+
+    // The walk reports members of Towers under the name "Tower" with a tower record, and any
+    // other element with its own name and its text, so an element named "Tower" standing
+    // directly under ConfigurationParameters is reported under the same name with text. When
+    // the profile has one, the kinds of the "Tower" reports are worked out beforehand, in the
+    // walk's order, so that text is never read as a tower record.
+    m_TowerReportKinds.clear();
+    m_bTowerReportKindsValid = false;
+    const std::string strayTower = std::string(kConfigBasePathSlash) + cfgkey::kTower;
+    if (m_pXml->NodeExists(strayTower)) {
+        boost::property_tree::ptree parameters;
+        if (m_pXml->GetChild(kConfigBasePath, parameters)) {
+            for (const auto& child : parameters) {
+                if (child.first == cfgkey::kTowers)
+                    m_TowerReportKinds.insert(m_TowerReportKinds.end(), child.second.size(), true);
+                else if (child.first == cfgkey::kTower)
+                    m_TowerReportKinds.push_back(false);
+            }
+            m_bTowerReportKindsValid = true;
+        }
+    }
+
+    const ConfigStatus status = m_pXml->EnumConfig(this, &CDnConfigFile::OnConfigKey, true);
+    m_TowerReportKinds.clear();
+    m_bTowerReportKindsValid = false;
+    return static_cast<long>(status);
+}
+
+void CDnConfigFile::OnConfigKey(void* config, const char* name, const void* value) {
+    CDnConfigFile* const self = static_cast<CDnConfigFile*>(config);
+    if (self == nullptr || name == nullptr)
+        return;
+    Guard lock(self->m_Lock);
+    const std::string key(name);
+    if (CompareNoCase(key, cfgkey::kTower) == 0) {
+        // Only the walk's own "Tower" reports carry a record; another spelling, or a stray
+        // element of that name, carries its text.
+        bool isTower = strcmp(name, cfgkey::kTower) == 0 && value != nullptr;
+        if (isTower && self->m_bTowerReportKindsValid) {
+            isTower = !self->m_TowerReportKinds.empty() && self->m_TowerReportKinds.front();
+            if (!self->m_TowerReportKinds.empty())
+                self->m_TowerReportKinds.pop_front();
+        }
+        if (!isTower) {
+            VNTRACE(TL_WARN, "Config : Element '%s' is not a member of Towers; ignored", name);
+            return;
+        }
+        const TowerInfo& info = *static_cast<const TowerInfo*>(value);
+        self->m_Towers.emplace_back(info.DisplayName, info);
+    } else if (CompareNoCase(key, cfgkey::kTrustedNetworkDetection) == 0) {
+        // Read through the store by path when needed.
+    } else if (CompareNoCase(key, cfgkey::kAddress) == 0) {
+        self->m_Address = std::string(";") + ValueText(value);
+    } else if (CompareNoCase(key, cfgkey::kDetectClosestTower) == 0) {
+        // Children of DetectClosestTower come as pairs under the exact name; any other
+        // spelling is a plain element with text.
+        if (strcmp(name, cfgkey::kDetectClosestTower) != 0 || value == nullptr) {
+            VNTRACE(TL_WARN, "Config : Element '%s' is not DetectClosestTower; ignored", name);
+            return;
+        }
+        self->m_DctSettings.insert(*static_cast<const DctSetting*>(value));
+    } else {
+        // The first of two elements with the same name wins.
+        self->m_Values.insert(std::make_pair(key, std::string(ValueText(value))));
+    }
+}
+
+bool CDnConfigFile::CommitConfig() {
+    Guard lock(m_Lock);
+    if (m_pXml == nullptr) {
+        VNTRACE(TL_ERR, "Config : XMLReadWrite not initialized.");
+        return false;
+    }
+    std::string text;
+    const ConfigStatus status = m_pXml->GetXML(text);
+    if (status < 0 || text.empty()) {
+        VNTRACE(TL_ERR, "Config : Failed to get XML stream. Code : %x",
+                static_cast<unsigned>(status));
+        return false;
+    }
+    const std::string path = GetConfigFileName();
+    if (m_ConfigFileType == kConfigFileObfuscated) {
+        text.insert(0, kObfuscatedMarker);
+        if (COpenSSLCrypt::ObfuscateStringToFile(text.data(), static_cast<uint32_t>(text.size()),
+                                                 path.c_str(), nullptr) == 0)
+            return true;
+        VNTRACE(TL_ERR, "Config : ObfuscateStringToFile failed");
+        return false;
+    }
+    // A profile that was loaded plain is written back plain. Failures here are logged but count
+    // as done to the caller.
+    FILE* file = fopen(path.c_str(), "wb");
+    if (file == nullptr) {
+        VNTRACE(TL_ERR, "Config : Failed to open config file.");
+        return true;
+    }
+    fwrite(text.data(), 1, text.size(), file);
+    fflush(file);
+    if (ferror(file))
+        VNTRACE(TL_ERR, "Config : Failed to write to config file. Code : 0x%x",
+                static_cast<unsigned>(status));
+    fclose(file);
+    return true;
+}
+
+void CDnConfigFile::PreserveCopyUpdateToConfig(const std::string& updatePath,
+                                               const std::string& configPath) {
+    Guard lock(m_Lock);
+    std::string user;
+    std::string groups;
+    CDnConfigFile previous;  // the profile being replaced
+    if (previous.InitializeConfig(false, false)) {
+        const std::string oldDomains = previous.GetString(cfgkey::kEnterpriseDomains);
+        const std::string newDomains = GetString(cfgkey::kEnterpriseDomains);
+        if (!oldDomains.empty() && oldDomains == newDomains) {
+            user = previous.GetString(cfgkey::kAuthenticatedUser);
+            groups = previous.GetString(cfgkey::kAuthenticatedGroups);
+        }
+    }
+    if (FileExists(configPath))
+        boost::filesystem::remove(configPath);
+    boost::filesystem::copy_file(updatePath, configPath,
+                                 boost::filesystem::copy_options::overwrite_existing);
+    if (!user.empty() && !UpdateConfigKey(cfgkey::kAuthenticatedUser, user.c_str(), true))
+        VNTRACE(TL_ERR, "PreserveCopyUpdateToConfig : Failed to preserve user");
+    if (!groups.empty() && !UpdateConfigKey(cfgkey::kAuthenticatedGroups, groups.c_str(), true))
+        VNTRACE(TL_ERR, "PreserveCopyUpdateToConfig : Failed to preserve groups");
+}
+
+void CDnConfigFile::ResetFileAttributes(const std::vector<std::string>& paths) {
+    Guard lock(m_Lock);
+    for (const std::string& path : paths) {
+        if (chmod(path.c_str(), 0644) != 0 && errno != ENOENT) {
+            const int error = errno;
+            VNTRACE(TL_ERR, "CONFIG : Failed to change attributes for '%s' to NORMAL (err %d)",
+                    path.c_str(), error);
+        }
+    }
+}
+
+void CDnConfigFile::ParseTunnelType() {
+    Guard lock(m_Lock);
+    const std::string type = GetString(cfgkey::kTunnelType);
+    if (CompareNoCase(type, "plain") == 0)
+        m_TunnelType = 2;
+    else if (CompareNoCase(type, "ssl") == 0)
+        m_TunnelType = 1;
+    else
+        m_TunnelType = 0;
+}
+
+void CDnConfigFile::ParseConnectTimeout() {
+    Guard lock(m_Lock);
+    std::string text = GetString(cfgkey::kTowerSecureConnectTimeout);
+    if (text.empty())
+        text = GetString(cfgkey::kConnectTimeout);
+    Trim(text, kWhitespace);
+    m_TowerConnectTimeout = ParseDecimal(text);
+}
+
+bool CDnConfigFile::UpdateConfigKey(const char* key, const char* value, bool commit) {
+    if (key == nullptr || value == nullptr)
+        return false;
+    Guard lock(m_Lock);
+    if (!SetXmlValue(key, value)) {
+        VNTRACE(TL_ERR, "Config : Failed to update config key <%s=%s>.", key, value);
+        return false;
+    }
+    return UpdateData(&m_Values, key, value, commit);
+}
+
+bool CDnConfigFile::UpdateData(std::map<std::string, std::string>* values, const char* key,
+                               const char* value, bool commit) {
+    if (values == nullptr || key == nullptr || value == nullptr) {
+        VNTRACE(TL_ERR, "UpdateData : Bad parameter");
+        return false;
+    }
+    Guard lock(m_Lock);
+    values->erase(key);
+    values->insert(std::make_pair(std::string(key), std::string(value)));
+    // Only the process that owns the files writes them; elsewhere the change stays in memory.
+    if (m_ConfigRole == kConfigRoleOwner && commit) {
+        if (!CommitConfig()) {
+            VNTRACE(TL_ERR, "UpdateData : Failed to commit changes to config");
+            return false;
+        }
+        return Reload();
+    }
+    return true;
+}
+
+long CDnConfigFile::ReadFileValue(const std::string& path, const std::string& xpath, bool reload,
+                                  std::string& out) {
+    FileValueCache& cache = TheFileValueCache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.store && !reload)
+        return static_cast<long>(cache.store->GetValue(xpath, out));
+    cache.store.reset(new (std::nothrow) CXMLReadWrite);
+    if (!cache.store)
+        return static_cast<long>(kConfigOutOfMemory);
+    // An obfuscated profile is decoded and parsed into the store by the probe itself; anything
+    // else is read as plain text, which leaves the store empty when it is no XML either.
+    ConfigFileType type = kConfigFileUnknown;
+    ProbeFile(path, type, nullptr, cache.store.get());
+    if (type != kConfigFileObfuscated)
+        cache.store->LoadFromFile(path, false);
+    return static_cast<long>(cache.store->GetValue(xpath, out));
+}
+
+CDnConfigFile& CDnConfigFile::GetInstance(bool checkUpdate) {
+    static CDnConfigFile instance;
+    if (!g_bInstanceInitialized) {
+        if (instance.InitializeConfig(checkUpdate, false))
+            g_bInstanceInitialized = true;
+    }
+    return instance;
+}
+
+bool CDnConfigFile::GetProfileLabel(std::string& out) {
+    Guard lock(m_Lock);
+    if (m_pXml == nullptr) {
+        VNTRACE(TL_ERR, "GetProfileLabel : NULL pointer.");
+        return false;
+    }
+    m_pXml->GetValue(kProfileLabelPath, out);
+    return true;
+}
+
+int CDnConfigFile::GetTunnelType() {
+    Guard lock(m_Lock);
+    return m_TunnelType;
+}
+
+int CDnConfigFile::GetTowerConnectTimeout() {
+    Guard lock(m_Lock);
+    return m_TowerConnectTimeout;
+}
+
+bool CDnConfigFile::HasHostInclusions() {
+    Guard lock(m_Lock);
+    return m_HasHostInclusions;
+}
+
+int CDnConfigFile::GetKdfListenPort(uint16_t& out) {
+    Guard lock(m_Lock);
+    out = GetPort(cfgkey::kKdfListenPort);
+    return 0;
+}
+
+int CDnConfigFile::GetConfigParams(ConfigParams& out) {
+    Guard lock(m_Lock);
+    out = ConfigParams();
+    out.kdfListenPort = GetPort(cfgkey::kKdfListenPort);
+    out.ipcPort = GetPort(cfgkey::kIpcPort);
+    out.kdfPortIncluded = GetString(cfgkey::kKdfPortIncluded);
+    out.staticExceptions = GetString(cfgkey::kStaticExceptions);
+    out.maxNumStaticExceptions = GetString(cfgkey::kMaxNumStaticExceptions);
+    for (const auto& tower : m_Towers)
+        out.towerHosts += tower.second.HostName + ";";
+    // The host of the tower URL: what lies between "//" and the first "/" of the path. A URL
+    // without a path gives nothing.
+    const std::string url = GetString(cfgkey::kTowerUrl);
+    if (url.size() >= 2) {
+        const size_t scheme = url.find("//");
+        if (scheme != std::string::npos) {
+            const size_t hostStart = scheme + 2;
+            const size_t pathStart = url.find('/', hostStart);
+            if (pathStart != std::string::npos)
+                out.towerUrlHost = url.substr(hostStart, pathStart - hostStart) + ";";
+        }
+    }
+    out.address = m_Address + ";";
+    return 0;
+}
+
+void CDnConfigFile::AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
+                                const std::string& line) {
+    lines.push_back(line);
+    marks.push_back(0);
+}
+
+int CDnConfigFile::GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks) {
+    Guard lock(m_Lock);
+    if (m_pXml == nullptr) {
+        VNTRACE(TL_ERR, "Config : Not initialized");
+        return -1;
+    }
+    const bool owner = m_ConfigRole == kConfigRoleOwner;
+    // A text from the store, or `fallback` when it is empty.
+    auto fromStore = [this](const char* key, const char* fallback) {
+        std::string text = GetXmlValue(key);
+        return text.empty() ? std::string(fallback) : text;
+    };
+    auto line = [&](const std::string& text) { AddDumpLine(lines, marks, text); };
+
+    uint32_t mask = 0;
+    std::istringstream(fromStore(cfgkey::kDebugLevel, "107")) >> std::hex >> mask;
+    if (mask >= 0x8000)
+        mask &= 0x7FFF;
+    if ((mask & 0x6) != 0x6)
+        mask |= 0x6;  // WARN and ERR are always on
+    line(std::string(cfgkey::kDebugLevel) + " = " + Hex(mask));
+
+    uint32_t size = 0;
+    std::istringstream(GetXmlValue(cfgkey::kLogFileSize)) >> size;
+    line(std::string(cfgkey::kLogFileSize) + " = " + std::to_string(ClampLogFileSize(size)));
+    line(std::string(cfgkey::kNumLogFilesToRetain) + " = " +
+         fromStore(cfgkey::kNumLogFilesToRetain, "1"));
+    line(std::string(cfgkey::kRetentionDays) + "\t= " + fromStore(cfgkey::kRetentionDays, "0"));
+    line(std::string(cfgkey::kRetentionHours) + "\t= " + fromStore(cfgkey::kRetentionHours, "0"));
+    line(std::string(cfgkey::kRetentionMinutes) +
+         "\t= " + fromStore(cfgkey::kRetentionMinutes, "0"));
+
+    if (owner)
+        line(std::string(cfgkey::kKdfListenPort) + " = " +
+             std::to_string(GetPort(cfgkey::kKdfListenPort)));
+    line(std::string(cfgkey::kIpcPort) + " = " + std::to_string(GetPort(cfgkey::kIpcPort)));
+    if (owner)
+        line(std::string(cfgkey::kKdfPortIncluded) + " = " + GetString(cfgkey::kKdfPortIncluded));
+    const std::string tunnel = GetString(cfgkey::kTunnelType);
+    line(std::string(cfgkey::kTunnelType) + " = " + (tunnel.empty() ? "ssl" : tunnel));
+    for (const char* key :
+         {cfgkey::kMaxConnections, cfgkey::kMinConnections, cfgkey::kHostExceptions,
+          cfgkey::kProxyExceptions, cfgkey::kStaticExceptions, cfgkey::kEnterpriseDomains})
+        line(std::string(key) + " = " + GetString(key));
+    if (owner) {
+        line(std::string(cfgkey::kAuthenticatedUser) + " = " +
+             GetString(cfgkey::kAuthenticatedUser));
+        line(std::string(cfgkey::kAuthenticatedGroups) + " = " +
+             GetString(cfgkey::kAuthenticatedGroups));
+    }
+    unsigned long cleanup = GetInteger(cfgkey::kConnectionCleanupInterval);
+    if (cleanup == 0)
+        cleanup = 3000;
+    line(std::string(cfgkey::kConnectionCleanupInterval) + " = " + std::to_string(cleanup));
+    line(std::string(cfgkey::kActiveTowerDisplayName) + " = " +
+         GetString(cfgkey::kActiveTowerDisplayName));
+    line(std::string(cfgkey::kActiveTowerHostName) + " = " +
+         GetString(cfgkey::kActiveTowerHostName));
+    line(std::string(cfgkey::kTndEnabled) + " = " + GetXmlValue(cfgkey::kTndEnabled));
+    line(std::string(cfgkey::kDctDetectClosest) + " = " + GetXmlValue(cfgkey::kDctDetectClosest));
+    return 0;
+}
+
+void CDnConfigFile::ParseExceptions(const char* key, std::list<std::string>& names,
+                                    std::vector<ExceptionAddress>& addrs) {
+    Guard lock(m_Lock);
+    names.clear();
+    addrs.clear();
+    const std::string value = GetString(key);
+    if (value.empty())
+        return;
+    std::set<std::string> entries;
+    CToken::SplitSet(value, ";", entries);
+    for (const std::string& entry : entries) {
+        const size_t slash = entry.find('/');
+        if (slash == std::string::npos) {
+            names.push_back(entry);  // a host name or a bare address, taken as it stands
+            continue;
+        }
+        const std::string addressText = entry.substr(0, slash);
+        uint32_t address4 = 0;
+        uint8_t address6[16] = {};
+        const bool isV4 = ParseIPv4(addressText, address4);
+        if (!isV4 && !ParseIPv6(addressText, address6)) {
+            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Address part incorrect",
+                    entry.c_str());
+            continue;
+        }
+        const std::string subnet = entry.substr(slash + 1);
+        if (subnet.empty()) {
+            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Subnet part not specified",
+                    entry.c_str());
+            continue;
+        }
+        uint32_t prefix = 0;
+        std::istringstream(subnet) >> prefix;  // trailing text is not noticed: "8x" is 8
+        const uint32_t widest = isV4 ? 32 : 128;
+        const bool valid = (prefix >= 1 && prefix <= widest) || (prefix == 0 && subnet == "0");
+        if (!valid) {
+            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Subnet part incorrect",
+                    entry.c_str());
+            continue;
+        }
+        ExceptionAddress parsed;
+        if (isV4) {
+            parsed.family = kExceptionFamilyIPv4;
+            parsed.mask = prefix == 0 ? 0 : 0xFFFFFFFFu << (32 - prefix);
+            parsed.address = address4 & parsed.mask;
+        } else {
+            parsed.family = kExceptionFamilyIPv6;
+            parsed.address = 0;
+            parsed.mask = prefix;
+            memcpy(parsed.address6, address6, sizeof(parsed.address6));
+            const uint8_t* b = address6;
+            VNTRACE(
+                TL_TRACE,
+                "Config : IPv6 exception: %.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:"
+                "%.2x%.2x:%.2x%.2x mask:%d",
+                b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
+                b[13], b[14], b[15], static_cast<int>(prefix));
+        }
+        addrs.push_back(parsed);
+    }
+}
+
+void CDnConfigFile::LoadHostExceptions() {
+    Guard lock(m_Lock);
+    ParseExceptions(cfgkey::kHostExceptions, m_HostExceptionNames, m_HostExceptionAddrs);
+}
+
+void CDnConfigFile::LoadProxyExceptions() {
+    Guard lock(m_Lock);
+    ParseExceptions(cfgkey::kProxyExceptions, m_ProxyExceptionNames, m_ProxyExceptionAddrs);
+}
+
+void CDnConfigFile::LoadHostInclusions() {
+    Guard lock(m_Lock);
+    ParseExceptions(cfgkey::kHostInclusions, m_HostInclusionNames, m_HostInclusionAddrs);
+    // Assigned rather than only raised, so that a reload without inclusions clears it.
+    m_HasHostInclusions = !m_HostInclusionNames.empty() || !m_HostInclusionAddrs.empty();
+}
+
+int CDnConfigFile::GetExceptionCount(int kind) {
+    Guard lock(m_Lock);
+    switch (kind) {
+        case 1:
+            return static_cast<int>(m_HostExceptionNames.size() + m_HostExceptionAddrs.size());
+        case 2:
+            return static_cast<int>(m_ProxyExceptionNames.size() + m_ProxyExceptionAddrs.size());
+        default:
+            VNTRACE(TL_ERR, "Invalid Exception passed");
+            return 0;
+    }
+}
+
+void CDnConfigFile::GetHostExceptions(std::list<std::string>& names,
+                                      std::vector<ExceptionAddress>& addrs) {
+    Guard lock(m_Lock);
+    names = m_HostExceptionNames;
+    addrs = m_HostExceptionAddrs;
+}
+
+void CDnConfigFile::GetProxyExceptions(std::list<std::string>& names,
+                                       std::vector<ExceptionAddress>& addrs) {
+    Guard lock(m_Lock);
+    names = m_ProxyExceptionNames;
+    addrs = m_ProxyExceptionAddrs;
+}
+
+void CDnConfigFile::GetHostInclusions(std::list<std::string>& names,
+                                      std::vector<ExceptionAddress>& addrs) {
+    Guard lock(m_Lock);
+    names = m_HostInclusionNames;
+    addrs = m_HostInclusionAddrs;
+}
+
+std::list<std::pair<std::string, TowerInfo>> CDnConfigFile::GetTowers() {
+    Guard lock(m_Lock);
+    return m_Towers;
+}
+
+std::map<std::string, std::string> CDnConfigFile::GetDctSettings() {
+    Guard lock(m_Lock);
+    return m_DctSettings;
+}

@@ -1,0 +1,147 @@
+// CDnConfigFile: the profile shared with the service agent. It decides at start-up which of
+// the three files (current, update, backup) becomes the running configuration, rotates and
+// repairs them, loads the winner into the XML store and the map of keys, and parses the
+// exception lists, the tunnel type and the connect time-out out of it.
+//
+// Ownership and threads: the creator owns the object. InitializeConfig takes no lock of its
+// own and runs before other threads can reach the object (Reload holds m_Lock around it); after
+// it, any thread may call the rest. m_Lock (inherited, recursive) guards every field below.
+// The process-wide m_ConfigFileType and m_ConfigRole are atomics; the store behind
+// ReadFileValue has a mutex of its own.
+#ifndef TIDEWAY_CONFIG_DNCONFIGFILE_H_
+#define TIDEWAY_CONFIG_DNCONFIGFILE_H_
+
+#include <stdint.h>
+
+#include <atomic>
+#include <deque>
+#include <list>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config/Config.h"
+#include "config/ConfigKeys.h"
+#include "config/TowerInfo.h"
+
+class CDnConfigFile final : public CConfig {
+  public:
+    CDnConfigFile();
+    ~CDnConfigFile();
+
+    // The decision tree of the file chain. checkUpdate adopts an update that differs from the
+    // backup (the agent's branch); updateOnly loads the update alone and touches no file. The
+    // plug-in passes false, false. False when no configuration could be loaded.
+    bool InitializeConfig(bool checkUpdate, bool updateOnly);
+    // InitializeConfig(false, false) under the lock.
+    bool Reload() override;
+
+    // True when the update file should be adopted: it exists and differs from the backup in
+    // its bytes, or the backup or the current file is missing or the current one is corrupt.
+    bool IsUpdateAvailable();
+    // Decodes the obfuscated file at `path` into `text` (replacing it); with `stripMarker`, a
+    // leading "OBFUSCATED" is removed. 0, or 22 for any failure.
+    long ReadObfuscatedFile(const std::string& path, std::string& text, bool stripMarker);
+    // Probes the file: plain XML (1), obfuscated XML (3), decodes to bad XML (2), or unknown
+    // (0). 0 for types 1 and 3; otherwise the code of the failed decode or parse.
+    long GetConfigFileType(const std::string& path, ConfigFileType& type);
+    // Loads the update (`update`) or the current file into the store; only an obfuscated file
+    // is accepted. 0, 2 (missing), 22 (not obfuscated) or the parser's code.
+    long LoadConfigFile(bool update);
+    // Refills the map, the towers, the address and the DCT settings from the store. The store's
+    // status (negative means failure); 1 without a store.
+    long LoadConfigKeys();
+    // Writes the store to the current file: obfuscated with the marker when the last probe
+    // found an obfuscated file, else plain (a plain write that fails still counts as done).
+    bool CommitConfig();
+    // Replaces the current file by the update file, keeping the old authenticated user and
+    // groups when the enterprise domains did not change. Throws what the file operations throw.
+    void PreserveCopyUpdateToConfig(const std::string& updatePath, const std::string& configPath);
+    // chmod 0644 on each path; a missing file is no error.
+    void ResetFileAttributes(const std::vector<std::string>& paths);
+    void ParseTunnelType();
+    void ParseConnectTimeout();
+
+    // Sets the key in the store and in the map; commits and reloads only in the process that
+    // owns the files.
+    bool UpdateConfigKey(const char* key, const char* value, bool commit);
+    bool UpdateData(std::map<std::string, std::string>* values, const char* key, const char* value,
+                    bool commit);
+
+    // Reads `xpath` from any profile file through one process-wide store, which is loaded
+    // again only when `reload` is set or nothing is cached. The store's status, a decode code,
+    // or 0x8007000E.
+    static long ReadFileValue(const std::string& path, const std::string& xpath, bool reload,
+                              std::string& out);
+    // The process-wide object, initialised at first use and again after any CDnConfigFile has
+    // been constructed since (construction clears the flag).
+    static CDnConfigFile& GetInstance(bool checkUpdate);
+
+    bool GetProfileLabel(std::string& out);
+
+    // Callback of EnumConfig: `config` is the CDnConfigFile being loaded.
+    static void OnConfigKey(void* config, const char* name, const void* value);
+
+    int GetTunnelType();
+    int GetTowerConnectTimeout();
+    bool HasHostInclusions();
+    int GetKdfListenPort(uint16_t& out);
+    int GetConfigParams(ConfigParams& out);
+    // One line per running setting for diagnostics, each with a 0 in `marks`. -1 without a
+    // store.
+    int GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks);
+
+    // Exception lists: entries without "/" go to `names`, valid subnets to `addrs`; the rest
+    // costs a warning each. Entries are visited sorted and without repeats.
+    void ParseExceptions(const char* key, std::list<std::string>& names,
+                         std::vector<ExceptionAddress>& addrs);
+    void LoadHostExceptions();
+    void LoadProxyExceptions();
+    void LoadHostInclusions();
+    // 1: host exceptions, 2: proxy exceptions; names plus subnets.
+    int GetExceptionCount(int kind);
+
+    // Copies of the parsed lists and of the tower data, taken under the lock.
+    void GetHostExceptions(std::list<std::string>& names, std::vector<ExceptionAddress>& addrs);
+    void GetProxyExceptions(std::list<std::string>& names, std::vector<ExceptionAddress>& addrs);
+    void GetHostInclusions(std::list<std::string>& names, std::vector<ExceptionAddress>& addrs);
+    std::list<std::pair<std::string, TowerInfo>> GetTowers();
+    std::map<std::string, std::string> GetDctSettings();
+
+    // Process-wide: the type found by the last probe of any object, which decides how the
+    // next commit writes; and the role of this process (kConfigRolePlugin in the module).
+    static std::atomic<uint32_t> m_ConfigFileType;
+    static std::atomic<int> m_ConfigRole;
+    // Testing hook, not a product setting: lets tests take the file owner's role.
+    static void SetConfigRoleForTesting(int role) { m_ConfigRole = role; }
+
+  private:
+    // The last step of a successful initialisation: tunnel type, lists, connect time-out.
+    void FinishLoad();
+    bool EnsureStore();
+    void DropStore();
+    void AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
+                     const std::string& line);
+
+    std::list<std::string> m_HostExceptionNames;
+    std::vector<ExceptionAddress> m_HostExceptionAddrs;
+    std::list<std::string> m_ProxyExceptionNames;
+    std::vector<ExceptionAddress> m_ProxyExceptionAddrs;
+    int32_t m_TunnelType;  // 2 plain, 1 ssl, 0 anything else
+    std::list<std::pair<std::string, TowerInfo>> m_Towers;
+    std::string m_Address;  // ";" followed by the last Address element's text
+    std::map<std::string, std::string> m_DctSettings;
+    int32_t m_TowerConnectTimeout;
+    std::list<std::string> m_HostInclusionNames;
+    std::vector<ExceptionAddress> m_HostInclusionAddrs;
+    bool m_HasHostInclusions;
+
+    // While LoadConfigKeys walks a profile that holds an element named "Tower" directly under
+    // ConfigurationParameters, one entry per "Tower" report in document order: true for a
+    // member of Towers, false for the stray element, whose report carries text, not a tower.
+    std::deque<bool> m_TowerReportKinds;
+    bool m_bTowerReportKindsValid;
+};
+
+#endif  // TIDEWAY_CONFIG_DNCONFIGFILE_H_

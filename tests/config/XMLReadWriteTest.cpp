@@ -1,0 +1,388 @@
+#include "config/XMLReadWrite.h"
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ConfigTestSupport.h"
+#include "SyslogCapture.h"
+#include "common/VNTrace.h"
+
+namespace {
+
+namespace pt = boost::property_tree;
+
+const char kProfile[] =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+    "<Tideway>\n"
+    "  <SchemaVersion>3.0</SchemaVersion>\n"
+    "  <!-- a comment that both loaders drop -->\n"
+    "  <ConfigurationParameters>\n"
+    "    <ipc_port>  5003  </ipc_port>\n"
+    "    <password></password>\n"
+    "    <Towers>\n"
+    "      <Tower><DisplayName>East</DisplayName><Active>1</Active><HostName>e.example</HostName>"
+    "<SSLPort>443</SSLPort><PlainPort>80</PlainPort><Extra>x</Extra></Tower>\n"
+    "      <Tower><displayname>West</displayname><HOSTNAME>w.example</HOSTNAME></Tower>\n"
+    "      <Odd><HostName>o.example</HostName></Odd>\n"
+    "    </Towers>\n"
+    "    <towers><Tower><HostName>ignored</HostName></Tower></towers>\n"
+    "    <Address>10.0.0.1</Address>\n"
+    "    <DetectOnLANClient>1</DetectOnLANClient>\n"
+    "    <DetectClosestTower><Mode>auto</Mode><NumberReadings>3</NumberReadings>"
+    "</DetectClosestTower>\n"
+    "    <TrustedNetworkDetection><Enabled>1</Enabled></TrustedNetworkDetection>\n"
+    "  </ConfigurationParameters>\n"
+    "</Tideway>\n";
+
+const char kParamsPath[] = "Tideway/ConfigurationParameters";
+
+// Everything EnumConfig reported, flattened to "key=value" texts in call order.
+struct Walk {
+    std::vector<std::string> items;
+    std::vector<TowerInfo> towers;
+};
+
+void Record(void* context, const char* key, const void* value) {
+    Walk& walk = *static_cast<Walk*>(context);
+    const std::string name(key);
+    if (name == "Tower") {
+        const TowerInfo& t = *static_cast<const TowerInfo*>(value);
+        walk.towers.push_back(t);
+        walk.items.push_back("Tower=" + t.DisplayName + "|" + t.Active + "|" + t.HostName + "|" +
+                             t.SSLPort + "|" + t.PlainPort);
+    } else if (name == "DetectClosestTower") {
+        const DctSetting& s = *static_cast<const DctSetting*>(value);
+        walk.items.push_back(name + "=" + s.first + ":" + s.second);
+    } else {
+        walk.items.push_back(name + "=" + static_cast<const char*>(value));
+    }
+}
+
+class XMLReadWriteTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        config_test::InitTrace();
+        syslog_capture::Clear();
+    }
+    std::string Xml(CXMLReadWrite& store) {
+        std::string text;
+        EXPECT_EQ(store.GetXML(text), kConfigOk);
+        return text;
+    }
+};
+
+TEST_F(XMLReadWriteTest, ValuesByPathAndTheFailureStatusThatIsNotNegative) {
+    CXMLReadWrite store;
+    std::string value = "stale";
+    // Not loaded: logged, positive failure code, output emptied.
+    EXPECT_EQ(store.GetValue("Tideway/SchemaVersion", value), 2147500037);
+    EXPECT_EQ(value, "");
+    EXPECT_FALSE(store.NodeExists("Tideway"));
+    pt::ptree child;
+    EXPECT_FALSE(store.GetChild("Tideway", child));
+    EXPECT_EQ(syslog_capture::Count("XML has not been loaded.\n"), 1u);
+    EXPECT_EQ(syslog_capture::Count("XMLParser : XML not loaded\n"), 2u);
+    EXPECT_EQ(store.EnumConfig(nullptr, Record, true), kConfigNotImpl);
+
+    ASSERT_EQ(store.LoadFromString(kProfile, false), kConfigOk);
+    syslog_capture::Clear();
+    EXPECT_EQ(store.GetValue("Tideway/ConfigurationParameters/ipc_port", value), kConfigOk);
+    EXPECT_EQ(value, "  5003  ");  // untrimmed without the flag
+    value = "stale";
+    EXPECT_EQ(store.GetValue("Tideway/ConfigurationParameters/password", value), kConfigOk);
+    EXPECT_EQ(value, "");
+    value = "stale";
+    const ConfigStatus missing = store.GetValue("Tideway/ConfigurationParameters/nope", value);
+    EXPECT_EQ(missing, kConfigFail);
+    EXPECT_FALSE(missing < 0);  // a test for a negative status lets it pass
+    EXPECT_EQ(value, "");
+    EXPECT_TRUE(syslog_capture::Records().empty());  // absence is an ordinary answer
+
+    // "/" separates; a dot is part of a name. Put overwrites the first match, creates the rest.
+    EXPECT_EQ(store.PutValue("Tideway/ConfigurationParameters/ipc_port", "6000"), kConfigOk);
+    EXPECT_EQ(store.PutValue("Tideway/New/log.level", "7"), kConfigOk);
+    EXPECT_TRUE(store.NodeExists("Tideway/New/log.level"));
+    EXPECT_FALSE(store.NodeExists("Tideway/New/log"));
+    store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
+    EXPECT_EQ(value, "6000");
+
+    // GetChild hands over a copy; a missing node is logged with the library's text.
+    ASSERT_TRUE(store.GetChild("Tideway/ConfigurationParameters/DetectClosestTower", child));
+    EXPECT_EQ(child.get<std::string>("Mode"), "auto");
+    child.put("Mode", "manual");
+    store.GetValue("Tideway/ConfigurationParameters/DetectClosestTower/Mode", value);
+    EXPECT_EQ(value, "auto");
+    EXPECT_FALSE(store.GetChild("Tideway/Nope", child));
+    EXPECT_EQ(
+        syslog_capture::Count(
+            "XMLParser : Error getting child node Tideway/Nope : No such node (Tideway/Nope)\n"),
+        1u);
+}
+
+TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOnFailure) {
+    config_test::TempDir dir;
+    const std::string plain = dir.Write("plain.xml", kProfile);
+    CXMLReadWrite store;
+    ASSERT_EQ(store.LoadFromFile(plain, true), kConfigOk);
+    std::string value;
+    store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
+    EXPECT_EQ(value, "5003");
+    const std::string before = Xml(store);
+    EXPECT_EQ(before.find("comment"), std::string::npos);
+    EXPECT_EQ(before.find("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<Tideway>\n    "
+                          "<SchemaVersion>3.0</SchemaVersion>\n"),
+              0u);
+
+    // Each bad input fails with the positive code, logs nothing, and leaves the document.
+    std::string deep;
+    for (int i = 0; i < 200000; ++i)
+        deep += "<a>";
+    const std::vector<std::string> bad = {"",
+                                          " \n",
+                                          "<?xml version=\"1.0\"?>",
+                                          "not xml",
+                                          "<Tideway><a></Tideway>",
+                                          std::string(kProfile, 100),
+                                          deep};
+    for (const std::string& text : bad) {
+        EXPECT_EQ(store.LoadFromString(text, true), kConfigFail) << text.substr(0, 40);
+        EXPECT_FALSE(store.IsXMLFile(dir.Write("bad.xml", text))) << text.substr(0, 40);
+    }
+    EXPECT_EQ(store.LoadFromFile(dir.Path("missing.xml"), false), kConfigFail);
+    EXPECT_FALSE(store.IsXMLFile(dir.Path("missing.xml")));
+    EXPECT_TRUE(store.IsXMLFile(plain));
+    EXPECT_EQ(Xml(store), before);
+    EXPECT_TRUE(syslog_capture::Records().empty());
+
+    // Nesting up to the limit loads; comments and CDATA holding tags do not count.
+    std::string nested = "<!-- <a><a><a> --><![CDATA[<b><b>]]>";
+    for (int i = 0; i < CXMLReadWrite::kMaxXmlDepth; ++i)
+        nested += "<a x='>' y=\"/>\">";
+    for (int i = 0; i < CXMLReadWrite::kMaxXmlDepth; ++i)
+        nested += "</a>";
+    EXPECT_EQ(store.LoadFromString(nested, false), kConfigOk);
+    EXPECT_EQ(store.LoadFromString("<r>" + nested + "</r>", false), kConfigFail);
+}
+
+TEST_F(XMLReadWriteTest, SubTreeEditsFindClearAppend) {
+    CXMLReadWrite store;
+    pt::ptree empty;
+    pt::ptree* found = &empty;
+    EXPECT_EQ(store.FindNode(kParamsPath, empty, found), kConfigFail);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(syslog_capture::Count(
+                  "XMLParser : Parent of Tideway/ConfigurationParameters node doesn't exist\n"),
+              1u);
+
+    pt::ptree tree;
+    tree.put("Tideway.ConfigurationParameters.Towers.Tower.HostName", "h");
+    tree.put("Tideway.ConfigurationParameters.Towers.<xmlattr>.n", "1");
+    tree.put("Tideway.ConfigurationParameters.Towers", "text");
+    EXPECT_EQ(store.FindNode("Tideway/Nope", tree, found), kConfigFail);
+    ASSERT_EQ(store.FindNode(kParamsPath, tree, found), kConfigOk);
+    EXPECT_EQ(found, &tree.get_child("Tideway.ConfigurationParameters"));
+
+    // ClearNode takes a "." path; text and children go, the element stays.
+    EXPECT_EQ(store.ClearNode("Towers", found), kConfigOk);
+    EXPECT_TRUE(found->get_child("Towers").empty());
+    EXPECT_EQ(found->get<std::string>("Towers"), "");
+    EXPECT_EQ(store.ClearNode("Nope", found), kConfigFail);
+    EXPECT_EQ(store.ClearNode("Towers", nullptr), kConfigFail);
+
+    // AddInto and AddChildNode append, even next to an element of the same name.
+    pt::ptree server;
+    EXPECT_EQ(store.AddInto("Address", "a1", server), kConfigOk);
+    EXPECT_EQ(store.AddInto("Address", "a2", server), kConfigOk);
+    EXPECT_EQ(server.count("Address"), 2u);
+    EXPECT_EQ(store.AddChildNode("TND/Servers", found, server), kConfigOk);
+    EXPECT_EQ(store.AddChildNode("TND/Servers", found, server), kConfigOk);
+    EXPECT_EQ(found->get_child("TND").count("Servers"), 2u);
+    EXPECT_EQ(store.AddChildNode("X", nullptr, server), kConfigFail);
+}
+
+TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
+    CXMLReadWriteConfig store;
+    // Not loaded, then without the node, then with it empty: each fails with a line.
+    Walk walk;
+    EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
+    EXPECT_EQ(syslog_capture::Count(
+                  "XMLParser : Parent of Tideway/ConfigurationParameters node doesn't exist\n"),
+              1u);
+    ASSERT_EQ(store.LoadFromString("<Tideway><Other/></Tideway>", true), kConfigOk);
+    EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
+    ASSERT_EQ(store.LoadFromString("<Tideway><ConfigurationParameters/></Tideway>", true),
+              kConfigOk);
+    EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
+    EXPECT_EQ(syslog_capture::Count("XMLParser : Config node not found in Config file\n"), 3u);
+    EXPECT_TRUE(walk.items.empty());
+
+    syslog_capture::Clear();
+    ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+    ASSERT_EQ(store.EnumConfig(&walk, Record, true), kConfigOk);
+    const std::vector<std::string> expected = {
+        "ipc_port=5003",
+        "password=",
+        "Tower=East|1|e.example|443|80",
+        "Tower=West||w.example||",
+        "Tower=||o.example||",
+        "towers=",
+        "Address=10.0.0.1",
+        "DetectClosestTower=Mode:auto",
+        "DetectClosestTower=NumberReadings:3",
+        "TrustedNetworkDetection=",
+    };
+    EXPECT_EQ(walk.items, expected);
+    EXPECT_EQ(syslog_capture::Count("The Detect on LAN feature is no longer supported. Use the "
+                                    "Trusted Network Detection feature instead.\n"),
+              1u);
+
+    Walk some;
+    ASSERT_EQ(store.EnumConfig(&some, Record, false), kConfigOk);
+    const std::vector<std::string> typedOnly = {expected[2], expected[3], expected[4],
+                                                expected[6], expected[7], expected[8]};
+    EXPECT_EQ(some.items, typedOnly);
+}
+
+TEST_F(XMLReadWriteTest, EditsKeepSectionsInPlaceAndSurviveReentryAndReload) {
+    CXMLReadWriteConfig store;
+    store.DeleteConfigNode("Towers");
+    EXPECT_EQ(syslog_capture::Count("Configuration node pointer not valid\n"), 1u);
+    EXPECT_EQ(store.AddTowersToConfig({}), 1);
+    ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+    ASSERT_EQ(store.EnumConfig(nullptr, nullptr, true), kConfigOk);
+
+    syslog_capture::Clear();
+    const std::string before = Xml(store);
+    store.DeleteConfigNode("NoSuchSection");
+    EXPECT_EQ(Xml(store), before);
+    EXPECT_TRUE(syslog_capture::Records().empty());
+
+    // Replace the towers: the section stays where it was, duplicates stay, order is fixed.
+    store.DeleteConfigNode("Towers");
+    TowerInfo north{"North", "", "n.example", "8080", "8443"};
+    EXPECT_EQ(store.AddTowersToConfig({north, north}), kConfigOk);
+    pt::ptree servers;
+    servers.add("Server.Address", "10.1.1.1");
+    EXPECT_EQ(store.AddTNDServersToConfig(servers), kConfigOk);
+    const std::string after = Xml(store);
+    const std::string tower =
+        "<Tower>\n                <DisplayName>North</DisplayName>\n"
+        "                <Active/>\n                <HostName>n.example</HostName>\n"
+        "                <SSLPort>8443</SSLPort>\n                <PlainPort>8080</PlainPort>\n"
+        "            </Tower>";
+    const size_t first = after.find(tower);
+    ASSERT_NE(first, std::string::npos) << after;
+    EXPECT_NE(after.find(tower, first + 1), std::string::npos);
+    EXPECT_LT(after.find("<password/>"), after.find("<Towers>"));
+    EXPECT_LT(after.find("<Towers>"), after.find("<towers>"));
+    EXPECT_NE(after.find("<Enabled>1</Enabled>\n            <TrustedServers>\n                "
+                         "<Server>\n                    <Address>10.1.1.1</Address>"),
+              std::string::npos)
+        << after;
+    EXPECT_TRUE(syslog_capture::Records().empty());
+
+    // A reload leaves the old node pointer stale: the edits refuse it until the next walk.
+    ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+    store.DeleteConfigNode("Towers");
+    EXPECT_EQ(store.AddTowersToConfig({north}), kConfigFail);
+    EXPECT_EQ(store.AddTNDServersToConfig(servers), kConfigFail);
+    EXPECT_EQ(syslog_capture::Count("Configuration node pointer not valid\n"), 3u);
+    CXMLReadWrite fresh;
+    ASSERT_EQ(fresh.LoadFromString(kProfile, true), kConfigOk);
+    EXPECT_EQ(Xml(store), Xml(fresh));
+}
+
+// A callback may use the store on the same thread, even reload it: the walk goes on over what
+// it started with, and the edits do not follow the node pointer into the replaced document.
+struct ReentryContext {
+    CXMLReadWriteConfig* store;
+    int calls = 0;
+};
+
+TEST_F(XMLReadWriteTest, CallbackMayReadWriteAndReloadTheStore) {
+    CXMLReadWriteConfig store;
+    ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+    ReentryContext context{&store};
+    auto callback = [](void* raw, const char*, const void*) {
+        auto& c = *static_cast<ReentryContext*>(raw);
+        std::string value;
+        c.store->GetValue("Tideway/SchemaVersion", value);
+        c.store->PutValue("Tideway/ConfigurationParameters/added" + std::to_string(c.calls), "1");
+        if (++c.calls == 2)  // replaces the document under the walk
+            c.store->LoadFromString(
+                "<Tideway><ConfigurationParameters><a/></ConfigurationParameters>"
+                "</Tideway>",
+                true);
+    };
+    EXPECT_EQ(store.EnumConfig(&context, callback, true), kConfigOk);
+    EXPECT_EQ(context.calls, 10);  // the walk over the first document went to its end
+    store.DeleteConfigNode("a");
+    EXPECT_EQ(syslog_capture::Count("Configuration node pointer not valid\n"), 1u);
+}
+
+TEST_F(XMLReadWriteTest, TenThousandTowersRoundTrip) {
+    std::string text = "<Tideway><ConfigurationParameters><Towers>";
+    for (int i = 0; i < 10000; ++i) {
+        text += "<Tower><DisplayName>T" + std::to_string(i) + "</DisplayName><HostName>h" +
+                std::to_string(i) + "</HostName></Tower>";
+    }
+    text += "</Towers></ConfigurationParameters></Tideway>";
+    CXMLReadWriteConfig store;
+    ASSERT_EQ(store.LoadFromString(text, true), kConfigOk);
+    Walk walk;
+    ASSERT_EQ(store.EnumConfig(&walk, Record, true), kConfigOk);
+    ASSERT_EQ(walk.towers.size(), 10000u);
+    // Rewrite them through the edits, reload the written text, and walk again.
+    store.DeleteConfigNode("Towers");
+    EXPECT_EQ(store.AddTowersToConfig(walk.towers), kConfigOk);
+    CXMLReadWriteConfig again;
+    ASSERT_EQ(again.LoadFromString(Xml(store), true), kConfigOk);
+    Walk second;
+    ASSERT_EQ(again.EnumConfig(&second, Record, true), kConfigOk);
+    ASSERT_EQ(second.towers.size(), 10000u);
+    for (size_t i = 0; i < second.towers.size(); i += 997) {
+        EXPECT_EQ(second.towers[i].DisplayName, "T" + std::to_string(i));
+        EXPECT_EQ(second.towers[i].HostName, "h" + std::to_string(i));
+    }
+}
+
+TEST_F(XMLReadWriteTest, ConcurrentReadersWritersAndWalks) {
+    CXMLReadWriteConfig store;
+    ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            const std::string key = "Tideway/ConfigurationParameters/k" + std::to_string(t);
+            for (int i = 0; i < 300; ++i) {
+                std::string value;
+                store.PutValue(key, std::to_string(i));
+                if (store.GetValue(key, value) != kConfigOk || value != std::to_string(i))
+                    ++failures;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        for (int i = 0; i < 100; ++i) {
+            Walk walk;
+            std::string xml;
+            CXMLReadWrite copy;
+            if (store.EnumConfig(&walk, Record, false) != kConfigOk || walk.towers.size() != 3 ||
+                store.GetXML(xml) != kConfigOk || copy.LoadFromString(xml, false) != kConfigOk)
+                ++failures;
+        }
+    });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    std::string value;
+    store.GetValue("Tideway/ConfigurationParameters/k2", value);
+    EXPECT_EQ(value, "299");
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+// Loads arbitrary decoded text as a profile through the file chain, as the module does at
+// start-up: the text is written obfuscated as the current file (or as the update, loaded alone),
+// and a fresh configuration object initialises from it. Whatever loads is then read through
+// every getter, the start-up record, the dump and the log settings, with checks that hold for
+// any profile: each getter agrees with the map it trims, the dump has its fixed shape, the
+// clamps hold, and the tower list of the record matches the towers read.
+//
+// Input: [mode][text...]. Mode bit 0: the text goes to the update file, loaded with
+// InitializeConfig(true, true), instead of the current file with (false, false). Bit 1: the
+// marker "OBFUSCATED" is left out of the plaintext. Bit 2: the owner's role (three more dump
+// lines, and edits would be committed: none are made here).
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/OpenSSLCrypt.h"
+#include "common/Utils.h"
+#include "config/Config.h"
+#include "config/DnConfigFile.h"
+
+namespace {
+
+#define FUZZ_CHECK(condition)                                                      \
+    do {                                                                           \
+        if (!(condition)) {                                                        \
+            fprintf(stderr, "check failed: %s (line %d)\n", #condition, __LINE__); \
+            abort();                                                               \
+        }                                                                          \
+    } while (0)
+
+// A scratch app-data root for the whole run, in memory where the system offers it.
+struct Root {
+    std::string current;
+    std::string update;
+
+    Root() {
+        const char* base = std::filesystem::is_directory("/dev/shm")
+                               ? "/dev/shm/fuzz-profile-XXXXXX"
+                               : "/tmp/fuzz-profile-XXXXXX";
+        std::string pattern = base;
+        FUZZ_CHECK(mkdtemp(&pattern[0]) != nullptr);
+        m_Path = pattern;
+        std::filesystem::create_directories(m_Path + "/tarvex/brenlo/tideway/config");
+        SetAllUsersAppDataPathForTesting(m_Path);
+        current = m_Path + "/tarvex/brenlo/tideway/config/Tideway.config";
+        update = m_Path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
+    }
+    ~Root() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_Path, ignored);
+    }
+
+  private:
+    std::string m_Path;
+};
+
+Root& TheRoot() {
+    static Root root;
+    return root;
+}
+
+std::string Trimmed(std::string text) {
+    Trim(text, kWhitespace);
+    return text;
+}
+
+void ReadEverything(CDnConfigFile& config, bool owner) {
+    // Every key of the map through every getter.
+    const std::map<std::string, std::string> values = config.GetValues();
+    for (const auto& entry : values) {
+        const char* key = entry.first.c_str();
+        FUZZ_CHECK(config.GetString(key) == Trimmed(entry.second));
+        config.GetInteger(key);
+        config.GetHexInteger(key);
+        config.GetIpAddress(key);
+        config.GetPort(key);
+        config.KeyExists(entry.first);
+        config.GetXmlValue(entry.first);
+    }
+
+    ConfigParams params;
+    FUZZ_CHECK(config.GetConfigParams(params) == 0);
+    FUZZ_CHECK(params.ipcPort == config.GetPort("ipc_port"));
+    std::string hosts;
+    for (const auto& tower : config.GetTowers())
+        hosts += tower.second.HostName + ";";
+    FUZZ_CHECK(params.towerHosts == hosts);
+    FUZZ_CHECK(!params.address.empty() && params.address.back() == ';');
+    FUZZ_CHECK(params.towerUrlHost.empty() || params.towerUrlHost.back() == ';');
+
+    std::vector<std::string> lines;
+    std::vector<int> marks;
+    FUZZ_CHECK(config.GetConfigDump(lines, marks) == 0);
+    FUZZ_CHECK(lines.size() == (owner ? 23u : 19u) && marks.size() == lines.size());
+    FUZZ_CHECK(lines[0].compare(0, 22, "Logging/debug_level = ") == 0);
+    const unsigned long mask = strtoul(lines[0].c_str() + 22, nullptr, 16);
+    FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
+
+    uint32_t level = 0;
+    config.GetDebugLevel(level);
+    uint16_t port = 0;
+    config.GetKdfListenPort(port);
+    std::string a, b;
+    config.GetAuthenticatedIdentity(a, b);
+    config.GetGroupFilters(a, b);
+    FUZZ_CHECK(config.GetProfileLabel(a));
+    config.GetTunnelType();
+    config.GetTowerConnectTimeout();
+    FUZZ_CHECK(config.GetExceptionCount(1) >= 0 && config.GetExceptionCount(2) >= 0);
+    config.GetDctSettings();
+    boost::property_tree::ptree subtree;
+    config.GetXmlSubtree("Towers", subtree);
+}
+
+void CheckLoggingSettings(const std::string& text) {
+    CXMLReadWrite store;
+    store.LoadFromString(text, true);
+    LoggingSettings settings;
+    ReadLoggingSettings(store, settings);
+    FUZZ_CHECK(settings.logFileSize >= 100 && settings.logFileSize <= 10000);
+    FUZZ_CHECK(settings.numLogFiles >= 1);
+    FUZZ_CHECK(settings.errorInterval != 0);
+    FUZZ_CHECK(settings.flushInterval > 0);
+    FUZZ_CHECK(settings.maxFlushTime >= 0);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 1)
+        return 0;
+    Root& root = TheRoot();
+    const uint8_t mode = data[0];
+    const bool asUpdate = (mode & 1) != 0;
+    const bool marker = (mode & 2) == 0;
+    const bool owner = (mode & 4) != 0;
+    const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+
+    std::error_code ignored;
+    std::filesystem::remove(root.current, ignored);
+    std::filesystem::remove(root.update, ignored);
+    const std::string plain = (marker ? std::string(kObfuscatedMarker) : std::string()) + text;
+    const std::string& path = asUpdate ? root.update : root.current;
+    FUZZ_CHECK(COpenSSLCrypt::ObfuscateStringToFile(
+                   plain.data(), static_cast<uint32_t>(plain.size()), path.c_str(), nullptr) == 0);
+
+    CDnConfigFile::SetConfigRoleForTesting(owner ? kConfigRoleOwner : kConfigRolePlugin);
+    {
+        CDnConfigFile config;
+        const bool loaded =
+            asUpdate ? config.InitializeConfig(true, true) : config.InitializeConfig(false, false);
+        if (loaded) {
+            ReadEverything(config, owner);
+            // A reload runs the chain again on the same file and must land on the same map.
+            const auto before = config.GetValues();
+            if (!asUpdate) {
+                FUZZ_CHECK(config.Reload());
+                FUZZ_CHECK(config.GetValues() == before);
+            }
+        } else {
+            std::string label;
+            FUZZ_CHECK(!config.GetProfileLabel(label));  // a failed load leaves no store
+        }
+    }
+    CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
+    // The update file is only read, never changed or removed.
+    if (asUpdate)
+        FUZZ_CHECK(std::filesystem::exists(root.update));
+    CheckLoggingSettings(std::string(text.c_str()));
+    return 0;
+}

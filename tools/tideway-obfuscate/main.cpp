@@ -1,0 +1,129 @@
+// tideway-obfuscate: the maintenance tool over COpenSSLCrypt::ObfuscateFile. Encodes a plain
+// profile (or any text) into the obfuscated form the client and the service agent share, or
+// decodes one back to plain text.
+#include <errno.h>
+#include <libgen.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "common/OpenSSLCrypt.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: tideway-obfuscate [--phrase-file FILE] --encode PLAIN OBFUSCATED\n"
+    "       tideway-obfuscate [--phrase-file FILE] --decode OBFUSCATED PLAIN\n"
+    "       tideway-obfuscate --help\n"
+    "\n"
+    "Converts a profile between plain text and the obfuscated form that the client module\n"
+    "and the service agent read (for instance config/Tideway.config).\n"
+    "\n"
+    "  -e, --encode       read the plain file PLAIN and write OBFUSCATED: the marker\n"
+    "                     \"OBFUSCATED\" followed by the file, enciphered as a whole\n"
+    "  -d, --decode       read OBFUSCATED and write its text to PLAIN without the first\n"
+    "                     10 characters (the marker); the text ends at its first NUL byte\n"
+    "  -p, --phrase-file  take the pass phrase from FILE (one trailing line end is ignored)\n"
+    "                     instead of the one built into this program; both sides of a file\n"
+    "                     must use the same phrase\n"
+    "  -h, --help         show this text\n"
+    "\n"
+    "The output file is created or overwritten; it must not be the input file.\n"
+    "Nothing in an obfuscated file checks its integrity: a wrong pass phrase or a damaged\n"
+    "file is usually refused (\"bad de-obfuscate\"), but a file damaged in the middle\n"
+    "decodes to garbled text.\n"
+    "\n"
+    "Exit status: 0 on success, 1 on failure, 2 on a usage error.\n";
+
+int UsageError(const char* message) {
+    fprintf(stderr, "tideway-obfuscate: %s\n%s", message, kUsage);
+    return 2;
+}
+
+// The pass phrase from `path`: the file's bytes without one trailing LF or CR LF.
+bool ReadPassPhrase(const char* path, std::string& phrase) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        fprintf(stderr, "tideway-obfuscate: cannot read the pass phrase file %s\n", path);
+        return false;
+    }
+    phrase.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    if (!phrase.empty() && phrase.back() == '\n')
+        phrase.pop_back();
+    if (!phrase.empty() && phrase.back() == '\r')
+        phrase.pop_back();
+    if (phrase.empty() || phrase.find('\0') != std::string::npos) {
+        fprintf(stderr, "tideway-obfuscate: %s holds no usable pass phrase\n", path);
+        return false;
+    }
+    return true;
+}
+
+// Whether `path` can be written: an existing file writable, or a new one in a writable folder.
+bool CanWrite(const char* path) {
+    if (access(path, F_OK) == 0)
+        return access(path, W_OK) == 0;
+    std::vector<char> copy(path, path + strlen(path) + 1);
+    return access(dirname(copy.data()), W_OK | X_OK) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int mode = -1;  // 1 encode, 0 decode
+    const char* phraseFile = nullptr;
+    std::vector<const char*> paths;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            fputs(kUsage, stdout);
+            return 0;
+        } else if (arg == "-e" || arg == "--encode" || arg == "-d" || arg == "--decode") {
+            const int wanted = (arg == "-e" || arg == "--encode") ? 1 : 0;
+            if (mode != -1 && mode != wanted)
+                return UsageError("choose one of --encode and --decode");
+            mode = wanted;
+        } else if (arg == "-p" || arg == "--phrase-file") {
+            if (i + 1 >= argc)
+                return UsageError("--phrase-file needs a file name");
+            phraseFile = argv[++i];
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return UsageError(("unknown option " + arg).c_str());
+        } else {
+            paths.push_back(argv[i]);
+        }
+    }
+    if (mode == -1)
+        return UsageError("choose --encode or --decode");
+    if (paths.size() != 2)
+        return UsageError("give an input file and an output file");
+
+    std::string phrase;
+    if (phraseFile != nullptr && !ReadPassPhrase(phraseFile, phrase))
+        return 1;
+    const char* const passPhrase = phraseFile != nullptr ? phrase.c_str() : nullptr;
+
+    // The decoder reports an output it cannot open and still succeeds; ask first instead.
+    if (!CanWrite(paths[1])) {
+        fprintf(stderr, "tideway-obfuscate: cannot write %s: %s\n", paths[1], strerror(errno));
+        return 1;
+    }
+    const int status = COpenSSLCrypt::ObfuscateFile(paths[0], paths[1], passPhrase, mode);
+    if (status != 0) {
+        if (mode == 0) {
+            fprintf(stderr,
+                    "tideway-obfuscate: cannot decode %s: not an obfuscated file, a damaged one, "
+                    "or another pass phrase\n",
+                    paths[0]);
+        } else {
+            fprintf(stderr, "tideway-obfuscate: cannot encode %s into %s\n", paths[0], paths[1]);
+        }
+        return 1;
+    }
+    return 0;
+}
