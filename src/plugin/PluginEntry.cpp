@@ -2,9 +2,14 @@
 
 #include <string.h>
 
+#include <memory>
+#include <string>
+
 #include "api/VantoriaApi.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
+#include "config/DnConfigFile.h"
+#include "plugin/LoggingSettings.h"
 
 std::atomic<CVantoriaApi*> g_pVantoriaApi{nullptr};
 
@@ -84,7 +89,22 @@ Plugin* CreatePluginImpl(const char* interfaceName) {
         VNTRACE(TL_ERR, "CreatePlugin failed. Interface name null.");
         return nullptr;
     }
-    return CreateNamedPlugin(interfaceName, kDefaultIpcPort);
+    // The configuration is read once, for the port and the log settings, and is gone again
+    // when the creation returns, on every path.
+    std::unique_ptr<CDnConfigFile> config(new CDnConfigFile());
+    if (!config->InitializeConfig(false, false)) {
+        VNTRACE(TL_ERR, "CreatePlugin failed. InitializeConfig failed.");
+        return nullptr;
+    }
+    ConfigParams params;
+    config->GetConfigParams(params);
+    const std::string path = config->GetConfigFileName();
+    if (path.empty()) {
+        VNTRACE(TL_ERR, "CreatePlugin failed. Can't find Config File path.");
+        return nullptr;
+    }
+    ApplyLoggingSettings(*config, path, g_Trace);
+    return CreateNamedPlugin(interfaceName, params.ipcPort);
 }
 
 bool DisposePluginImpl(Plugin* plugin) {

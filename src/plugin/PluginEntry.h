@@ -21,9 +21,6 @@ class CVantoriaApi;
 // API held inside that plug-in, not to the object the host holds.
 extern std::atomic<CVantoriaApi*> g_pVantoriaApi;
 
-// The port the API connects on until the configuration supplies the profile's ipc_port.
-constexpr uint16_t kDefaultIpcPort = 5003;
-
 // Rows of the interface table, in order.
 constexpr const char* kVantoriaApiInterfaceName = "com.tarvex.brenlo.tideway.api";
 constexpr uint64_t kVantoriaApiInterfaceVersion = 3;

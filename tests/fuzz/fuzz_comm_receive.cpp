@@ -458,7 +458,7 @@ Harness& TheHarness() {
     h->fake = FakeIPCClient::Install();
     h->api = new CVantoriaApi;
     g_pVantoriaApi = h->api;
-    if (!h->api->Initialize(kDefaultIpcPort) || !h->api->StartCommunicator())
+    if (!h->api->Initialize(5003) || !h->api->StartCommunicator())
         Fail("the API did not start");
     if (!h->fake->WaitFor([&] { return h->fake->connects >= 1; }))
         Fail("the communicator never connected");

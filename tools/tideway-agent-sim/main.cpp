@@ -17,6 +17,8 @@
 #include <string>
 #include <thread>
 
+#include <boost/filesystem.hpp>
+
 #include "AgentSimulator.h"
 #include "ipc/IPCTesting.h"
 
@@ -175,6 +177,14 @@ int main(int argc, char** argv) {
     signal(SIGTERM, OnSignal);
     if (!root.empty())
         ipc::SetSocketRootForTesting(root);
+    // The agent's installation owns the profile directory; the client writes its default
+    // profile there when none exists.
+    {
+        const std::string config =
+            (root.empty() ? std::string("/opt") : root) + "/tarvex/brenlo/tideway/config";
+        boost::system::error_code ignored;
+        boost::filesystem::create_directories(config, ignored);
+    }
 
     std::ofstream logFile;
     if (!logPath.empty()) {

@@ -1,0 +1,121 @@
+// The creation sequence on the module's code in this process, in a temporary app-data root:
+// the profile is read first, its ipc_port and debug_level take effect, the default profile is
+// written when none exists, and each failure gives its line and a null result.
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <boost/filesystem.hpp>
+
+#include "AgentSimulator.h"
+#include "IVantoriaApi.h"
+#include "RecordingCallback.h"
+#include "SyslogCapture.h"
+#include "TestEnv.h"
+#include "common/OpenSSLCrypt.h"
+#include "common/VNTrace.h"
+#include "plugin/PluginEntry.h"
+
+namespace {
+
+std::string ConfigDir(const TempRoot& root) {
+    return root.path() + "/tarvex/brenlo/tideway/config";
+}
+
+// Writes a profile as the agent does: "OBFUSCATED" and the XML, enciphered.
+void WriteProfile(const std::string& path, const std::string& xml) {
+    const std::string text = "OBFUSCATED" + xml;
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(text.data(), uint32_t(text.size()), path.c_str(),
+                                                   nullptr),
+              0);
+}
+
+std::string ReadProfile(const std::string& path) {
+    std::string text;
+    EXPECT_EQ(COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), text, EVP_aes_128_cbc(), nullptr),
+              0);
+    return text;
+}
+
+class Creation : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        savedMask_ = g_Trace.GetLevelMask();
+        syslog_capture::Clear();
+    }
+    void TearDown() override {
+        DisposePluginImpl(nullptr);  // clears the global in case a test left a plug-in
+        g_Trace.SetLevelMask(savedMask_);
+    }
+    TempRoot root_;
+    uint32_t savedMask_ = 0;
+};
+
+TEST_F(Creation, WithoutAnyProfileTheDefaultIsWrittenAndApplied) {
+    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
+    Plugin* plugin = CreatePluginImpl("com.tarvex.brenlo.tideway.api");
+    ASSERT_NE(plugin, nullptr);
+    // The default profile now stands as the current file, obfuscated, and its debug_level of
+    // FFFFFFFF is installed as it stands (the trace is initialised by then).
+    const std::string text = ReadProfile(ConfigDir(root_) + "/Tideway.config");
+    EXPECT_EQ(text.rfind("OBFUSCATED", 0), 0u);
+    EXPECT_NE(text.find("<ipc_port>5003</ipc_port>"), std::string::npos);
+    EXPECT_EQ(g_Trace.GetLevelMask(), 0xFFFFFFFFu);
+    EXPECT_NE(g_pVantoriaApi.load(), nullptr);
+    EXPECT_TRUE(DisposePluginImpl(plugin));
+    EXPECT_EQ(g_pVantoriaApi.load(), nullptr);
+}
+
+TEST_F(Creation, ConnectsOnTheProfilesPortWithItsMask) {
+    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
+    WriteProfile(ConfigDir(root_) + "/Tideway.config",
+                 "<?xml version=\"1.0\"?><Tideway><ConfigurationParameters>"
+                 "<ipc_port>6123</ipc_port><Logging><debug_level>1007</debug_level></Logging>"
+                 "</ConfigurationParameters></Tideway>");
+    AgentSimOptions options;
+    options.port = 6123;
+    SimLog log;
+    CAgentSimulator sim(options, log.Sink());
+    ASSERT_EQ(sim.Start(), 0);
+
+    Plugin* plugin = CreatePluginImpl("com.tarvex.brenlo.tideway.api");
+    ASSERT_NE(plugin, nullptr);
+    EXPECT_EQ(g_Trace.GetLevelMask(), 0x1007u);
+    IVantoriaApi* api = static_cast<IVantoriaApi*>(plugin);
+    RecordingCallback cb;
+    ASSERT_EQ(api->Register(&cb), 0);
+    ASSERT_TRUE(log.WaitFor("CONNECT session=1 identity=6"));
+    api->Start();  // replays status 9 if it came before the registration
+    ASSERT_TRUE(cb.WaitForStatus(9));
+    EXPECT_EQ(api->GetTowerList(), 0);
+    ASSERT_TRUE(log.WaitFor("RECV session=1 COMM_MSG_TOWERS_REQUEST_INFO len=0"));
+    EXPECT_TRUE(DisposePluginImpl(plugin));
+    sim.Stop();
+}
+
+TEST_F(Creation, FailuresEndWithTheirLineAndNoPlugin) {
+    // No place for the profile: the configuration cannot even write its default.
+    EXPECT_EQ(CreatePluginImpl("com.tarvex.brenlo.tideway.api"), nullptr);
+    EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. InitializeConfig failed.\n"), 1u);
+    EXPECT_EQ(g_pVantoriaApi.load(), nullptr);
+
+    // A plain XML profile in the current place is refused, and not rewritten.
+    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
+    const std::string plain = "<Tideway><ConfigurationParameters/></Tideway>";
+    {
+        std::ofstream out(ConfigDir(root_) + "/Tideway.config");
+        out << plain;
+    }
+    syslog_capture::Clear();
+    EXPECT_EQ(CreatePluginImpl("com.tarvex.brenlo.tideway.api"), nullptr);
+    EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. InitializeConfig failed.\n"), 1u);
+    std::ifstream in(ConfigDir(root_) + "/Tideway.config");
+    std::stringstream kept;
+    kept << in.rdbuf();
+    EXPECT_EQ(kept.str(), plain);
+}
+
+}  // namespace
