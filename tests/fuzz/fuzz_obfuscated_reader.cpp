@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/OpenSSLCrypt.h"
+#include "common/Utils.h"
 #include "common/VNTrace.h"
 #include "config/XMLReadWrite.h"
 
@@ -57,10 +58,11 @@ void OnValue(void* context, const char* key, const void* value) {
     Seen& seen = *static_cast<Seen*>(context);
     if (key == nullptr || value == nullptr)
         abort();
-    if (strcmp(key, "Tower") == 0) {
+    // Keys are told apart ignoring case, as the configuration's own callback does.
+    if (CompareNoCase(key, "Tower") == 0) {
         const TowerInfo& tower = *static_cast<const TowerInfo*>(value);
         seen.towers.push_back(tower);
-    } else if (strcmp(key, "DetectClosestTower") == 0) {
+    } else if (CompareNoCase(key, "DetectClosestTower") == 0) {
         const DctSetting& setting = *static_cast<const DctSetting*>(value);
         seen.values += setting.first.size() + setting.second.size();
     } else {
