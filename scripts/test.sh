@@ -31,7 +31,7 @@ step "ThreadSanitizer (threaded suites)"
 cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Debug \
       -DTIDEWAY_SANITIZE=thread -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-tsan" -j"$jobs"
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/tsan.supp" \
   ctest --test-dir "$root/build-tsan" --output-on-failure -j"$jobs" -L threads
 
 if [ -x "$root/scripts/fuzz-smoke.sh" ]; then

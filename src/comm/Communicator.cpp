@@ -32,7 +32,7 @@ void Assign(boost::thread& field, boost::thread&& thread) {
     field = std::move(thread);
 }
 
-constexpr int kThreadRunning = 0;
+// m_Fate of a record: 0 while its thread runs, then one of these.
 constexpr int kThreadEnded = 1;
 constexpr int kThreadAbandoned = 2;
 

@@ -233,7 +233,7 @@ TEST_F(ApiAgainstAgent, StoppedServiceDropsTowerChangesUntilTheAgentStartsAgain)
 }
 
 TEST_F(ApiAgainstAgent, LostAgentGivesStatus8AfterThePauseAndReconnectsWhenItReturns) {
-    const int baseline = ThreadCount();
+    const int baseline = ThreadBaseline();
     StartAgent();
     StartApi();
     Listen();
@@ -313,7 +313,7 @@ TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
 }
 
 TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) {
-    const int baseline = ThreadCount();
+    const int baseline = ThreadBaseline();
     StartAgent();
     StartApi();
     std::promise<void> release;

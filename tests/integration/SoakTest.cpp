@@ -21,7 +21,7 @@ TEST(Soak, AgentRestartedFiftyTimesUnderTraffic) {
     g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
                       10000, 100, 1, 0, 60);
     TempRoot root;
-    const int baseline = ThreadCount();
+    const int baseline = ThreadBaseline();
     SimLog log;
     std::unique_ptr<RecordingCallback> cb;
     std::unique_ptr<CVantoriaApi> api;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,6 +27,13 @@ inline int ThreadCount() {
         closedir(dir);
     }
     return n;
+}
+
+// The thread count to come back to: a first thread is started and joined before counting, so
+// that a sanitizer's background thread, which appears with the first thread, is counted too.
+inline int ThreadBaseline() {
+    std::thread([] {}).join();
+    return ThreadCount();
 }
 
 // A fresh directory as the app-data root for the life of the object; removed afterwards.
