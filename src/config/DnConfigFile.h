@@ -140,8 +140,6 @@ class CDnConfigFile final : public CConfig {
     // While LoadConfigKeys walks a profile that holds an element named "Tower" directly under
     // ConfigurationParameters, one entry per "Tower" report in document order: true for a
     // member of Towers, false for the stray element, whose report carries text, not a tower.
-    std::deque<bool> m_TowerReportKinds;
-    bool m_bTowerReportKindsValid;
 };
 
 #endif  // TIDEWAY_CONFIG_DNCONFIGFILE_H_

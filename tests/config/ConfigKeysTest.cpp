@@ -202,14 +202,13 @@ TEST(ConfigKeysTest, StrayTowerElementsAreNeverReadAsTowerRecords) {
     EXPECT_EQ(towers.back().second.HostName, "b.example");
     EXPECT_EQ(config->GetDctSettings().size(), 1u);
     EXPECT_EQ(config->GetPort("ipc_port"), 5003);
-    EXPECT_EQ(config_test::Logged("Config : Element 'Tower' is not a member of Towers; ignored"),
-              2u);
-    EXPECT_EQ(config_test::Logged("Config : Element 'tower' is not a member of Towers; ignored"),
+    // The walk itself skips them, one warning each.
+    EXPECT_EQ(config_test::Logged("XMLParser : Element 'Tower' ignored: its name is reserved"), 2u);
+    EXPECT_EQ(config_test::Logged("XMLParser : Element 'tower' ignored: its name is reserved"), 1u);
+    EXPECT_EQ(config_test::Logged("XMLParser : Element 'TOWER' ignored: its name is reserved"), 1u);
+    EXPECT_EQ(config_test::Logged(
+                  "XMLParser : Element 'detectclosesttower' ignored: its name is reserved"),
               1u);
-    EXPECT_EQ(
-        config_test::Logged("Config : Element 'detectclosesttower' is not DetectClosestTower; "
-                            "ignored"),
-        1u);
 }
 
 TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
