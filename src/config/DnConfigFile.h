@@ -14,7 +14,6 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <deque>
 #include <list>
 #include <map>
 #include <string>
