@@ -21,6 +21,7 @@
 
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
+#include "common/VNTrace.h"
 #include "config/Config.h"
 #include "config/DnConfigFile.h"
 
@@ -40,6 +41,8 @@ struct Root {
     std::string update;
 
     Root() {
+        // Nothing is written before the trace is set up; spare every statement its prefix.
+        g_Trace.SetLevelMask(0);
         const char* base = std::filesystem::is_directory("/dev/shm")
                                ? "/dev/shm/fuzz-profile-XXXXXX"
                                : "/tmp/fuzz-profile-XXXXXX";
