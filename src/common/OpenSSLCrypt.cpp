@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <mutex>
 #include <new>
 
 #include <openssl/bio.h>
@@ -53,26 +52,41 @@ struct DerivedKey {
     }
 };
 
-// RC4 lives in OpenSSL 3's legacy provider, which is not loaded by default. It is loaded, once
-// and for the life of the process, the first time RC4 is asked for and the default set cannot
-// supply it; the default provider stays available beside it. If the legacy provider cannot be
-// loaded, RC4 stays unavailable and the cipher set-up fails with its usual message.
-void MakeCipherAvailable(const EVP_CIPHER* cipher) {
-    if (cipher != EVP_rc4())
-        return;
-    static std::once_flag once;
-    std::call_once(once, [] {
+// RC4 lives in OpenSSL 3's legacy provider, which is not loaded by default. It is loaded the
+// first time RC4 is asked for and the default set cannot supply it; the default provider stays
+// available beside it. If the legacy provider cannot be loaded, RC4 stays unavailable and the
+// cipher set-up fails with its usual message.
+struct LegacyProvider {
+    OSSL_PROVIDER* provider = nullptr;
+
+    LegacyProvider() {
         EVP_CIPHER* fetched = EVP_CIPHER_fetch(nullptr, "RC4", nullptr);
         if (fetched != nullptr) {
             EVP_CIPHER_free(fetched);
             return;
         }
         ERR_clear_error();
-        if (OSSL_PROVIDER_try_load(nullptr, "legacy", 1) == nullptr) {
+        provider = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+        if (provider == nullptr) {
             ERR_clear_error();
             VNTRACE(TL_WARN, "OpenSSLCrypt: legacy provider not available, RC4 cannot be used");
         }
-    });
+    }
+    // Gives our reference back at exit. This object is built after OpenSSL has registered its
+    // own clean-up, so it is destroyed before it, while the library is still whole.
+    ~LegacyProvider() {
+        if (provider != nullptr)
+            OSSL_PROVIDER_unload(provider);
+    }
+    LegacyProvider(const LegacyProvider&) = delete;
+    LegacyProvider& operator=(const LegacyProvider&) = delete;
+};
+
+void MakeCipherAvailable(const EVP_CIPHER* cipher) {
+    if (cipher != EVP_rc4())
+        return;
+    static LegacyProvider legacy;  // thread-safe initialisation, once per process
+    (void)legacy;
 }
 
 const char* CipherShortName(const EVP_CIPHER* cipher) {

@@ -365,6 +365,15 @@ ConfigStatus CXMLReadWriteConfig::EnumConfig(void* context, EnumConfigCallback c
                         "The Detect on LAN feature is no longer supported. Use the Trusted "
                         "Network Detection feature instead.");
             } else if (reportAll && callback != nullptr) {
+                // A stray element spelled like a typed key (a Tower outside Towers, or
+                // "detectclosesttower") would reach callbacks that match keys ignoring case with a
+                // text where they expect a record. It is left out.
+                if (CompareNoCase(child.first, "Tower") == 0 ||
+                    CompareNoCase(child.first, "DetectClosestTower") == 0) {
+                    VNTRACE(TL_WARN, "XMLParser : Element '%s' ignored: its name is reserved",
+                            name);
+                    continue;
+                }
                 callback(context, name, child.second.data().c_str());
             }
         }

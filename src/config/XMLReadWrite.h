@@ -29,7 +29,9 @@ using DctSetting = std::pair<std::string, std::string>;
 //   "Tower"              const TowerInfo*
 //   "DetectClosestTower" const DctSetting*
 //   anything else        const char*, the element's text, NUL-terminated
-// The value lives only for the length of the call.
+// No text is ever reported under a name equal, ignoring ASCII case, to "Tower" or
+// "DetectClosestTower": such stray elements are skipped with a warning. The value lives only for
+// the length of the call.
 typedef void (*EnumConfigCallback)(void* context, const char* key, const void* value);
 
 class CXMLReadWrite {
