@@ -144,10 +144,7 @@ std::string Hex(uint32_t value) {
 }  // namespace
 
 CDnConfigFile::CDnConfigFile()
-    : m_TunnelType(0),
-      m_TowerConnectTimeout(0),
-      m_HasHostInclusions(false),
-      m_bTowerReportKindsValid(false) {
+    : m_TunnelType(0), m_TowerConnectTimeout(0), m_HasHostInclusions(false) {
     g_bInstanceInitialized = false;
 }
 
@@ -424,30 +421,7 @@ long CDnConfigFile::LoadConfigKeys() {
     m_Address.clear();
     m_DctSettings.clear();
 
-    // The walk reports members of Towers under the name "Tower" with a tower record, and any
-    // other element with its own name and its text, so an element named "Tower" standing
-    // directly under ConfigurationParameters is reported under the same name with text. When
-    // the profile has one, the kinds of the "Tower" reports are worked out beforehand, in the
-    // walk's order, so that text is never read as a tower record.
-    m_TowerReportKinds.clear();
-    m_bTowerReportKindsValid = false;
-    const std::string strayTower = std::string(kConfigBasePathSlash) + cfgkey::kTower;
-    if (m_pXml->NodeExists(strayTower)) {
-        boost::property_tree::ptree parameters;
-        if (m_pXml->GetChild(kConfigBasePath, parameters)) {
-            for (const auto& child : parameters) {
-                if (child.first == cfgkey::kTowers)
-                    m_TowerReportKinds.insert(m_TowerReportKinds.end(), child.second.size(), true);
-                else if (child.first == cfgkey::kTower)
-                    m_TowerReportKinds.push_back(false);
-            }
-            m_bTowerReportKindsValid = true;
-        }
-    }
-
     const ConfigStatus status = m_pXml->EnumConfig(this, &CDnConfigFile::OnConfigKey, true);
-    m_TowerReportKinds.clear();
-    m_bTowerReportKindsValid = false;
     return static_cast<long>(status);
 }
 
@@ -458,15 +432,9 @@ void CDnConfigFile::OnConfigKey(void* config, const char* name, const void* valu
     Guard lock(self->m_Lock);
     const std::string key(name);
     if (CompareNoCase(key, cfgkey::kTower) == 0) {
-        // Only the walk's own "Tower" reports carry a record; another spelling, or a stray
-        // element of that name, carries its text.
-        bool isTower = strcmp(name, cfgkey::kTower) == 0 && value != nullptr;
-        if (isTower && self->m_bTowerReportKindsValid) {
-            isTower = !self->m_TowerReportKinds.empty() && self->m_TowerReportKinds.front();
-            if (!self->m_TowerReportKinds.empty())
-                self->m_TowerReportKinds.pop_front();
-        }
-        if (!isTower) {
+        // The walk reports towers under this exact name with a record; it leaves out stray
+        // elements of that name. Anything else is never read as a record.
+        if (strcmp(name, cfgkey::kTower) != 0 || value == nullptr) {
             VNTRACE(TL_WARN, "Config : Element '%s' is not a member of Towers; ignored", name);
             return;
         }

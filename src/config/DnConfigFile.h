@@ -14,7 +14,6 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <deque>
 #include <list>
 #include <map>
 #include <string>
@@ -136,12 +135,6 @@ class CDnConfigFile final : public CConfig {
     std::list<std::string> m_HostInclusionNames;
     std::vector<ExceptionAddress> m_HostInclusionAddrs;
     bool m_HasHostInclusions;
-
-    // While LoadConfigKeys walks a profile that holds an element named "Tower" directly under
-    // ConfigurationParameters, one entry per "Tower" report in document order: true for a
-    // member of Towers, false for the stray element, whose report carries text, not a tower.
-    std::deque<bool> m_TowerReportKinds;
-    bool m_bTowerReportKindsValid;
 };
 
 #endif  // TIDEWAY_CONFIG_DNCONFIGFILE_H_
