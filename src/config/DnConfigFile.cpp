@@ -421,9 +421,6 @@ long CDnConfigFile::LoadConfigKeys() {
     m_Address.clear();
     m_DctSettings.clear();
 
-    // The store reports only members of Towers under the name "Tower" (with a tower record) and
-    // only children of DetectClosestTower under that name (with a pair); an element standing
-    // elsewhere under one of those names is skipped by the walk with its own warning.
     const ConfigStatus status = m_pXml->EnumConfig(this, &CDnConfigFile::OnConfigKey, true);
     return static_cast<long>(status);
 }
@@ -435,7 +432,8 @@ void CDnConfigFile::OnConfigKey(void* config, const char* name, const void* valu
     Guard lock(self->m_Lock);
     const std::string key(name);
     if (CompareNoCase(key, cfgkey::kTower) == 0) {
-        // Only the walk's own "Tower" reports carry a record; any other spelling is text.
+        // The walk reports towers under this exact name with a record; it leaves out stray
+        // elements of that name. Anything else is never read as a record.
         if (strcmp(name, cfgkey::kTower) != 0 || value == nullptr) {
             VNTRACE(TL_WARN, "Config : Element '%s' is not a member of Towers; ignored", name);
             return;

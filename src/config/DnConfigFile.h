@@ -135,10 +135,6 @@ class CDnConfigFile final : public CConfig {
     std::list<std::string> m_HostInclusionNames;
     std::vector<ExceptionAddress> m_HostInclusionAddrs;
     bool m_HasHostInclusions;
-
-    // While LoadConfigKeys walks a profile that holds an element named "Tower" directly under
-    // ConfigurationParameters, one entry per "Tower" report in document order: true for a
-    // member of Towers, false for the stray element, whose report carries text, not a tower.
 };
 
 #endif  // TIDEWAY_CONFIG_DNCONFIGFILE_H_

