@@ -42,6 +42,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.h"
+
 #include "AgentSimulator.h"
 #include "IVantoriaApiCB.h"
 #include "api/VantoriaApi.h"
@@ -101,37 +103,8 @@ double Seconds(Clock::duration d) {
 // ---------------------------------------------------------------------------------------------
 // Raw socket round trip, the yardstick
 
-bool WriteAllRaw(int fd, const char* data, size_t n) {
-    while (n > 0) {
-        const ssize_t sent = write(fd, data, n);
-        if (sent <= 0)
-            return false;
-        data += sent;
-        n -= static_cast<size_t>(sent);
-    }
-    return true;
-}
-
-// Reads one whole frame (4-byte length + payload) into `buffer`; false at end of stream.
-bool ReadFrameRaw(int fd, std::vector<char>& buffer) {
-    size_t have = 0;
-    size_t want = 4;
-    for (;;) {
-        if (buffer.size() < want)
-            buffer.resize(want);
-        const ssize_t got = read(fd, buffer.data() + have, buffer.size() - have);
-        if (got <= 0)
-            return false;
-        have += static_cast<size_t>(got);
-        if (have >= 4) {
-            uint32_t length = 0;
-            memcpy(&length, buffer.data(), 4);
-            want = 4 + size_t{length};
-            if (have >= want)
-                return true;
-        }
-    }
-}
+using bench_support::ReadFrameRaw;
+using bench_support::WriteAllRaw;
 
 // Frames of a state-byte packet's size: 24 bytes of header and one of data.
 void BM_RawRoundTrip(benchmark::State& state) {

@@ -14,8 +14,10 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
+#include "BenchSupport.h"
 
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
@@ -144,20 +146,8 @@ BENCHMARK(BM_ReadXml)->Arg(0)->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_DecodeFile)->Arg(0)->Arg(1000)->Unit(benchmark::kMicrosecond);
 
 // Keeps the time per iteration of every run, to print the ratios at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public bench_support::TimeKeepingReporter {
   public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if ((run.run_type == Run::RT_Iteration || median) && !run.error_occurred) {
-                m_Nanos[run.run_name.str()] =
-                    run.GetAdjustedRealTime() *
-                    benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-                    benchmark::GetTimeUnitMultiplier(run.time_unit);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
     void PrintRatios() const {
         for (const char* towers : {"0", "1000"}) {
             const std::string load = std::string("BM_InitializeConfig/") + towers;
@@ -170,9 +160,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
                    m_Nanos.at(load) <= 2 * m_Nanos.at(parse) ? "within" : "above");
         }
     }
-
-  private:
-    std::map<std::string, double> m_Nanos;
 };
 
 }  // namespace

@@ -27,6 +27,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.h"
+
 #include "ipc/IPCServer.h"
 #include "ipc/IPCTesting.h"
 
@@ -34,37 +36,8 @@ namespace {
 
 constexpr uint16_t kPort = 4712;
 
-bool WriteAllRaw(int fd, const char* data, size_t n) {
-    while (n > 0) {
-        const ssize_t sent = write(fd, data, n);
-        if (sent <= 0)
-            return false;
-        data += sent;
-        n -= static_cast<size_t>(sent);
-    }
-    return true;
-}
-
-// Reads one whole frame into `buffer` (resized as needed); false at end of stream.
-bool ReadFrameRaw(int fd, std::vector<char>& buffer) {
-    size_t have = 0;
-    size_t want = 4;
-    for (;;) {
-        if (buffer.size() < want)
-            buffer.resize(want);
-        const ssize_t got = read(fd, buffer.data() + have, buffer.size() - have);
-        if (got <= 0)
-            return false;
-        have += static_cast<size_t>(got);
-        if (have >= 4) {
-            uint32_t length = 0;
-            memcpy(&length, buffer.data(), 4);
-            want = 4 + size_t{length};
-            if (have >= want)
-                return true;
-        }
-    }
-}
+using bench_support::ReadFrameRaw;
+using bench_support::WriteAllRaw;
 
 std::string FrameOf(size_t size) {
     std::string frame(4 + size, 'p');
@@ -288,21 +261,8 @@ BENCHMARK(BM_RawOneWay)->Arg(600)->UseRealTime();
 BENCHMARK(BM_LibraryOneWay)->Arg(600)->UseRealTime();
 
 // Keeps the real time per iteration of every run, to print the ratios at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public bench_support::TimeKeepingReporter {
   public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        // With --benchmark_repetitions the median stands for the benchmark (it comes last).
-        for (const Run& run : runs) {
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if ((run.run_type == Run::RT_Iteration || median) && !run.error_occurred) {
-                m_Nanos[run.run_name.str()] =
-                    run.GetAdjustedRealTime() *
-                    benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-                    benchmark::GetTimeUnitMultiplier(run.time_unit);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
     void PrintRatios() const {
         for (const char* size : {"64", "600"}) {
             const std::string raw = std::string("BM_RawRoundTrip/") + size + "/real_time";
@@ -325,9 +285,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
             std::printf("\n");
         }
     }
-
-  private:
-    std::map<std::string, double> m_Nanos;
 };
 
 }  // namespace
