@@ -14,6 +14,7 @@
 #include <openssl/provider.h>
 
 #include "TidewayPassPhrase.h"
+#include "common/FileReplacement.h"
 #include "common/VNTrace.h"
 
 namespace {
@@ -210,6 +211,9 @@ int Obfuscate(const char* data, uint32_t length, const char* path, const char* p
         return -1;
     }
     const EVP_CIPHER* const cipher = EVP_aes_128_cbc();
+    // The new text goes to a file beside the old one and replaces it only once all of it is
+    // written, so a failure (a full disk, say) leaves the old file whole.
+    CFileReplacement replacement(path);
     BioSet bios;
     bios.sink = BIO_new(BIO_s_file());
     if (bios.sink == nullptr) {
@@ -231,10 +235,12 @@ int Obfuscate(const char* data, uint32_t length, const char* path, const char* p
         VNTRACE(TL_ERR, "ObfuscateStringToFile: Error setting cipher %s", CipherShortName(cipher));
         return -1;
     }
-    if (BIO_write_filename(bios.sink, const_cast<char*>(path)) <= 0) {
+    FILE* const stream = replacement.Open();
+    if (stream == nullptr) {
         VNTRACE(TL_ERR, "ObfuscateStringToFile Failed to write file: %s", path);
         return -1;
     }
+    BIO_set_fp(bios.sink, stream, BIO_NOCLOSE);
     bios.Chain();
     if (length > 0 &&
         BIO_write(bios.cipher, data, static_cast<int>(length)) != static_cast<int>(length)) {
@@ -244,6 +250,10 @@ int Obfuscate(const char* data, uint32_t length, const char* path, const char* p
     // Emits the final padded block and flushes the file.
     if (BIO_flush(bios.cipher) <= 0) {
         VNTRACE(TL_ERR, "ObfuscateStringToFile: bad de-obfuscate");
+        return -1;
+    }
+    if (!replacement.Commit()) {
+        VNTRACE(TL_ERR, "ObfuscateStringToFile: error writing output file");
         return -1;
     }
     return 0;

@@ -32,8 +32,9 @@ class COpenSSLCrypt {
     // null means the built-in one. `output` is touched only on success. 0 or -1.
     static int DeObfuscateFiletoStr(const char* path, std::string& output, const EVP_CIPHER* cipher,
                                     const char* passPhrase);
-    // Writes `length` bytes of `data` enciphered to the file `path`, creating or truncating it.
-    // The caller puts the marker at the head of `data`. 0 or -1.
+    // Writes `length` bytes of `data` enciphered to the file `path`, creating or replacing it.
+    // The old file is replaced only once the new one is wholly written, so on -1 it is as it
+    // was. The caller puts the marker at the head of `data`. 0 or -1.
     static int ObfuscateStringToFile(const char* data, uint32_t length, const char* path,
                                      const char* passPhrase);
     // File to file, for maintenance tools. `encrypt` non-zero: the plain file `inputPath`

@@ -20,6 +20,7 @@
 #include "comm/Token.h"
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
+#include "common/FileReplacement.h"
 #include "common/VNTrace.h"
 
 std::atomic<uint32_t> CDnConfigFile::m_ConfigFileType{kConfigFileUnknown};
@@ -482,17 +483,17 @@ bool CDnConfigFile::CommitConfig() {
     }
     // A profile that was loaded plain is written back plain. Failures here are logged but count
     // as done to the caller.
-    FILE* file = fopen(path.c_str(), "wb");
+    // The old file is replaced only once the new text is wholly on disk.
+    CFileReplacement replacement(path);
+    FILE* file = replacement.Open();
     if (file == nullptr) {
         VNTRACE(TL_ERR, "Config : Failed to open config file.");
         return true;
     }
     fwrite(text.data(), 1, text.size(), file);
-    fflush(file);
-    if (ferror(file))
+    if (!replacement.Commit())
         VNTRACE(TL_ERR, "Config : Failed to write to config file. Code : 0x%x",
                 static_cast<unsigned>(status));
-    fclose(file);
     return true;
 }
 
