@@ -73,10 +73,6 @@ class ScriptedClient : private IIPCCallback {
         }
         return m;
     }
-    size_t Pending() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Messages.size();
-    }
 
   private:
     template <class Ready>
