@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -406,6 +407,35 @@ TEST(IPCChannel, NoCallbackRunsAfterTearDownReturnsUnderAStreamOfPackets) {
         pump.join();
         EXPECT_EQ(receiver.callsAfterClose, 0);
     }
+
+    // A callback still running when TearDown is called holds TearDown until it returns.
+    Recorder serverEvents, clientEvents;
+    auto server = MakeServer(serverEvents);
+    auto client = MakeClient(clientEvents);
+    ASSERT_EQ(server->Listen(), IPC_STATUS_OK);
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> callbackDone{false};
+    clientEvents.onPacket = [&](uint16_t, const std::string&) {
+        entered.set_value();
+        released.wait();
+        callbackDone = true;
+    };
+    ASSERT_EQ(client->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
+    ASSERT_TRUE(clientEvents.WaitEvents(1));
+    const std::string bytes = Payload(100, 1);
+    IPCBuffer buffer = BufferOf(bytes);
+    ASSERT_EQ(server->SendData(&buffer, static_cast<uint16_t>(clientEvents.Events()[0][1])),
+              IPC_STATUS_OK);
+    ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    auto tearDown = std::async(std::launch::async, [&] {
+        client->TearDown();
+        return callbackDone.load();
+    });
+    EXPECT_EQ(tearDown.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout)
+        << "TearDown returned while a callback was still running";
+    release.set_value();
+    EXPECT_TRUE(tearDown.get());
 }
 
 TEST(IPCChannel, TrickledFramesAreReassembledAndBadStreamsCloseWithoutPartialDelivery) {
