@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ConfigChainSupport.h"
+#include "ConfigTestSupport.h"
 #include "config/DnConfigFile.h"
 
 namespace {

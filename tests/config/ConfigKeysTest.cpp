@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <boost/property_tree/xml_parser.hpp>
 
-#include "ConfigChainSupport.h"
+#include "ConfigTestSupport.h"
 #include "SyslogCapture.h"
 #include "config/Config.h"
 #include "config/ConfigKeys.h"

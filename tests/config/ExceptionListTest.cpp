@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ConfigChainSupport.h"
+#include "ConfigTestSupport.h"
 #include "SyslogCapture.h"
 #include "config/DnConfigFile.h"
 
