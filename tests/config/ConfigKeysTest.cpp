@@ -149,31 +149,6 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     }
 }
 
-TEST(ConfigKeysTest, StrayTowerElementsAreNeverReadAsTowerRecords) {
-    // Such elements carry text; reading them as records would read a string as a structure.
-    ChainRoot root;
-    auto config = LoadParameters(
-        root,
-        "<Tower>stray text</Tower>"
-        "<Towers><Tower><DisplayName>A</DisplayName><HostName>a.example</HostName></Tower>"
-        "</Towers><tower>lower</tower><TOWER>upper</TOWER>"
-        "<Tower><HostName>nested is text too</HostName></Tower>"
-        "<Towers><Tower><DisplayName>B</DisplayName><HostName>b.example</HostName></Tower>"
-        "</Towers><detectclosesttower>text</detectclosesttower>"
-        "<DetectClosestTower><Mode>auto</Mode></DetectClosestTower><ipc_port>5003</ipc_port>");
-    const auto towers = config->GetTowers();
-    ASSERT_EQ(towers.size(), 2u);
-    EXPECT_EQ(towers.front().second.HostName, "a.example");
-    EXPECT_EQ(towers.back().second.HostName, "b.example");
-    EXPECT_EQ(config->GetDctSettings().size(), 1u);
-    EXPECT_EQ(config->GetPort("ipc_port"), 5003);
-    EXPECT_EQ(config_test::Logged("XMLParser : Element 'Tower' ignored: its name is reserved"), 2u);
-    EXPECT_EQ(syslog_capture::CountContaining("ignored: its name is reserved"), 5u);
-    const auto values = config->GetValues();
-    EXPECT_EQ(values.count("tower") + values.count("TOWER") + values.count("detectclosesttower"),
-              0u);
-}
-
 TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     ChainRoot root;
     auto config = LoadParameters(
