@@ -10,35 +10,18 @@
 
 #include <gtest/gtest.h>
 
-#include "ConfigChainSupport.h"
-#include "config/DnConfigFile.h"
+#include "ConfigTestSupport.h"
 
 namespace {
 
 using config_test::ChainRoot;
 using config_test::LoadParameters;
 
-// Counts reads and lets the writer wait until the readers have moved on.
-class Progress {
-  public:
-    void Add() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        ++m_Reads;
-        m_Cond.notify_all();
-    }
-    long Get() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Reads;
-    }
-    bool WaitAtLeast(long reads, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Cond.wait_for(lock, timeout, [&] { return m_Reads >= reads; });
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Cond;
-    long m_Reads = 0;
+// Counts reads, so that the writer can wait until every reader has moved on.
+struct Progress {
+    std::mutex mutex;
+    std::condition_variable cond;
+    long reads = 0;
 };
 
 TEST(ConfigConcurrencyTest, ReadersNeverSeeAReloadHalfDone) {
@@ -68,13 +51,19 @@ TEST(ConfigConcurrencyTest, ReadersNeverSeeAReloadHalfDone) {
                 const bool dumpOk = config->GetConfigDump(lines, marks) == 0 && lines.size() == 19;
                 if (!(portOk && towersOk && listsOk && dumpOk))
                     ++badReads;
-                progress.Add();
+                std::lock_guard<std::mutex> lock(progress.mutex);
+                ++progress.reads;
+                progress.cond.notify_all();
             }
         });
     }
     for (int i = 0; i < kRounds; ++i) {
-        // Each round starts only after every reader could have read again.
-        ASSERT_TRUE(progress.WaitAtLeast(progress.Get() + kReaders, std::chrono::seconds(30)));
+        {  // each round starts only after the readers have read again
+            std::unique_lock<std::mutex> lock(progress.mutex);
+            const long target = progress.reads + kReaders;
+            ASSERT_TRUE(progress.cond.wait_for(lock, std::chrono::seconds(30),
+                                               [&] { return progress.reads >= target; }));
+        }
         EXPECT_TRUE(config->UpdateConfigKey("ipc_port", "4444", false));
         EXPECT_TRUE(config->Reload());
     }

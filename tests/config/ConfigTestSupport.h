@@ -1,5 +1,6 @@
 // Helpers of the configuration tests: the trace set up so that ERR and WARN lines reach the
-// captured system log, a temporary folder removed with everything in it, and whole-file I/O.
+// captured system log, a temporary folder, obfuscated profile files, and a temporary app-data
+// root holding the product's three profile files.
 #ifndef TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 #define TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 
@@ -8,11 +9,17 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "SyslogCapture.h"
+#include "common/OpenSSLCrypt.h"
+#include "common/Utils.h"
 #include "common/VNTrace.h"
+#include "config/DnConfigFile.h"
 
 namespace config_test {
 
@@ -22,6 +29,7 @@ inline void InitTrace() {
     g_Trace.SetLevelMask(kDefaultTraceMask);
 }
 
+// A temporary folder, removed with everything in it.
 class TempDir {
   public:
     TempDir() {
@@ -39,11 +47,9 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
 
     std::string Path(const std::string& name) const { return m_Path + "/" + name; }
-    // Writes `bytes` to the file `name` in the folder and returns its path.
     std::string Write(const std::string& name, const std::string& bytes) const {
-        const std::string path = Path(name);
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-        return path;
+        std::ofstream(Path(name), std::ios::binary | std::ios::trunc) << bytes;
+        return Path(name);
     }
 
   private:
@@ -53,6 +59,80 @@ class TempDir {
 inline std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+// A file's bytes, or "<absent>".
+inline std::string Snapshot(const std::string& path) {
+    std::error_code ec;
+    return std::filesystem::is_regular_file(path, ec) ? ReadFile(path) : "<absent>";
+}
+
+// A profile document around `parameters`, the inner text of ConfigurationParameters.
+inline std::string Profile(const std::string& parameters, const std::string& label = "") {
+    return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<Tideway>\n"
+           "<SchemaVersion>3.0</SchemaVersion>\n" +
+           (label.empty() ? std::string() : "<ProfileLabel>" + label + "</ProfileLabel>\n") +
+           "<ConfigurationParameters>\n" + parameters +
+           "\n</ConfigurationParameters>\n</Tideway>\n";
+}
+
+// Writes `plain` obfuscated to `path`, with the marker in front unless `marker` is false.
+inline void WriteObfuscated(const std::string& path, const std::string& plain, bool marker = true) {
+    const std::string data = (marker ? std::string(kObfuscatedMarker) : std::string()) + plain;
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), static_cast<uint32_t>(data.size()),
+                                                   path.c_str(), nullptr),
+              0)
+        << path;
+}
+
+// The decoded text of an obfuscated file, marker included; "<undecodable>" on failure.
+inline std::string Decode(const std::string& path) {
+    std::string text;
+    if (COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), text, EVP_aes_128_cbc(), nullptr) != 0)
+        return "<undecodable>";
+    return text;
+}
+
+// How many log records say exactly `text`.
+inline size_t Logged(const std::string& text) {
+    return syslog_capture::Count(text + "\n");
+}
+
+// A temporary app-data root with the product's folders, set as the root for the life of the
+// object, with the plug-in's role; the trace is set up and the captured log cleared.
+class ChainRoot {
+  public:
+    ChainRoot() {
+        InitTrace();
+        syslog_capture::Clear();
+        SetAllUsersAppDataPathForTesting(m_Dir.Path("root"));
+        std::filesystem::create_directories(m_Dir.Path("root/tarvex/brenlo/tideway/config"));
+        CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
+    }
+    ~ChainRoot() {
+        CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
+        SetAllUsersAppDataPathForTesting("");
+    }
+
+    std::string Current() const { return Path("tarvex/brenlo/tideway/config/Tideway.config"); }
+    std::string Update() const { return Path("tarvex/brenlo/tideway/Tideway_ServiceProfile.wso"); }
+    std::string Backup() const {
+        return Path("tarvex/brenlo/tideway/config/Tideway_config.backup");
+    }
+    std::string Scratch(const std::string& name) const { return m_Dir.Path(name); }
+
+  private:
+    std::string Path(const std::string& name) const { return m_Dir.Path("root/" + name); }
+    TempDir m_Dir;
+};
+
+// A configuration object initialised (false, false) from a current file holding `parameters`.
+inline std::unique_ptr<CDnConfigFile> LoadParameters(const ChainRoot& root,
+                                                     const std::string& parameters) {
+    WriteObfuscated(root.Current(), Profile(parameters));
+    auto config = std::make_unique<CDnConfigFile>();
+    EXPECT_TRUE(config->InitializeConfig(false, false)) << parameters;
+    return config;
 }
 
 }  // namespace config_test

@@ -1,14 +1,8 @@
-// Drives the obfuscated-file reader with arbitrary file contents and hands whatever it decodes to
-// the profile loader (LoadFromString, EnumConfig, the edits, GetXML), as the configuration does
-// with a profile found on disk.
-//
-// Input: [mode][bytes...]
-//   mode bit 0 clear: the bytes are the file, read as found on disk (bit 1: with the RC4
-//     variant instead of AES-128-CBC);
-//   mode bit 0 set: the bytes are a plaintext, written with the marker by the writer and read
-//     back, which must give exactly the marker and the bytes up to their first NUL. Random file
-//     bytes almost never decode, so this is the road by which the loader sees real text.
-//   mode bit 2: the loader trims element text; bit 3: EnumConfig reports every key.
+// Drives the obfuscated-file reader with arbitrary file bytes and hands what decodes to the
+// profile loader (load, walk, tower edits, GetXML), as the configuration does with a file found
+// on disk. Input: [mode][bytes...]; mode bit 0 clear: the bytes are the file (bit 1: read with
+// RC4); set: the bytes are a plaintext written with the marker and read back, which must give the
+// marker and the bytes up to their first NUL. Bit 2: trim element text; bit 3: report every key.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -52,16 +46,14 @@ struct Seen {
     size_t values = 0;
 };
 
-// Touches every byte it is handed, so that a value that does not live as long as the call, or
-// is of another type than its key says, shows up under the sanitizers.
+// Touches every byte it is handed, so that a value of a shorter life or another type than its
+// key says shows up under the sanitizers.
 void OnValue(void* context, const char* key, const void* value) {
     Seen& seen = *static_cast<Seen*>(context);
     if (key == nullptr || value == nullptr)
         abort();
-    // Keys are told apart ignoring case, as the configuration's own callback does.
     if (CompareNoCase(key, "Tower") == 0) {
-        const TowerInfo& tower = *static_cast<const TowerInfo*>(value);
-        seen.towers.push_back(tower);
+        seen.towers.push_back(*static_cast<const TowerInfo*>(value));
     } else if (CompareNoCase(key, "DetectClosestTower") == 0) {
         const DctSetting& setting = *static_cast<const DctSetting*>(value);
         seen.values += setting.first.size() + setting.second.size();
@@ -83,8 +75,7 @@ void LoadProfile(const std::string& decoded, bool trim, bool reportAll) {
     std::string value;
     store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
 
-    // Replace the towers with what was read, as a tower update does; the walk then finds at
-    // least as many as it was given.
+    // Rewritten towers are all found again, and what the store writes, it reads back.
     store.DeleteConfigNode("Towers");
     store.AddTowersToConfig(seen.towers);
     Seen again;
@@ -92,7 +83,6 @@ void LoadProfile(const std::string& decoded, bool trim, bool reportAll) {
         again.towers.size() < seen.towers.size()) {
         abort();
     }
-    // What the store writes, it reads back.
     std::string xml;
     if (store.GetXML(xml) != kConfigOk)
         abort();
@@ -104,10 +94,7 @@ void LoadProfile(const std::string& decoded, bool trim, bool reportAll) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        g_Trace.SetLevelMask(0);  // no system log traffic from the loop
-        return true;
-    }();
+    static const int quiet = (g_Trace.SetLevelMask(0), 0);  // no log traffic from the loop
     (void)quiet;
     if (size < 1)
         return 0;

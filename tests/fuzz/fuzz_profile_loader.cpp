@@ -1,19 +1,8 @@
 // Loads arbitrary decoded text as a profile through the file chain, as the module does at
-// start-up: the text is written obfuscated as the current file (or as the update, loaded alone),
-// and a fresh configuration object initialises from it. Whatever loads is then read through
-// every getter, the start-up record, the dump and the log settings, with checks that hold for
-// any profile: each getter agrees with the map it trims, the dump has its fixed shape, the
-// clamps hold, and the tower list of the record matches the towers read.
-//
-// Input: [mode][text...]. Mode bit 0: the text goes to the update file, loaded with
-// InitializeConfig(true, true), instead of the current file with (false, false). Bit 1: the
-// marker "OBFUSCATED" is left out of the plaintext. Bit 2: the owner's role (three more dump
-// lines, and edits would be committed: none are made here).
-//
-// Long run (clang 14, libFuzzer + ASan + UBSan, one core of a shared 2-core VM): 601 s,
-// 1,077,421 runs, 1,792 exec/s (each input writes and decodes a file and loads it twice),
-// 3,507 edges, 15,443 features, corpus 1,264 inputs / 497 KB, peak RSS 461 MB, no failure. The
-// 197 inputs that cover its edges are in the seed corpus.
+// start-up, and reads whatever loads through every getter, the record, the dump and the log
+// settings, with checks that hold for any profile. Input: [mode][text...]; mode bit 0: the text
+// is the update, loaded with (true, true), else the current file with (false, false); bit 1: no
+// marker in the plaintext; bit 2: the owner's role.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -46,8 +35,7 @@ struct Root {
     std::string update;
 
     Root() {
-        // Nothing is written before the trace is set up; spare every statement its prefix.
-        g_Trace.SetLevelMask(0);
+        g_Trace.SetLevelMask(0);  // spare every statement its prefix
         const char* base = std::filesystem::is_directory("/dev/shm")
                                ? "/dev/shm/fuzz-profile-XXXXXX"
                                : "/tmp/fuzz-profile-XXXXXX";
@@ -79,7 +67,6 @@ std::string Trimmed(std::string text) {
 }
 
 void ReadEverything(CDnConfigFile& config, bool owner) {
-    // Every key of the map through every getter.
     const std::map<std::string, std::string> values = config.GetValues();
     for (const auto& entry : values) {
         const char* key = entry.first.c_str();
@@ -111,18 +98,15 @@ void ReadEverything(CDnConfigFile& config, bool owner) {
     FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
 
     uint32_t level = 0;
-    config.GetDebugLevel(level);
     uint16_t port = 0;
-    config.GetKdfListenPort(port);
     std::string a, b;
+    boost::property_tree::ptree subtree;
+    config.GetDebugLevel(level);
+    config.GetKdfListenPort(port);
     config.GetAuthenticatedIdentity(a, b);
     config.GetGroupFilters(a, b);
     FUZZ_CHECK(config.GetProfileLabel(a));
-    config.GetTunnelType();
-    config.GetTowerConnectTimeout();
     FUZZ_CHECK(config.GetExceptionCount(1) >= 0 && config.GetExceptionCount(2) >= 0);
-    config.GetDctSettings();
-    boost::property_tree::ptree subtree;
     config.GetXmlSubtree("Towers", subtree);
 }
 
