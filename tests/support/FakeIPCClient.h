@@ -1,6 +1,8 @@
 // A stand-in for the IPC library's client, installed through the communicator's factory seam:
-// it records what the module connects and sends, can be told to fail, and lets a test play the
-// library's part by calling the module's callback with peer events and packets.
+// it records what the module connects and sends, can be told to fail a send, and lets a test
+// play the library by calling the module's callback with peer events and packets.
+// State is shared with the test and outlives the client, which the module owns; `mutex` guards
+// every member but the atomics and `callback`, which is set before the module's threads run.
 #ifndef TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 #define TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 
@@ -9,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -19,20 +22,15 @@
 
 class FakeIPCClient : public IIPCClient {
   public:
-    // Shared state that outlives the client object, which the module owns and deletes.
     struct State {
         std::mutex mutex;
         std::condition_variable changed;
         IIPCCallback* callback = nullptr;
-        uint32_t identity = 0;
-        int created = 0;
-        int connects = 0;
-        int teardowns = 0;
+        uint32_t identity = 0, lastParam = 0;
         uint16_t lastPort = 0;
-        uint32_t lastParam = 0;
+        int created = 0, connects = 0;
         std::vector<uint32_t> sentIds;
         std::vector<std::vector<uint8_t>> sentData;
-        std::atomic<bool> failConnect{false};
         std::atomic<bool> failSend{false};
 
         bool WaitFor(const std::function<bool()>& done,
@@ -45,7 +43,7 @@ class FakeIPCClient : public IIPCClient {
             std::lock_guard<std::mutex> lock(mutex);
             return read();
         }
-        // Plays the library: a peer event or a packet, on the calling thread.
+        // Plays the library on the calling thread: a peer event, a built packet, raw bytes.
         void PeerState(uint32_t peer, uint32_t session, uint32_t state) {
             callback->OnPeerStateChanged(peer, session, state);
         }
@@ -65,42 +63,40 @@ class FakeIPCClient : public IIPCClient {
             buffer.m_pData = bytes;
             callback->OnReqMsgRecv(&buffer);
         }
+        void Notify(const std::function<void()>& write) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                write();
+            }
+            changed.notify_all();
+        }
     };
 
     explicit FakeIPCClient(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
     BR_STATUSCODE ConnectAsync(uint32_t, uint32_t, uint32_t param, uint16_t port) override {
-        {
-            std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->Notify([&] {
             ++state_->connects;
             state_->lastPort = port;
             state_->lastParam = param;
-        }
-        state_->changed.notify_all();
-        return state_->failConnect ? 2 : 0;
+        });
+        return 0;
     }
     BR_STATUSCODE SendData(IPCBuffer* buffer) override {
         MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
-        const bool parsed = ParsePacket(buffer->m_pData, buffer->m_Length, message);
-        {
-            std::lock_guard<std::mutex> lock(state_->mutex);
-            if (parsed && !state_->failSend) {
+        const bool failed = state_->failSend;
+        if (ParsePacket(buffer->m_pData, buffer->m_Length, message) && !failed) {
+            const uint8_t* data = message.m_pData;
+            state_->Notify([&] {
                 state_->sentIds.push_back(message.m_MessageId);
-                state_->sentData.emplace_back(
-                    message.m_pData,
-                    message.m_pData + (message.m_pData ? message.m_DataLength : 0));
-            }
+                state_->sentData.emplace_back(data, data + (data ? message.m_DataLength : 0));
+            });
         }
-        state_->changed.notify_all();
-        return state_->failSend ? 8 : 0;
+        return failed ? 8 : 0;
     }
     BR_STATUSCODE ReservedSlot2() override { return 16; }
     BR_STATUSCODE ReservedSlot3() override { return 16; }
-    BR_STATUSCODE TearDown() override {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        ++state_->teardowns;
-        return 0;
-    }
+    BR_STATUSCODE TearDown() override { return 0; }
     BR_STATUSCODE ReservedSlot5() override { return 16; }
     BR_STATUSCODE ReservedSlot6() override { return 16; }
 
@@ -108,12 +104,11 @@ class FakeIPCClient : public IIPCClient {
     static std::shared_ptr<State> Install() {
         auto state = std::make_shared<State>();
         SetIPCClientFactoryForTesting([state](uint32_t identity, IIPCCallback* callback) {
-            {
-                std::lock_guard<std::mutex> lock(state->mutex);
+            state->Notify([&] {
                 state->callback = callback;
                 state->identity = identity;
                 ++state->created;
-            }
+            });
             return new FakeIPCClient(state);
         });
         return state;

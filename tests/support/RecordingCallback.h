@@ -1,10 +1,14 @@
-// An IVantoriaApiCB that records every notification, for tests that drive the API and wait for
-// what the agent's answers turn into. Thread-safe: notifications come on the module's threads.
+// An IVantoriaApiCB that records each notification as one line in `events` (in arrival order),
+// statuses and statistics also as values, and reads every getter of each result object while
+// it is alive, noting in `faults` a getter that breaks its contract. Notifications come on the
+// module's threads: `mutex` guards every recorded member; wait with WaitUntil.
 #ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 #define TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 
 #include <stdint.h>
+#include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -14,97 +18,120 @@
 
 #include "IVantoriaApiCB.h"
 
-struct RecordedTowerList {
-    std::vector<std::string> names;
-    int64_t activeIndex = -2;
-    int32_t countResult = 0;
-};
-
-struct RecordedDct {
-    bool activeTowerChanged = false;
-    std::string tower;
-    uint32_t mode = 0, detectClosest = 0, gui = 0;
-};
-
-struct RecordedProxy {
-    std::string host, port, authType, realm;
-};
-
 struct RecordedStatistics {
     uint64_t filtered = 0, bypassed = 0, other = 0;
-    uint64_t totalFiltered = 0, totalBypassed = 0, totalOther = 0;
-    std::string activeTower;
+    uint64_t totalFiltered = 0, totalBypassed = 0, totalOther = 0, mode = 0;
+    std::string activeTower, enabled, since;
 };
 
-struct RecordedInfo {
-    uint64_t type = 0;
-    std::string text;
-};
-
-// Reads a text getter by the two-call protocol.
+// Reads a text getter by the two-call protocol (ask the size, then copy), checking that the
+// size fits exactly, nothing is written past it and one byte less is refused. On a broken
+// contract returns false with `text` naming the fault.
+template <typename Getter>
+bool ReadTextChecked(Getter get, std::string& text) {
+    uint32_t length = 0;
+    if (get(nullptr, length) != -3 || length == 0)
+        return text = "size protocol broken", false;
+    std::vector<char> buffer(length + 1, '#');
+    uint32_t given = length, shorter = length - 1;
+    if (get(buffer.data(), given) != 0)
+        return text = "asked size refused", false;
+    if (buffer[length - 1] != '\0' || buffer[length] != '#' || strlen(buffer.data()) != length - 1)
+        return text = "wrong size or written past it", false;
+    if (length > 1 && (get(buffer.data(), shorter) != -3 || shorter != length))
+        return text = "took a buffer one byte short", false;
+    text.assign(buffer.data(), length - 1);
+    return true;
+}
 template <typename Getter>
 std::string ReadText(Getter get) {
-    uint32_t length = 0;
-    if (get(nullptr, length) != -3)
-        return "<protocol broken>";
-    std::string text(length, '\0');
-    if (get(&text[0], length) != 0)
-        return "<copy failed>";
-    text.resize(length - 1);
-    return text;
+    std::string text;
+    return ReadTextChecked(get, text) ? text : "<" + text + ">";
 }
 
 class RecordingCallback : public IVantoriaApiCB {
   public:
-    using Clock = std::chrono::steady_clock;
-
+    // "T:name,name@active"
     int32_t OnTowerList(IVantoriaTowerList* list) override {
-        RecordedTowerList r;
         uint64_t count = 0;
-        r.countResult = list->GetCount(count);
+        int64_t active = -2;
+        if (list->GetCount(count) != (count == 0 ? -1 : 0))
+            Fault("tower list count result");
+        std::string line = "T:";
         for (uint64_t i = 0; i < count; ++i) {
-            r.names.push_back(ReadText([&](char* b, uint32_t& l) { return list->GetAt(i, b, l); }));
+            const std::string name =
+                Text([&](char* b, uint32_t& l) { return list->GetAt(i, b, l); });
+            if (name.find(',') != std::string::npos)
+                Fault("tower name with a separator: " + name);
+            line += (i ? "," : "") + name;
         }
-        list->GetActiveIndex(r.activeIndex);
-        Record([&] { towerLists.push_back(r); });
+        char probe[4];
+        uint32_t probeLength = sizeof(probe);
+        if (list->GetAt(count, probe, probeLength) != -4)
+            Fault("tower index past the end accepted");
+        list->GetActiveIndex(active);
+        if (active < -1 || active >= static_cast<int64_t>(count))
+            Fault("active index out of range");
+        Record(line + "@" + std::to_string(active));
         return 0;
     }
+    // "S<code>"
     int32_t OnStatus(IVantoriaStatus* status) override {
-        uint64_t code = 0;
+        uint64_t code = ~0ull;
         status->GetStatus(code);
         if (statusHook)
             statusHook(code);
-        Record([&] { statuses.push_back(code); });
+        Record("S" + std::to_string(code), [&] { statuses.push_back(code); });
         return 0;
     }
+    // "A:tower" for an activated tower, else "D:mode,detect,gui"
     int32_t OnDCTSettings(IVantoriaDCT* dct) override {
-        RecordedDct r;
-        dct->ActiveTowerChanged(r.activeTowerChanged);
-        dct->GetMode(r.mode);
-        dct->GetDetectClosest(r.detectClosest);
-        dct->GetGUI(r.gui);
-        r.tower = ReadText([&](char* b, uint32_t& l) { return dct->GetActivatedTower(b, l); });
-        Record([&] { dcts.push_back(r); });
+        bool changed = false;
+        uint32_t mode = 0, detect = 0, gui = 0;
+        dct->ActiveTowerChanged(changed);
+        dct->GetMode(mode);
+        dct->GetDetectClosest(detect);
+        dct->GetGUI(gui);
+        const std::string tower =
+            Text([&](char* b, uint32_t& l) { return dct->GetActivatedTower(b, l); });
+        if (changed == tower.empty())
+            Fault("ActiveTowerChanged disagrees with the tower");
+        Record(changed ? "A:" + tower
+                       : "D:" + std::to_string(mode) + "," + std::to_string(detect) + "," +
+                             std::to_string(gui));
         return 0;
     }
+    // "P:host|port|auth|realm"
     int32_t OnProxyCredRequest(std::string& host, std::string& port, std::string& authType,
                                std::string& realm) override {
-        Record([&] { proxies.push_back({host, port, authType, realm}); });
+        Record("P:" + host + "|" + port + "|" + authType + "|" + realm);
         return 0;
     }
+    // "X:tower|enabled|since|filtered|totalFiltered|mode"
     int32_t OnStatistics(IVantoriaStatistics* s) override {
         RecordedStatistics r;
+        uint64_t unused = 0, lan = 0;
         s->GetConnectionCounts(r.filtered, r.bypassed, r.other);
         s->GetTotalCounts(r.totalFiltered, r.totalBypassed, r.totalOther);
-        r.activeTower = ReadText([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); });
-        Record([&] { statistics.push_back(r); });
+        s->GetServiceStatus(unused);
+        s->GetReserved(unused);
+        s->GetLanState(unused, lan);
+        s->GetSelectionMode(r.mode);
+        r.activeTower = Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); });
+        r.enabled = Text([&](char* b, uint32_t& l) { return s->GetTimeServiceEnabled(b, l); });
+        r.since = Text([&](char* b, uint32_t& l) { return s->GetTimeSinceLastTowerSelect(b, l); });
+        Record("X:" + r.activeTower + "|" + r.enabled + "|" + r.since + "|" +
+                   std::to_string(r.filtered) + "|" + std::to_string(r.totalFiltered) + "|" +
+                   std::to_string(r.mode),
+               [&] { statistics.push_back(r); });
         return 0;
     }
+    // "I:type#text"
     int32_t OnInfoMessage(IVantoriaInfoMessage* m) override {
-        RecordedInfo r;
-        m->GetMessageType(r.type);
-        r.text = ReadText([&](char* b, uint32_t& l) { return m->GetMessageText(b, l); });
-        Record([&] { infos.push_back(r); });
+        uint64_t type = 0;
+        m->GetMessageType(type);
+        Record("I:" + std::to_string(type) + "#" +
+               Text([&](char* b, uint32_t& l) { return m->GetMessageText(b, l); }));
         return 0;
     }
 
@@ -114,16 +141,26 @@ class RecordingCallback : public IVantoriaApiCB {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, timeout, done);
     }
+    // Waits until status `code` has come `occurrences` times in all; to wait for a new one
+    // after earlier ones, pass Count(code) + 1, never a fixed total.
     bool WaitForStatus(uint64_t code, size_t occurrences = 1,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        return WaitUntil(
-            [&] {
-                size_t n = 0;
-                for (uint64_t s : statuses)
-                    n += s == code ? 1 : 0;
-                return n >= occurrences;
-            },
-            timeout);
+        return WaitUntil([&] { return CountLocked(code) >= occurrences; }, timeout);
+    }
+    // Waits until the newest event is `event`.
+    bool WaitForLast(const std::string& event,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return WaitUntil([&] { return !events.empty() && events.back() == event; }, timeout);
+    }
+    size_t Count(uint64_t code) {
+        return Locked<size_t>([&] { return CountLocked(code); });
+    }
+    // Events whose line starts with `prefix`.
+    size_t CountEvents(const std::string& prefix) {
+        return Locked<size_t>([&] {
+            return std::count_if(events.begin(), events.end(),
+                                 [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
+        });
     }
     template <typename T>
     T Locked(const std::function<T()>& read) {
@@ -131,8 +168,19 @@ class RecordingCallback : public IVantoriaApiCB {
         return read();
     }
     std::vector<uint64_t> Statuses() {
+        return Locked<std::vector<uint64_t>>([&] { return statuses; });
+    }
+    std::vector<std::string> Events() {
+        return Locked<std::vector<std::string>>([&] { return events; });
+    }
+    // Returns the events so far and forgets everything recorded but the faults.
+    std::vector<std::string> TakeEvents() {
         std::lock_guard<std::mutex> lock(mutex);
-        return statuses;
+        std::vector<std::string> taken;
+        taken.swap(events);
+        statuses.clear();
+        statistics.clear();
+        return taken;
     }
 
     // Called on the notifying thread before a status is recorded (to hold a thread up).
@@ -140,17 +188,30 @@ class RecordingCallback : public IVantoriaApiCB {
 
     std::mutex mutex;
     std::condition_variable changed;
+    std::vector<std::string> events, faults;
     std::vector<uint64_t> statuses;
-    std::vector<RecordedTowerList> towerLists;
-    std::vector<RecordedDct> dcts;
-    std::vector<RecordedProxy> proxies;
     std::vector<RecordedStatistics> statistics;
-    std::vector<RecordedInfo> infos;
 
   private:
-    void Record(const std::function<void()>& write) {
+    size_t CountLocked(uint64_t code) const {
+        return static_cast<size_t>(std::count(statuses.begin(), statuses.end(), code));
+    }
+    template <typename Getter>
+    std::string Text(Getter get) {
+        std::string text;
+        if (!ReadTextChecked(get, text))
+            Fault("text getter: " + text);
+        return text;
+    }
+    void Fault(const std::string& what) {
+        std::lock_guard<std::mutex> lock(mutex);
+        faults.push_back(what);
+    }
+    void Record(
+        const std::string& event, const std::function<void()>& write = [] {}) {
         {
             std::lock_guard<std::mutex> lock(mutex);
+            events.push_back(event);
             write();
         }
         changed.notify_all();

@@ -20,6 +20,13 @@ State& TheState() {
     return *state;
 }
 
+size_t CountLocked(const State& s, const std::string& text, bool whole) {
+    size_t n = 0;
+    for (const syslog_capture::Record& r : s.records)
+        n += (whole ? r.text == text : r.text.find(text) != std::string::npos) ? 1 : 0;
+    return n;
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) void openlog(const char* ident, int option,
@@ -75,32 +82,21 @@ std::vector<OpenCall> OpenCalls() {
 }
 
 size_t Count(const std::string& text) {
-    size_t n = 0;
-    for (const Record& r : Records())
-        n += (r.text == text) ? 1 : 0;
-    return n;
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return CountLocked(s, text, true);
 }
 
 size_t CountContaining(const std::string& fragment) {
-    size_t n = 0;
-    for (const Record& r : Records())
-        n += (r.text.find(fragment) != std::string::npos) ? 1 : 0;
-    return n;
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return CountLocked(s, fragment, false);
 }
 
-bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) {
-    return WaitForCount(text, 1, timeout);
-}
-
-bool WaitForCount(const std::string& text, size_t count, std::chrono::milliseconds timeout) {
+bool WaitFor(const std::string& text, std::chrono::milliseconds timeout, size_t count) {
     State& s = TheState();
     std::unique_lock<std::mutex> lock(s.mutex);
-    return s.changed.wait_for(lock, timeout, [&] {
-        size_t n = 0;
-        for (const Record& r : s.records)
-            n += r.text == text ? 1 : 0;
-        return n >= count;
-    });
+    return s.changed.wait_for(lock, timeout, [&] { return CountLocked(s, text, true) >= count; });
 }
 
 }  // namespace syslog_capture

@@ -1,6 +1,7 @@
 // Captures the system log of a test process. Every test executable links SyslogCapture.cpp,
 // which defines openlog and vsyslog itself: the module's calls (also from a module loaded with
 // dlopen, since test executables export their symbols) land here instead of in the C library.
+// Every function is thread-safe.
 #ifndef TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
 #define TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
 
@@ -29,10 +30,8 @@ std::vector<OpenCall> OpenCalls();
 size_t Count(const std::string& text);
 // Number of records containing `fragment`.
 size_t CountContaining(const std::string& fragment);
-// Waits until a record equal to `text` exists; false when `timeout` runs out first.
-bool WaitFor(const std::string& text, std::chrono::milliseconds timeout);
-// Waits until at least `count` records equal `text`.
-bool WaitForCount(const std::string& text, size_t count, std::chrono::milliseconds timeout);
+// Waits until at least `count` records equal `text`; false when `timeout` runs out first.
+bool WaitFor(const std::string& text, std::chrono::milliseconds timeout, size_t count = 1);
 
 }  // namespace syslog_capture
 

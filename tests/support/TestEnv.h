@@ -1,5 +1,6 @@
 // Shared pieces of the tests that run the module against an agent: a temporary app-data root
-// (which also holds the IPC sockets) and a log of the agent simulator's lines with waits.
+// (which also holds the IPC sockets), the process's thread count, and a log of the agent
+// simulator's lines with waits (thread-safe: the simulator writes from its own threads).
 #ifndef TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 #define TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 
@@ -47,11 +48,8 @@ class TempRoot {
     }
     ~TempRoot() {
         SetAllUsersAppDataPathForTesting("");
-        if (!path_.empty()) {
-            const std::string command = "rm -rf '" + path_ + "'";
-            if (system(command.c_str()) != 0)
-                ADD_FAILURE() << "cannot remove " << path_;
-        }
+        if (!path_.empty() && system(("rm -rf '" + path_ + "'").c_str()) != 0)
+            ADD_FAILURE() << "cannot remove " << path_;
     }
     TempRoot(const TempRoot&) = delete;
     TempRoot& operator=(const TempRoot&) = delete;
@@ -73,30 +71,17 @@ class SimLog {
             changed_.notify_all();
         };
     }
-    size_t Count(const std::string& line) {
+    // Lines equal to `line`, or starting with it when `prefix` is set.
+    size_t Count(const std::string& line, bool prefix = false) {
         std::lock_guard<std::mutex> lock(mutex_);
-        size_t n = 0;
-        for (const auto& l : lines_)
-            n += l == line ? 1 : 0;
-        return n;
+        return CountLocked(line, prefix);
     }
     bool Has(const std::string& line) { return Count(line) > 0; }
-    size_t CountPrefix(const std::string& prefix) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        size_t n = 0;
-        for (const auto& l : lines_)
-            n += l.rfind(prefix, 0) == 0 ? 1 : 0;
-        return n;
-    }
     bool WaitFor(const std::string& line, size_t occurrences = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
-            size_t n = 0;
-            for (const auto& l : lines_)
-                n += l == line ? 1 : 0;
-            return n >= occurrences;
-        });
+        return changed_.wait_for(lock, timeout,
+                                 [&] { return CountLocked(line, false) >= occurrences; });
     }
     std::vector<std::string> Lines() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -104,6 +89,13 @@ class SimLog {
     }
 
   private:
+    size_t CountLocked(const std::string& line, bool prefix) const {
+        size_t n = 0;
+        for (const auto& l : lines_)
+            n += (prefix ? l.rfind(line, 0) == 0 : l == line) ? 1 : 0;
+        return n;
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> lines_;
