@@ -1,6 +1,4 @@
-// The creation sequence on the module's code in this process, in a temporary app-data root:
-// the profile is read first, its ipc_port and debug_level take effect, the default profile is
-// written when none exists, and each failure gives its line and a null result.
+// The creation sequence on the module's code in this process, in a temporary app-data root.
 #include <sys/stat.h>
 
 #include <fstream>
@@ -58,8 +56,7 @@ TEST_F(Creation, WithoutAnyProfileTheDefaultIsWrittenAndApplied) {
     ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
     Plugin* plugin = CreatePluginImpl("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(plugin, nullptr);
-    // The default profile now stands as the current file, obfuscated, and its debug_level of
-    // FFFFFFFF is installed as it stands (the trace is initialised by then).
+    // The default profile is written obfuscated and its debug_level FFFFFFFF applied unclamped.
     const std::string text = ReadProfile(ConfigDir(root_) + "/Tideway.config");
     EXPECT_EQ(text.rfind("OBFUSCATED", 0), 0u);
     EXPECT_NE(text.find("<ipc_port>5003</ipc_port>"), std::string::npos);
@@ -105,16 +102,12 @@ TEST_F(Creation, FailuresEndWithTheirLineAndNoPlugin) {
     // A plain XML profile in the current place is refused, and not rewritten.
     ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
     const std::string plain = "<Tideway><ConfigurationParameters/></Tideway>";
-    {
-        std::ofstream out(ConfigDir(root_) + "/Tideway.config");
-        out << plain;
-    }
+    std::ofstream(ConfigDir(root_) + "/Tideway.config") << plain;
     syslog_capture::Clear();
     EXPECT_EQ(CreatePluginImpl("com.tarvex.brenlo.tideway.api"), nullptr);
     EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. InitializeConfig failed.\n"), 1u);
-    std::ifstream in(ConfigDir(root_) + "/Tideway.config");
     std::stringstream kept;
-    kept << in.rdbuf();
+    kept << std::ifstream(ConfigDir(root_) + "/Tideway.config").rdbuf();
     EXPECT_EQ(kept.str(), plain);
 }
 
