@@ -1,5 +1,6 @@
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -51,44 +52,36 @@ TEST_F(MsgQueueTest, MessagesAreDeepCopiesInAndOutInOrderAndClearReleasesThem) {
     CMsgQueue queue("VN$COMMUNICATOR");
     EXPECT_FALSE(queue.PutMessage(nullptr));
     {
-        MSG_QUEUE_MSG tower(COMM_MSG_CHANGE_ACTIVE_TOWER, 0, 1, 0);
-        ASSERT_EQ(tower.SetData("west-1", 6), 0u);
-        ASSERT_TRUE(queue.PutMessage(&tower));
-        // The writer reuses and then frees its record; the queue's copy is untouched.
-        ASSERT_EQ(tower.SetData("east-2", 6), 0u);
-        tower.m_MessageId = COMM_MSG_QUIT;
-        ASSERT_TRUE(queue.PutMessage(&tower));
+        MSG_QUEUE_MSG message = StampedMessage(1, 0);
+        ASSERT_TRUE(queue.PutMessage(&message));
+        // The writer reuses and then frees its record; the queue's copies are untouched.
+        const Stamp next{1, 1};
+        ASSERT_EQ(message.SetData(&next, sizeof(next)), 0u);
+        ASSERT_TRUE(queue.PutMessage(&message));
     }
     MSG_QUEUE_MSG bare(COMM_MSG_TOWERS_REQUEST_INFO, 0, 1, 0);
     ASSERT_TRUE(queue.PutMessage(&bare));
     EXPECT_EQ(queue.GetCount(), 3u);
-
     std::unique_ptr<MSG_QUEUE_MSG> first = queue.GetMessage(false, 0);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first->m_MessageId, COMM_MSG_CHANGE_ACTIVE_TOWER);
-    ASSERT_TRUE(first->HasData(6));
-    EXPECT_EQ(memcmp(first->m_pData, "west-1", 6), 0);
     uint32_t status = 0xAAAA;
     std::unique_ptr<MSG_QUEUE_MSG> second = queue.PopMessage(&status);
-    EXPECT_EQ(status, 0u);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(second->m_MessageId, COMM_MSG_QUIT);
-    EXPECT_EQ(memcmp(second->m_pData, "east-2", 6), 0);
     std::unique_ptr<MSG_QUEUE_MSG> third = queue.GetMessage(true, 200);
-    ASSERT_NE(third, nullptr);
+    ASSERT_TRUE(first && second && third);
+    EXPECT_EQ(status, 0u);
+    EXPECT_EQ(ReadStamp(*first).sequence, 0u);
+    EXPECT_EQ(ReadStamp(*second).sequence, 1u);
     EXPECT_EQ(third->m_MessageId, COMM_MSG_TOWERS_REQUEST_INFO);
     EXPECT_EQ(third->m_pData, nullptr);
     EXPECT_EQ(queue.PopMessage(nullptr), nullptr);
 
     // Leftovers are released by Clear and by destruction (leaks show in the sanitizer build).
     for (uint32_t i = 0; i < 3; ++i) {
-        MSG_QUEUE_MSG message = StampedMessage(1, i);
+        MSG_QUEUE_MSG message = StampedMessage(2, i);
         ASSERT_TRUE(queue.PutMessage(&message));
     }
     queue.Clear();
     EXPECT_EQ(queue.GetMessage(false, 0), nullptr);
-    MSG_QUEUE_MSG left = StampedMessage(2, 0);
-    ASSERT_TRUE(queue.PutMessage(&left));
+    ASSERT_TRUE(queue.PutMessage(&bare));
 }
 
 TEST_F(MsgQueueTest, ReadAfterAStaleSignalReturnsNullAtOnceThenWaits) {
@@ -117,15 +110,13 @@ TEST_F(MsgQueueTest, BlockedReaderGetsEachMessageHandedOver) {
     constexpr int kRounds = 300;
     CMsgQueue queue("VN$COMM$SENDER");
     comm_test::Barrier start(2);
-    std::vector<int> received;
     std::thread reader([&] {
         for (int round = 0; round < kRounds; ++round) {
             start.ArriveAndWait();
-            std::unique_ptr<MSG_QUEUE_MSG> message;
-            const Clock::time_point begin = Clock::now();
-            while (message == nullptr && ElapsedMs(begin) < 10000)  // a stale signal gives a null
+            std::unique_ptr<MSG_QUEUE_MSG> message = queue.GetMessage(true, 10000);
+            if (message == nullptr)  // a stale signal of the round before may give one null
                 message = queue.GetMessage(true, 10000);
-            received.push_back(message ? static_cast<int>(ReadStamp(*message).sequence) : -1);
+            EXPECT_EQ(message ? static_cast<int>(ReadStamp(*message).sequence) : -1, round);
             start.ArriveAndWait();
         }
     });
@@ -136,9 +127,6 @@ TEST_F(MsgQueueTest, BlockedReaderGetsEachMessageHandedOver) {
         start.ArriveAndWait();
     }
     reader.join();
-    ASSERT_EQ(received.size(), static_cast<size_t>(kRounds));
-    for (int round = 0; round < kRounds; ++round)
-        ASSERT_EQ(received[round], round);
 }
 
 TEST_F(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
@@ -172,21 +160,19 @@ TEST_F(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
     for (std::thread& thread : threads)
         thread.join();
 
-    std::vector<std::vector<int>> count(kWriters, std::vector<int>(kPerWriter, 0));
-    for (uint32_t r = 0; r < kReaders; ++r) {
+    std::vector<int> count(kWriters * kPerWriter, 0);
+    for (const std::vector<Stamp>& list : seen) {
         std::vector<int64_t> last(kWriters, -1);
-        for (const Stamp& stamp : seen[r]) {
+        for (const Stamp& stamp : list) {
             ASSERT_LT(stamp.writer, kWriters);
             ASSERT_LT(stamp.sequence, kPerWriter);
             // Each reader sees each writer's messages in the order they were put.
-            ASSERT_GT(static_cast<int64_t>(stamp.sequence), last[stamp.writer]) << "reader " << r;
+            ASSERT_GT(static_cast<int64_t>(stamp.sequence), last[stamp.writer]);
             last[stamp.writer] = stamp.sequence;
-            ++count[stamp.writer][stamp.sequence];
+            ++count[stamp.writer * kPerWriter + stamp.sequence];
         }
     }
-    for (uint32_t w = 0; w < kWriters; ++w)
-        for (uint32_t i = 0; i < kPerWriter; ++i)
-            ASSERT_EQ(count[w][i], 1) << "writer " << w << " message " << i;
+    EXPECT_EQ(std::count(count.begin(), count.end(), 1), kWriters * kPerWriter);  // once each
 }
 
 TEST_F(MsgQueueTest, CopyThatCannotBeMadeIsRefusedWithItsLine) {

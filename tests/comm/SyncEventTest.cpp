@@ -27,63 +27,59 @@ bool WaitForWaiters(const CSyncEvent& event, size_t count) {
     return true;
 }
 
-// Milliseconds a wait took, checked against generous bounds around `expectMs`.
-void ExpectTook(long elapsed, long expectMs) {
-    if (expectMs == 0) {
-        EXPECT_LT(elapsed, 150);
-    } else {
-        EXPECT_GE(elapsed, expectMs - 50);
+// Waits, and checks the result and how long the wait took: a time-out its full time, anything
+// else at once (generous bounds).
+void ExpectWait(uint32_t count, CSyncEvent* const* events, bool all, uint32_t timeoutMs,
+                uint32_t result) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(WaitForObjects(count, events, all, timeoutMs), result);
+    const long elapsed = ElapsedMs(start);
+    if (result == kWaitTimeout && timeoutMs > 0) {
+        EXPECT_GE(elapsed, static_cast<long>(timeoutMs) - 50);
         EXPECT_LE(elapsed, 1500);
+    } else {
+        EXPECT_LT(elapsed, 150);
     }
 }
 
 TEST(SyncEventTest, ResetModesNullEntriesAndTimeOuts) {
-    CSyncEvent manual(false);
-    CSyncEvent automatic(true);
+    CSyncEvent manual(false), automatic(true);
     CSyncEvent* m[] = {&manual};
     CSyncEvent* a[] = {&automatic};
     CSyncEvent* both[] = {&manual, &automatic};
     CSyncEvent* withNull[] = {&manual, nullptr, &automatic};
-
-    // Nothing signalled: 258, at once or after the time given, for any and for all.
-    Clock::time_point start = Clock::now();
-    EXPECT_EQ(WaitForObjects(2, both, false, 0), kWaitTimeout);
-    ExpectTook(ElapsedMs(start), 0);
-    start = Clock::now();
-    EXPECT_EQ(WaitForObjects(2, both, false, 200), kWaitTimeout);
-    ExpectTook(ElapsedMs(start), 200);
+    ExpectWait(2, both, false, 0, kWaitTimeout);
+    ExpectWait(2, both, false, 200, kWaitTimeout);
 
     // Manual reset stays signalled until reset; wait-all with one of two still times out.
     manual.SetEvent();
-    EXPECT_EQ(WaitForObjects(1, m, false, 0), 0u);
-    EXPECT_EQ(WaitForObjects(1, m, false, 0), 0u);
-    start = Clock::now();
-    EXPECT_EQ(WaitForObjects(2, both, true, 200), kWaitTimeout);
-    ExpectTook(ElapsedMs(start), 200);
+    ExpectWait(1, m, false, 0, 0);
+    ExpectWait(1, m, false, 0, 0);
+    ExpectWait(2, both, true, 200, kWaitTimeout);
     manual.ResetEvent();
-    EXPECT_EQ(WaitForObjects(1, m, false, 0), kWaitTimeout);
+    ExpectWait(1, m, false, 0, kWaitTimeout);
 
     // Auto reset: two signals with nobody waiting are one, taken by one wait; reset clears it.
     automatic.SetEvent();
     automatic.SetEvent();
-    EXPECT_EQ(WaitForObjects(1, a, false, 0), 0u);
-    EXPECT_EQ(WaitForObjects(1, a, false, 0), kWaitTimeout);
+    ExpectWait(1, a, false, 0, 0);
+    ExpectWait(1, a, false, 0, kWaitTimeout);
     automatic.SetEvent();
     automatic.ResetEvent();
-    EXPECT_EQ(WaitForObjects(1, a, false, 0), kWaitTimeout);
+    ExpectWait(1, a, false, 0, kWaitTimeout);
 
     // A null entry counts as signalled in index order, even for an infinite wait; the
     // auto-reset event after it is not looked at, and not taken.
     automatic.SetEvent();
-    EXPECT_EQ(WaitForObjects(3, withNull, false, kWaitInfinite), 1u);
+    ExpectWait(3, withNull, false, kWaitInfinite, 1);
     EXPECT_TRUE(automatic.IsSignalled());
     manual.SetEvent();
-    EXPECT_EQ(WaitForObjects(3, withNull, false, 0), 0u);
-    EXPECT_EQ(WaitForObjects(3, withNull, true, 0), 0u);
+    ExpectWait(3, withNull, false, 0, 0);
+    ExpectWait(3, withNull, true, 0, 0);
     EXPECT_FALSE(automatic.IsSignalled());  // taken by the wait-all
     // An empty or missing array is a failed wait, not an eternal one.
-    EXPECT_EQ(WaitForObjects(0, withNull, false, kWaitInfinite), kWaitFailed);
-    EXPECT_EQ(WaitForObjects(1, nullptr, false, kWaitInfinite), kWaitFailed);
+    ExpectWait(0, withNull, false, kWaitInfinite, kWaitFailed);
+    ExpectWait(1, nullptr, false, kWaitInfinite, kWaitFailed);
     EXPECT_EQ(manual.GetWaiterCount() + automatic.GetWaiterCount(), 0u);
 }
 

@@ -62,14 +62,9 @@ class LoadedModule : public ::testing::Test {
     const Module& m_ = LoadModule();
 };
 
-TEST_F(LoadedModule, OffersTheTwoInterfacesAndRefusesANullName) {
-    const PluginInterfaceList list = m_.getInterfaces();
-    ASSERT_EQ(list.count, 2u);
-    EXPECT_STREQ(list.records[0].name, "com.tarvex.brenlo.tideway.api");
-    EXPECT_EQ(list.records[0].version, 3u);
-    EXPECT_STREQ(list.records[1].name, "com.tarvex.brenlo.presentation");
-    EXPECT_EQ(list.records[1].version, 0u);
-
+TEST_F(LoadedModule, ListsInterfacesQuietlyAndRefusesANullName) {
+    // Names and versions of the table are pinned by the host smoke test; nothing is logged here.
+    ASSERT_EQ(m_.getInterfaces().count, 2u);
     EXPECT_EQ(m_.create(nullptr), nullptr);
     const auto records = syslog_capture::Records();
     ASSERT_EQ(records.size(), 1u);
