@@ -1,8 +1,8 @@
 #include "common/VNTrace.h"
 
+#include <ctype.h>
 #include <syslog.h>
 
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -11,6 +11,18 @@
 #include "SyslogCapture.h"
 
 namespace {
+
+// True when `text` has the shape of `pattern`, where '#' stands for any decimal digit.
+bool HasShape(const std::string& text, const std::string& pattern) {
+    if (text.size() != pattern.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (pattern[i] == '#' ? !isdigit(static_cast<unsigned char>(text[i]))
+                              : text[i] != pattern[i])
+            return false;
+    }
+    return true;
+}
 
 // Runs the trace statement against the process-wide object with a chosen mask, and restores it.
 class TraceTest : public ::testing::Test {
@@ -107,9 +119,15 @@ TEST(TraceObject, ClampBeforeInitialisationInitTraceOnlyOnceAndPrefix) {
 
     std::string prefix;
     trace.BuildPrefix(TL_USERINFO, prefix);
-    EXPECT_TRUE(std::regex_match(
-        prefix, std::regex(R"(USERINFO \| 0x[0-9a-f]+ \| \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \| )")))
+    // "USERINFO | 0x<thread> | <local time> | "
+    const size_t thread = prefix.find(" | ", 13);
+    ASSERT_EQ(prefix.compare(0, 13, "USERINFO | 0x"), 0) << prefix;
+    ASSERT_NE(thread, std::string::npos) << prefix;
+    EXPECT_GT(thread, 13u) << prefix;
+    EXPECT_EQ(prefix.substr(13, thread - 13).find_first_not_of("0123456789abcdef"),
+              std::string::npos)
         << prefix;
+    EXPECT_TRUE(HasShape(prefix.substr(thread), " | ####-##-##T##:##:## | ")) << prefix;
     EXPECT_EQ(TraceLevelPriority(-1), LOG_NOTICE);  // a level out of range is not an index
     EXPECT_EQ(TraceLevelPriority(0x107), LOG_NOTICE);
 }
