@@ -1,5 +1,3 @@
-#include <string.h>
-
 #include <sstream>
 #include <string>
 #include <vector>
