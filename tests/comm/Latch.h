@@ -1,5 +1,5 @@
-// Test-side synchronisation built on the standard library only, so that tests of the event and
-// the queue do not lean on the code they test.
+// Test-side synchronisation on the standard library only, so that the tests of the event and the
+// queue do not lean on the code they test.
 #ifndef TIDEWAY_TESTS_COMM_LATCH_H_
 #define TIDEWAY_TESTS_COMM_LATCH_H_
 
@@ -8,31 +8,6 @@
 #include <mutex>
 
 namespace comm_test {
-
-// Counts down once per arrival; Wait returns when the count reached zero.
-class Latch {
-  public:
-    explicit Latch(int count) : m_Count(count) {}
-    void CountDown() {
-        std::lock_guard<std::mutex> guard(m_Mutex);
-        if (m_Count > 0 && --m_Count == 0)
-            m_Cond.notify_all();
-    }
-    void Wait() {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        m_Cond.wait(lock, [this] { return m_Count == 0; });
-    }
-    // False when `timeout` ran out first.
-    bool WaitFor(std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Cond.wait_for(lock, timeout, [this] { return m_Count == 0; });
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Cond;
-    int m_Count;
-};
 
 // A counter that others can wait on until it reaches a value.
 class Counter {
