@@ -66,12 +66,15 @@ class ScriptedClient : private IIPCCallback {
     ReceivedMessage Ask(eCOMM_MESSAGE_ID id, const void* data = nullptr, uint32_t length = 0) {
         return Send(id, data, length) ? Next() : ReceivedMessage();
     }
-    // Skips messages until one with `id` comes.
-    ReceivedMessage NextWithId(uint32_t id) {
-        ReceivedMessage m;
-        while ((m = Next()).id != 0 && m.id != id) {
+    // Sends `id`, then skips what is still in flight until `answer` comes; false if it never does.
+    bool AskPast(eCOMM_MESSAGE_ID id, uint32_t answer) {
+        if (!Send(id))
+            return false;
+        for (ReceivedMessage m; (m = Next()).id != 0;) {
+            if (m.id == answer)
+                return true;
         }
-        return m;
+        return false;
     }
 
   private:
