@@ -26,27 +26,22 @@ struct Span {
     uint32_t length;
 };
 
-class CheckingSink final : public ipc::IFrameSink {
-  public:
-    CheckingSink(const uint8_t* stream, const std::vector<Span>& expected, unsigned stopEvery)
-        : m_pStream(stream), m_Expected(expected), m_StopEvery(stopEvery) {}
-
+// Aborts on a frame never sent whole, or with wrong bytes, length or order.
+struct CheckingSink final : ipc::IFrameSink {
+    CheckingSink(const uint8_t* s, const std::vector<Span>& e, unsigned n)
+        : stream(s), expected(e), stopEvery(n) {}
     bool OnFrame(uint8_t* data, uint32_t length) override {
-        // Aborts on a frame never sent whole, or with wrong bytes, length or order.
-        if (m_Next >= m_Expected.size())
+        if (next >= expected.size())
             abort();
-        const Span& want = m_Expected[m_Next++];
-        if (want.length != length || (length > 0 && memcmp(data, m_pStream + want.offset, length)))
+        const Span& want = expected[next++];
+        if (want.length != length || (length > 0 && memcmp(data, stream + want.offset, length)))
             abort();
-        return m_StopEvery == 0 || m_Next % m_StopEvery != 0;
+        return stopEvery == 0 || next % stopEvery != 0;
     }
-    size_t Delivered() const { return m_Next; }
-
-  private:
-    const uint8_t* m_pStream;
-    const std::vector<Span>& m_Expected;
-    const unsigned m_StopEvery;
-    size_t m_Next = 0;
+    const uint8_t* stream;
+    const std::vector<Span>& expected;
+    const unsigned stopEvery;
+    size_t next = 0;
 };
 
 }  // namespace
@@ -94,12 +89,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (decoder.BufferCapacity() > bufferLimit)
             abort();
     }
-    if (sink.Delivered() != expected.size() || (result == Result::kOversize) != oversize)
+    if (sink.next != expected.size() || (result == Result::kOversize) != oversize)
         abort();  // a whole frame went missing, or the oversize header was missed
     // After an oversize header the stream stays unusable: nothing more is parsed or read.
     if (result == Result::kOversize &&
         (decoder.Parse(sink) != Result::kOversize || decoder.WritableData(&capacity) != nullptr ||
-         sink.Delivered() != expected.size()))
+         sink.next != expected.size()))
         abort();
     // Emptied, the buffer is back to its first size, whatever it grew to.
     if (result != Result::kOversize && decoder.Pending() == 0 &&
