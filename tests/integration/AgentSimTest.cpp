@@ -174,8 +174,8 @@ TEST(AgentSimulator, ControlLinesReachTheClientAndBadOnesChangeNothing) {
 
 TEST(AgentSimulator, DaemonTakesAControlLineOnStdinAndEndsWithIt) {
     TempRoot root;
-    const std::string command = std::string("exec '") + TIDEWAY_AGENT_SIM_PATH + "' --root '" +
-                                root.path() + "' --port 6001 > /dev/null";
+    const std::string command = std::string("exec timeout 20 '") + TIDEWAY_AGENT_SIM_PATH +
+                                "' --root '" + root.path() + "' --port 6001 > /dev/null";
     FILE* daemon = popen(command.c_str(), "w");
     ASSERT_NE(daemon, nullptr);
     ScriptedClient client;
