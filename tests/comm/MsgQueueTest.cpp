@@ -63,11 +63,9 @@ TEST_F(MsgQueueTest, MessagesAreDeepCopiesInAndOutInOrderAndClearReleasesThem) {
     ASSERT_TRUE(queue.PutMessage(&bare));
     EXPECT_EQ(queue.GetCount(), 3u);
     std::unique_ptr<MSG_QUEUE_MSG> first = queue.GetMessage(false, 0);
-    uint32_t status = 0xAAAA;
-    std::unique_ptr<MSG_QUEUE_MSG> second = queue.PopMessage(&status);
+    std::unique_ptr<MSG_QUEUE_MSG> second = queue.PopMessage(nullptr);
     std::unique_ptr<MSG_QUEUE_MSG> third = queue.GetMessage(true, 200);
     ASSERT_TRUE(first && second && third);
-    EXPECT_EQ(status, 0u);
     EXPECT_EQ(ReadStamp(*first).sequence, 0u);
     EXPECT_EQ(ReadStamp(*second).sequence, 1u);
     EXPECT_EQ(third->m_MessageId, COMM_MSG_TOWERS_REQUEST_INFO);
@@ -81,7 +79,7 @@ TEST_F(MsgQueueTest, MessagesAreDeepCopiesInAndOutInOrderAndClearReleasesThem) {
     }
     queue.Clear();
     EXPECT_EQ(queue.GetMessage(false, 0), nullptr);
-    ASSERT_TRUE(queue.PutMessage(&bare));
+    ASSERT_TRUE(queue.PutMessage(&bare));  // left for the destructor
 }
 
 TEST_F(MsgQueueTest, ReadAfterAStaleSignalReturnsNullAtOnceThenWaits) {
@@ -91,8 +89,7 @@ TEST_F(MsgQueueTest, ReadAfterAStaleSignalReturnsNullAtOnceThenWaits) {
     Clock::time_point start = Clock::now();
     ASSERT_NE(queue.GetMessage(true, 200), nullptr);
     EXPECT_LT(ElapsedMs(start), 150);
-    // A read without waiting leaves the event set, so the next waiting read wakes at once on the
-    // stale signal and finds nothing; the one after waits its full time.
+    // A read without waiting leaves the event set: the next waiting read finds nothing at once.
     EXPECT_EQ(queue.GetMessage(false, 0), nullptr);
     start = Clock::now();
     EXPECT_EQ(queue.GetMessage(true, 200), nullptr);
@@ -105,8 +102,7 @@ TEST_F(MsgQueueTest, ReadAfterAStaleSignalReturnsNullAtOnceThenWaits) {
 }
 
 TEST_F(MsgQueueTest, BlockedReaderGetsEachMessageHandedOver) {
-    // Writer and reader start each round together, so the message lands before, during or after
-    // the reader's wait; a lost wake-up shows as a 10-second wait.
+    // The message lands before, during or after the reader's wait; a lost one waits 10 seconds.
     constexpr int kRounds = 300;
     CMsgQueue queue("VN$COMM$SENDER");
     comm_test::Barrier start(2);
@@ -132,7 +128,7 @@ TEST_F(MsgQueueTest, BlockedReaderGetsEachMessageHandedOver) {
 TEST_F(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
     constexpr uint32_t kWriters = 4, kPerWriter = 2000, kReaders = 2;
     CMsgQueue queue("VN$COMMUNICATOR");
-    comm_test::Barrier go(kReaders + kWriters);  // all start together
+    comm_test::Barrier go(kReaders + kWriters);
     std::atomic<uint32_t> taken{0};
     std::vector<std::vector<Stamp>> seen(kReaders);
     std::vector<std::thread> threads;
@@ -140,8 +136,7 @@ TEST_F(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
         threads.emplace_back([&, r] {
             go.ArriveAndWait();
             while (taken.load() < kWriters * kPerWriter) {
-                std::unique_ptr<MSG_QUEUE_MSG> message = queue.GetMessage(true, 200);
-                if (message != nullptr) {
+                if (std::unique_ptr<MSG_QUEUE_MSG> message = queue.GetMessage(true, 200)) {
                     ++taken;
                     seen[r].push_back(ReadStamp(*message));
                 }
@@ -159,24 +154,22 @@ TEST_F(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
     }
     for (std::thread& thread : threads)
         thread.join();
-
+    // Each reader sees each writer's messages in order; together they see each one once.
     std::vector<int> count(kWriters * kPerWriter, 0);
     for (const std::vector<Stamp>& list : seen) {
         std::vector<int64_t> last(kWriters, -1);
         for (const Stamp& stamp : list) {
-            ASSERT_LT(stamp.writer, kWriters);
-            ASSERT_LT(stamp.sequence, kPerWriter);
-            // Each reader sees each writer's messages in the order they were put.
+            ASSERT_TRUE(stamp.writer < kWriters && stamp.sequence < kPerWriter);
             ASSERT_GT(static_cast<int64_t>(stamp.sequence), last[stamp.writer]);
             last[stamp.writer] = stamp.sequence;
             ++count[stamp.writer * kPerWriter + stamp.sequence];
         }
     }
-    EXPECT_EQ(std::count(count.begin(), count.end(), 1), kWriters * kPerWriter);  // once each
+    EXPECT_EQ(std::count(count.begin(), count.end(), 1), kWriters * kPerWriter);
 }
 
 TEST_F(MsgQueueTest, CopyThatCannotBeMadeIsRefusedWithItsLine) {
-    // A record claiming more data than can be allocated is refused, not queued without its data.
+    // A record claiming more data than can be allocated is refused, not queued without data.
     CMsgQueue queue("VN$COMM$SENDER");
     MSG_QUEUE_MSG message(COMM_MSG_CONFIG_DATA, 0, 1, 0);
     ASSERT_EQ(message.SetData("abcd", 4), 0u);
