@@ -1,7 +1,6 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <boost/thread/thread.hpp>
@@ -96,36 +95,6 @@ TEST(SyncEventTest, WaitAllReturnsOnlyOnceEveryEventWasSignalled) {
     EXPECT_FALSE(second.IsSignalled());  // the auto-reset one was taken
     EXPECT_TRUE(first.IsSignalled() && third.IsSignalled());
     EXPECT_EQ(first.GetWaiterCount() + second.GetWaiterCount() + third.GetWaiterCount(), 0u);
-}
-
-TEST(SyncEventTest, AutoResetReleasesOneWaiterPerSignalInTurn) {
-    constexpr int kWaiters = 3;
-    CSyncEvent event(true);
-    CSyncEvent* events[] = {&event};
-    std::atomic<bool> stop{false};
-    comm_test::Counter released, exited;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kWaiters; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                if (WaitForObjects(1, events, false, 1000) == 0 && !stop)
-                    released.Add();
-            }
-            exited.Add();
-        });
-    }
-    // Once every waiter is back in its wait, every earlier release has been counted.
-    for (int round = 1; round <= 30 && !HasFailure(); ++round) {
-        EXPECT_TRUE(WaitForWaiters(event, kWaiters));
-        EXPECT_EQ(released.Get(), round - 1) << "one signal released two waits";
-        event.SetEvent();
-        EXPECT_TRUE(released.WaitAtLeast(round, milliseconds(500))) << "signal lost";
-    }
-    stop = true;
-    while (!exited.WaitAtLeast(kWaiters, milliseconds(10)))
-        event.SetEvent();
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 TEST(SyncEventTest, AutoResetSignalIsTakenOnceWhenAnotherWaitRacesTheWokenOne) {
