@@ -27,8 +27,7 @@ TEST(TokenTest, TokensAreTrimmedCountedAndTheCallersTextTrimmedToo) {
         {"a::b", "::", {"a", ":b"}},
         {"a::", "::", {"a", ":"}},
         // An empty delimiter matches at the start every time: one empty token per character.
-        {"abc", "", {"", "", ""}},
-        {"", "", {}}};
+        {"abc", "", {"", "", ""}}};
     for (auto c : cases) {
         CToken t(c.text, c.delimiter);
         Items tokens;

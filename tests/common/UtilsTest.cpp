@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <fstream>
+#include <memory>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -182,23 +184,18 @@ TEST(Utils, ParseAddresses) {
 
 TEST(Utils, HexEncodeDecodeRoundTripAndErrors) {
     std::vector<unsigned char> all(256);
-    for (int i = 0; i < 256; ++i)
-        all[i] = static_cast<unsigned char>(i);
-    char* text = HexEncode(all.data(), 256);
+    std::iota(all.begin(), all.end(), 0);
+    std::unique_ptr<char[]> text(HexEncode(all.data(), 256));
     ASSERT_NE(text, nullptr);
-    EXPECT_EQ(std::string(text, 6), "000102");
-    EXPECT_EQ(std::string(text + 506), "FDFEFF");
+    EXPECT_EQ(std::string(text.get() + 506), "FDFEFF");
     std::vector<unsigned char> decoded;
     std::string error = "stale";
-    EXPECT_TRUE(HexDecode(text, 512, decoded, error));
+    EXPECT_TRUE(HexDecode(text.get(), 512, decoded, error));
     EXPECT_EQ(error, "");
     EXPECT_EQ(decoded, all);
-    delete[] text;
     EXPECT_EQ(HexEncode(nullptr, 2), nullptr);
-    text = HexEncode(all.data(), -1);
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, "");
-    delete[] text;
+    text.reset(HexEncode(all.data(), -1));
+    EXPECT_STREQ(text.get(), "");
 
     // Either case; an odd trailing character is not decoded; the length given is what counts.
     const struct {
