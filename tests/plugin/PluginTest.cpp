@@ -1,10 +1,8 @@
 // The plug-in boundary as a host sees it, through dlopen, and DisposePlugin's ordering.
 #include <dlfcn.h>
 #include <stdio.h>
-#include <syslog.h>
 
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,54 +15,41 @@
 
 namespace {
 
-// The built module, loaded once, and its three exported functions.
-struct Module {
-    void* handle = nullptr;
-    std::string error;
-    PluginInterfaceList (*getInterfaces)() = nullptr;
-    Plugin* (*create)(const char*) = nullptr;
-    bool (*dispose)(Plugin*) = nullptr;
-};
-
-const Module& LoadModule() {
-    static const Module module = [] {
-        // Loaded like this, the module keeps its profile in the product's place, which the
-        // agent's installation makes.
+// The built module, loaded once as a host loads it.
+void* Module() {
+    static void* const handle = [] {
+        // The module keeps its profile in the product's place, which the agent's installation
+        // makes.
         boost::system::error_code ignored;
         boost::filesystem::create_directories("/opt/tarvex/brenlo/tideway/config", ignored);
-        Module m;
-        m.handle = dlopen(TIDEWAY_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        m.error = m.handle ? "" : dlerror();
-        auto sym = [&](auto& fn, const char* name) {
-            fn = m.handle ? reinterpret_cast<std::decay_t<decltype(fn)>>(dlsym(m.handle, name))
-                          : nullptr;
-        };
-        sym(m.getInterfaces, "GetAvailableInterfaces");
-        sym(m.create, "CreatePlugin");
-        sym(m.dispose, "DisposePlugin");
-        return m;
+        return dlopen(TIDEWAY_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     }();
-    return module;
+    return handle;
+}
+
+template <typename F>
+F* Symbol(const char* name) {
+    return Module() ? reinterpret_cast<F*>(dlsym(Module(), name)) : nullptr;
 }
 
 class LoadedModule : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_NE(m_.handle, nullptr) << m_.error;
-        ASSERT_TRUE(m_.getInterfaces && m_.create && m_.dispose);
+        ASSERT_TRUE(getInterfaces_ && create_ && dispose_) << dlerror();
         syslog_capture::Clear();
     }
-    const Module& m_ = LoadModule();
+    PluginInterfaceList (*getInterfaces_)() =
+        Symbol<PluginInterfaceList()>("GetAvailableInterfaces");
+    Plugin* (*create_)(const char*) = Symbol<Plugin*(const char*)>("CreatePlugin");
+    bool (*dispose_)(Plugin*) = Symbol<bool(Plugin*)>("DisposePlugin");
 };
 
 TEST_F(LoadedModule, ListsInterfacesQuietlyAndRefusesANullName) {
     // Names and versions of the table are pinned by the host smoke test; nothing is logged here.
-    ASSERT_EQ(m_.getInterfaces().count, 2u);
-    EXPECT_EQ(m_.create(nullptr), nullptr);
-    const auto records = syslog_capture::Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].text, "CreatePlugin failed. Interface name null.\n");
-    EXPECT_EQ(records[0].priority, LOG_ERR);
+    ASSERT_EQ(getInterfaces_().count, 2u);
+    EXPECT_EQ(create_(nullptr), nullptr);
+    EXPECT_EQ(syslog_capture::Texts(),
+              std::vector<std::string>{"CreatePlugin failed. Interface name null.\n"});
     // The trace starts without opening the system log under its own identity.
     EXPECT_TRUE(syslog_capture::OpenCalls().empty());
 }
@@ -73,7 +58,7 @@ TEST_F(LoadedModule, NamesMustMatchWholeAndByteForByte) {
     for (const std::string name : {"COM.TARVEX.BRENLO.TIDEWAY.API", "com.tarvex.brenlo.tideway.ap",
                                    "com.tarvex.brenlo.tideway.api ", ""}) {
         syslog_capture::Clear();
-        EXPECT_EQ(m_.create(name.c_str()), nullptr) << name;
+        EXPECT_EQ(create_(name.c_str()), nullptr) << name;
         // The profile is read first; the name is refused after it.
         EXPECT_EQ(syslog_capture::Count("Unknown interface name: " + name + "\n"), 1u) << name;
         EXPECT_EQ(syslog_capture::CountContaining("CreatePlugin failed"), 0u) << name;
@@ -82,22 +67,22 @@ TEST_F(LoadedModule, NamesMustMatchWholeAndByteForByte) {
 
 TEST_F(LoadedModule, ApiNameMakesALiveApiAndPresentationIsRefusedForNow) {
     // The API object comes up and starts connecting on its own; no agent is needed for that.
-    Plugin* api = m_.create("com.tarvex.brenlo.tideway.api");
+    Plugin* api = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(api, nullptr);
     EXPECT_EQ(api->SupportsInterface("com.tarvex.brenlo.tideway.api", 3), 1);
     EXPECT_EQ(api->SupportsInterface("com.tarvex.brenlo.tideway.api", 2), 0);
     EXPECT_EQ(api->SupportsInterface(nullptr, 3), 0);
     // A second creation disposes the first plug-in.
     syslog_capture::Clear();
-    Plugin* second = m_.create("com.tarvex.brenlo.tideway.api");
+    Plugin* second = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(syslog_capture::Count("CreatePlugin called while Plugin already appears to have "
                                     "been created.  Existing Plugin will be disposed.\n"),
               1u);
-    EXPECT_TRUE(m_.dispose(second));
+    EXPECT_TRUE(dispose_(second));
 
     syslog_capture::Clear();
-    EXPECT_EQ(m_.create("com.tarvex.brenlo.presentation"), nullptr);
+    EXPECT_EQ(create_("com.tarvex.brenlo.presentation"), nullptr);
     EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. Interface com.tarvex.brenlo.presentation "
                                     "cannot be created in this build.\n"),
               1u);
