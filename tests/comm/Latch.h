@@ -1,5 +1,5 @@
-// Test-side synchronisation on the standard library only, so that the tests of the event and the
-// queue do not lean on the code they test.
+// Test-side synchronisation on the standard library only, so that the event and queue tests do
+// not lean on the code they test.
 #ifndef TIDEWAY_TESTS_COMM_LATCH_H_
 #define TIDEWAY_TESTS_COMM_LATCH_H_
 
@@ -43,7 +43,6 @@ class Barrier {
             m_Arrived = 0;
             ++m_Generation;
             m_Cond.notify_all();
-            return;
         }
         m_Cond.wait(lock, [&] { return m_Generation != generation; });
     }
@@ -57,9 +56,8 @@ class Barrier {
 };
 
 inline long ElapsedMs(std::chrono::steady_clock::time_point since) {
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                 std::chrono::steady_clock::now() - since)
-                                 .count());
+    using namespace std::chrono;
+    return static_cast<long>(duration_cast<milliseconds>(steady_clock::now() - since).count());
 }
 
 }  // namespace comm_test

