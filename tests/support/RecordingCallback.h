@@ -1,7 +1,7 @@
 // An IVantoriaApiCB that records each notification as one line in `events` (in arrival order),
-// statuses and statistics also as values, and reads every getter of each result object while
-// it is alive, noting in `faults` a getter that breaks its contract. Notifications come on the
-// module's threads: `mutex` guards every recorded member; wait with WaitUntil.
+// statuses also as values, and reads every getter of each result object while it is alive,
+// noting in `faults` a getter that breaks its contract. Notifications come on the module's
+// threads: `mutex` guards every recorded member; wait with WaitUntil.
 #ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 #define TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 
@@ -17,12 +17,6 @@
 #include <vector>
 
 #include "IVantoriaApiCB.h"
-
-struct RecordedStatistics {
-    uint64_t filtered = 0, bypassed = 0, other = 0;
-    uint64_t totalFiltered = 0, totalBypassed = 0, totalOther = 0, mode = 0;
-    std::string activeTower, enabled, since;
-};
 
 // Reads a text getter by the two-call protocol (ask the size, then copy), checking that the
 // size fits exactly, nothing is written past it and one byte less is refused. On a broken
@@ -109,21 +103,18 @@ class RecordingCallback : public IVantoriaApiCB {
     }
     // "X:tower|enabled|since|filtered|totalFiltered|mode"
     int32_t OnStatistics(IVantoriaStatistics* s) override {
-        RecordedStatistics r;
-        uint64_t unused = 0, lan = 0;
-        s->GetConnectionCounts(r.filtered, r.bypassed, r.other);
-        s->GetTotalCounts(r.totalFiltered, r.totalBypassed, r.totalOther);
+        uint64_t n[6] = {}, mode = 0, unused = 0;
+        s->GetConnectionCounts(n[0], n[1], n[2]);
+        s->GetTotalCounts(n[3], n[4], n[5]);
         s->GetServiceStatus(unused);
         s->GetReserved(unused);
-        s->GetLanState(unused, lan);
-        s->GetSelectionMode(r.mode);
-        r.activeTower = Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); });
-        r.enabled = Text([&](char* b, uint32_t& l) { return s->GetTimeServiceEnabled(b, l); });
-        r.since = Text([&](char* b, uint32_t& l) { return s->GetTimeSinceLastTowerSelect(b, l); });
-        Record("X:" + r.activeTower + "|" + r.enabled + "|" + r.since + "|" +
-                   std::to_string(r.filtered) + "|" + std::to_string(r.totalFiltered) + "|" +
-                   std::to_string(r.mode),
-               [&] { statistics.push_back(r); });
+        s->GetLanState(unused, unused);
+        s->GetSelectionMode(mode);
+        Record(
+            "X:" + Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); }) + "|" +
+            Text([&](char* b, uint32_t& l) { return s->GetTimeServiceEnabled(b, l); }) + "|" +
+            Text([&](char* b, uint32_t& l) { return s->GetTimeSinceLastTowerSelect(b, l); }) + "|" +
+            std::to_string(n[0]) + "|" + std::to_string(n[3]) + "|" + std::to_string(mode));
         return 0;
     }
     // "I:type#text"
@@ -155,13 +146,6 @@ class RecordingCallback : public IVantoriaApiCB {
     size_t Count(uint64_t code) {
         return Locked<size_t>([&] { return CountLocked(code); });
     }
-    // Events whose line starts with `prefix`.
-    size_t CountEvents(const std::string& prefix) {
-        return Locked<size_t>([&] {
-            return std::count_if(events.begin(), events.end(),
-                                 [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
-        });
-    }
     template <typename T>
     T Locked(const std::function<T()>& read) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -173,13 +157,12 @@ class RecordingCallback : public IVantoriaApiCB {
     std::vector<std::string> Events() {
         return Locked<std::vector<std::string>>([&] { return events; });
     }
-    // Returns the events so far and forgets everything recorded but the faults.
+    // Returns the events so far and forgets them and the statuses.
     std::vector<std::string> TakeEvents() {
         std::lock_guard<std::mutex> lock(mutex);
+        statuses.clear();
         std::vector<std::string> taken;
         taken.swap(events);
-        statuses.clear();
-        statistics.clear();
         return taken;
     }
 
@@ -190,7 +173,6 @@ class RecordingCallback : public IVantoriaApiCB {
     std::condition_variable changed;
     std::vector<std::string> events, faults;
     std::vector<uint64_t> statuses;
-    std::vector<RecordedStatistics> statistics;
 
   private:
     size_t CountLocked(uint64_t code) const {
