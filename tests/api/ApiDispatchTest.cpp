@@ -61,67 +61,44 @@ class ApiWithFakeChannel : public ::testing::Test {
         fake_->Deliver(COMM_MSG_INFO_MESSAGE, text.c_str(), static_cast<uint32_t>(text.size() + 1));
         ASSERT_TRUE(cb_.WaitForLast("I:" + text));
     }
-    Statuses StatusesSince(size_t from) {
-        const Statuses all = cb_.Statuses();
-        return Statuses(all.begin() + std::min(from, all.size()), all.end());
-    }
-
     std::shared_ptr<FakeIPCClient::State> fake_;
     RecordingCallback cb_;
     std::unique_ptr<CVantoriaApi> api_;
     uint32_t savedMask_ = 0;
 };
 
-TEST_F(ApiWithFakeChannel, StateBytesBecomeStatusSequences) {
+TEST_F(ApiWithFakeChannel, StateAndResultBytesBecomeStatusesAndAskForFreshState) {
     Connect();
-    // The highest-priority bit wins; 0x80 alone says nothing.
-    const struct {
-        uint8_t byte;
-        Statuses statuses;
-    } cases[] = {
-        {0x09, {6, 0, 6}}, {0x80, {}},  {0x40, {17}}, {0x42, {17}},      {0x02, {3}},
-        {0x04, {4}},       {0x10, {5}}, {0x20, {16}}, {0x01, {2, 0, 2}}, {0x00, {0}},
-    };
-    for (const auto& c : cases) {
-        const size_t before = cb_.Statuses().size();
-        fake_->Deliver(COMM_MSG_ICON_APLUS_STATE, &c.byte, 1);
-        Sync();
-        EXPECT_EQ(StatusesSince(before), c.statuses) << "state byte " << int(c.byte);
-    }
-    const size_t before = cb_.Statuses().size();
-    fake_->Deliver(COMM_MSG_ICON_APLUS_STATE);  // no byte: nothing
-    Sync();
-    EXPECT_TRUE(StatusesSince(before).empty());
-}
-
-TEST_F(ApiWithFakeChannel, ResultBytesSetStatusesLastErrorAndAskForFreshState) {
-    Connect();
-    const uint8_t ok = 1, failed = 0;
     const size_t before = cb_.Statuses().size();
     const size_t sentBefore = fake_->Locked([&] { return fake_->sentIds.size(); });
+    // The highest-priority state bit wins; 0x80 alone and a missing byte say nothing.
+    for (uint8_t byte : {0x09, 0x80, 0x42, 0x02, 0x04, 0x10, 0x20, 0x01, 0x00})
+        fake_->Deliver(COMM_MSG_ICON_APLUS_STATE, &byte, 1);
+    fake_->Deliver(COMM_MSG_ICON_APLUS_STATE);
+    const uint8_t ok = 1, failed = 0;
     for (auto id : {COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS, COMM_MSG_DCT_SETTINGS_UPDATED,
                     COMM_MSG_SERVICE_STATS_START_RESULT})
-        fake_->Deliver(id);  // without the byte: no effect
+        fake_->Deliver(id);  // a result without its byte: no effect
     fake_->Deliver(COMM_MSG_SERVICE_STATS_START_RESULT, &failed, 1);
     fake_->Deliver(COMM_MSG_SERVICE_STATS_START_RESULT, &ok, 1);
     fake_->Deliver(COMM_MSG_DCT_SETTINGS_UPDATED, &failed, 1);
     fake_->Deliver(COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS, &ok, 1);
     Sync();
-    EXPECT_EQ(StatusesSince(before), (Statuses{14, 15, 12, 11}));
+    const Statuses all = cb_.Statuses();
+    EXPECT_EQ(Statuses(all.begin() + before, all.end()),
+              (Statuses{6, 0, 6, 17, 3, 4, 5, 16, 2, 0, 2, 0, 14, 15, 12, 11}));
     EXPECT_EQ(ReadText([&](char* b, uint32_t& l) { return api_->GetLastErrorString(b, l); }),
               "Detect Closest Tower change failed");
     // Statuses 12 and 11 each ask for the towers and the settings, in that order; 14, 15 don't.
-    const std::vector<uint32_t> pairs = {
-        COMM_MSG_TOWERS_REQUEST_INFO, COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_TOWERS_REQUEST_INFO,
-        COMM_MSG_DCT_SETTINGS_REQUEST};
     ASSERT_EQ(api_->QueryProxyState(), 0);  // a command behind them: once it is out, so are they
     ASSERT_TRUE(fake_->WaitFor([&] {
         return !fake_->sentIds.empty() && fake_->sentIds.back() == COMM_MSG_PROXY_STATE_QUERY;
     }));
-    const std::vector<uint32_t> sent = fake_->Locked([&] {
+    EXPECT_EQ(fake_->Locked([&] {
         return std::vector<uint32_t>(fake_->sentIds.begin() + sentBefore, fake_->sentIds.end() - 1);
-    });
-    EXPECT_EQ(sent, pairs);
+    }),
+              (std::vector<uint32_t>{COMM_MSG_TOWERS_REQUEST_INFO, COMM_MSG_DCT_SETTINGS_REQUEST,
+                                     COMM_MSG_TOWERS_REQUEST_INFO, COMM_MSG_DCT_SETTINGS_REQUEST}));
 }
 
 TEST_F(ApiWithFakeChannel, AgentDataBecomesResultObjectsAndBadDataIsDropped) {
@@ -163,7 +140,7 @@ TEST_F(ApiWithFakeChannel, AgentDataBecomesResultObjectsAndBadDataIsDropped) {
     for (uint32_t size : {23u, 20u, 0u})
         fake_->DeliverRaw(shortPacket, size);
     Sync();
-    const std::string x100(100, 'x');
+    const std::string x100(100, 'x'), x255(255, 'x');
     const std::vector<std::string> want = {"S9",
                                            "T:a,b@0",
                                            "T:a,b@1",
@@ -173,7 +150,7 @@ TEST_F(ApiWithFakeChannel, AgentDataBecomesResultObjectsAndBadDataIsDropped) {
                                            "D:2,1,7",
                                            "A:east-9",
                                            "P:10.9.8.7|8080|Basic|r",
-                                           "X:" + std::string(255, 'x') + "|" + x100 + "|" + x100 +
+                                           "X:" + x255 + "|" + x100 + "|" + x100 +
                                                "|4294967294|1099511627781|" +
                                                std::to_string(0x78787878),
                                            "X:|||4294967295|0|0",
