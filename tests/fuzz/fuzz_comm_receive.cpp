@@ -293,7 +293,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         event = strchr("TPX", event[0]) ? event.substr(0, 1) : event;
     if (seen != model.lines)
         Fail("notifications differ from the protocol's");
-    const auto faults = cb.Locked<std::vector<std::string>>([&] { return cb.faults; });
+    const auto faults = cb.Locked([&] { return cb.faults; });
     if (!faults.empty())
         Fail("a result object broke its contract:", faults[0]);
 

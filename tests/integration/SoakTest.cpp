@@ -51,7 +51,7 @@ TEST(Soak, AgentRestartedFiftyTimesUnderTraffic) {
             return size_t(std::count_if(cb->events.begin(), cb->events.end(),
                                         [](const std::string& e) { return e[0] == 'X'; }));
         };
-        const size_t before = cb->Locked<size_t>(reports);
+        const size_t before = cb->Locked(reports);
         ASSERT_EQ(api->StartStatsCollecting(), 0);
         ASSERT_EQ(api->SetTower(round % 2 ? "east-1" : "west-1"), 0);
         ASSERT_EQ(api->GetTowerList(), 0);

@@ -14,6 +14,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "IVantoriaApiCB.h"
@@ -75,7 +76,7 @@ class RecordingCallback : public IVantoriaApiCB {
         status->GetStatus(code);
         if (statusHook)
             statusHook(code);
-        Record("S" + std::to_string(code), [&] { statuses.push_back(code); });
+        Record("S" + std::to_string(code), &code);
         return 0;
     }
     // "A:tower" for an activated tower, else "D:mode,detect,gui"
@@ -139,31 +140,26 @@ class RecordingCallback : public IVantoriaApiCB {
         return WaitUntil([&] { return CountLocked(code) >= occurrences; }, timeout);
     }
     // Waits until the newest event is `event`.
-    bool WaitForLast(const std::string& event,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        return WaitUntil([&] { return !events.empty() && events.back() == event; }, timeout);
+    bool WaitForLast(const std::string& event) {
+        return WaitUntil([&] { return !events.empty() && events.back() == event; });
     }
-    size_t Count(uint64_t code) {
-        return Locked<size_t>([&] { return CountLocked(code); });
-    }
-    template <typename T>
-    T Locked(const std::function<T()>& read) {
+    template <typename F>
+    auto Locked(F read) {
         std::lock_guard<std::mutex> lock(mutex);
         return read();
     }
+    size_t Count(uint64_t code) {
+        return Locked([&] { return CountLocked(code); });
+    }
     std::vector<uint64_t> Statuses() {
-        return Locked<std::vector<uint64_t>>([&] { return statuses; });
+        return Locked([&] { return statuses; });
     }
     std::vector<std::string> Events() {
-        return Locked<std::vector<std::string>>([&] { return events; });
+        return Locked([&] { return events; });
     }
     // Returns the events so far and forgets them and the statuses.
     std::vector<std::string> TakeEvents() {
-        std::lock_guard<std::mutex> lock(mutex);
-        statuses.clear();
-        std::vector<std::string> taken;
-        taken.swap(events);
-        return taken;
+        return Locked([&] { return statuses.clear(), std::exchange(events, {}); });
     }
 
     // Called on the notifying thread before a status is recorded (to hold a thread up).
@@ -186,16 +182,14 @@ class RecordingCallback : public IVantoriaApiCB {
         return text;
     }
     void Fault(const std::string& what) {
-        std::lock_guard<std::mutex> lock(mutex);
-        faults.push_back(what);
+        Locked([&] { faults.push_back(what); });
     }
-    void Record(
-        const std::string& event, const std::function<void()>& write = [] {}) {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
+    void Record(const std::string& event, const uint64_t* status = nullptr) {
+        Locked([&] {
             events.push_back(event);
-            write();
-        }
+            if (status != nullptr)
+                statuses.push_back(*status);
+        });
         changed.notify_all();
     }
 };
