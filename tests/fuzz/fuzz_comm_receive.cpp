@@ -110,8 +110,7 @@ struct Model {
                 break;
             case COMM_MSG_DCT_SETTINGS_RESPONSE:
                 if (length != 0 && length <= sizeof(DCTSettings)) {
-                    DCTSettings s;
-                    memset(&s, 0, sizeof(s));
+                    DCTSettings s = {};
                     memcpy(&s, data, length);
                     lines.push_back("D:" + std::to_string(s.nMode) + "," +
                                     std::to_string(s.nDetectClosest) + "," +
@@ -149,19 +148,15 @@ struct Model {
                         text.substr(hash + 1));
                 break;
             }
-            default:
-                break;  // commands, internal ids and ids the client does not handle
-        }
+        }  // commands, internal ids and ids the client does not handle: nothing
     }
+    // The highest-priority bit decides; no bit at all is status 0, 0x80 alone nothing.
     void StateByte(uint8_t bits) {
-        const struct {
-            uint8_t bit;
-            std::vector<uint32_t> statuses;
-        } order[] = {{0x08, {6, 0, 6}}, {0x40, {17}}, {0x02, {3}},      {0x04, {4}},
-                     {0x10, {5}},       {0x20, {16}}, {0x01, {2, 0, 2}}};
-        for (const auto& o : order) {
-            if (bits & o.bit) {
-                for (uint32_t code : o.statuses)
+        const uint8_t order[] = {0x08, 0x40, 0x02, 0x04, 0x10, 0x20, 0x01};
+        const std::vector<uint32_t> statuses[] = {{6, 0, 6}, {17}, {3}, {4}, {5}, {16}, {2, 0, 2}};
+        for (size_t i = 0; i < sizeof(order); ++i) {
+            if (bits & order[i]) {
+                for (uint32_t code : statuses[i])
                     Status(code);
                 return;
             }
