@@ -18,17 +18,13 @@ namespace {
 using std::chrono::seconds;
 using Statuses = std::vector<uint64_t>;
 
-void TraceEverything() {
-    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
-                      10000, 100, 1, 0, 60);
-    g_Trace.SetLevelMask(0xFFFFFFFF);
-}
-
 class ApiWithFakeChannel : public ::testing::Test {
   protected:
     void SetUp() override {
+        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
+                          10, 10000, 100, 1, 0, 60);
         savedMask_ = g_Trace.GetLevelMask();
-        TraceEverything();
+        g_Trace.SetLevelMask(0xFFFFFFFF);
         syslog_capture::Clear();
         fake_ = FakeIPCClient::Install();
     }
@@ -235,13 +231,6 @@ TEST_F(ApiWithFakeChannel, GlueTracksSessionsAndRoutesCommandClientIds) {
         "ClientComm : msgid COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL\n", seconds(5)));
     EXPECT_EQ(syslog_capture::Count("ClientComm : msgid COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC\n"),
               1u);
-    // Statistics never write an IPC-level line.
-    ServiceStatistics stats;
-    memset(&stats, 0, sizeof(stats));
-    fake_->Deliver(COMM_MSG_SERVICE_STATS, &stats, sizeof(stats));
-    Sync();
-    EXPECT_EQ(syslog_capture::CountContaining("COMM_MSG_SERVICE_STATS\n"), 0u);
-
     // The agent goes: one PEER_DC, the session is gone, the cycle comes round with status 8.
     fake_->PeerState(8, 1, 0);
     ASSERT_TRUE(cb_.WaitForStatus(8));
