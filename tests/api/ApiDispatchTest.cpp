@@ -193,6 +193,7 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
         syslog_capture::Count("ClientComm : Failed to send msg (COMM_MSG_CHANGE_ACTIVE_TOWER) "
                               "to server, server not accessible.\n"),
         1u);
+    EXPECT_EQ(syslog_capture::CountContaining("ClientComm : Failed to send msg"), 1u);
     EXPECT_EQ(syslog_capture::Count("ClientComm : peer disconnected, stopping snd/rcv threads\n"),
               1u);
     EXPECT_EQ(api_->GetTowerList(), -10);  // not connected until the agent speaks again
