@@ -26,8 +26,6 @@ class FakeIPCClient : public IIPCClient {
         std::mutex mutex;
         std::condition_variable changed;
         IIPCCallback* callback = nullptr;
-        uint32_t identity = 0, lastParam = 0;
-        uint16_t lastPort = 0;
         int created = 0, connects = 0;
         std::vector<uint32_t> sentIds;
         std::vector<std::vector<uint8_t>> sentData;
@@ -74,12 +72,8 @@ class FakeIPCClient : public IIPCClient {
 
     explicit FakeIPCClient(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-    BR_STATUSCODE ConnectAsync(uint32_t, uint32_t, uint32_t param, uint16_t port) override {
-        state_->Notify([&] {
-            ++state_->connects;
-            state_->lastPort = port;
-            state_->lastParam = param;
-        });
+    BR_STATUSCODE ConnectAsync(uint32_t, uint32_t, uint32_t, uint16_t) override {
+        state_->Notify([&] { ++state_->connects; });
         return 0;
     }
     BR_STATUSCODE SendData(IPCBuffer* buffer) override {
@@ -103,10 +97,9 @@ class FakeIPCClient : public IIPCClient {
     // Installs the fake for communicators made from now on; returns its shared state.
     static std::shared_ptr<State> Install() {
         auto state = std::make_shared<State>();
-        SetIPCClientFactoryForTesting([state](uint32_t identity, IIPCCallback* callback) {
+        SetIPCClientFactoryForTesting([state](uint32_t, IIPCCallback* callback) {
             state->Notify([&] {
                 state->callback = callback;
-                state->identity = identity;
                 ++state->created;
             });
             return new FakeIPCClient(state);

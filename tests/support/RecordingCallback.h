@@ -1,7 +1,7 @@
 // An IVantoriaApiCB that records each notification as one line in `events` (in arrival order),
-// statuses and statistics also as values, and reads every getter of each result object while
-// it is alive, noting in `faults` a getter that breaks its contract. Notifications come on the
-// module's threads: `mutex` guards every recorded member; wait with WaitUntil.
+// statuses also as values, and reads every getter of each result object while it is alive,
+// noting in `faults` a getter that breaks its contract. Notifications come on the module's
+// threads: `mutex` guards every recorded member; wait with WaitUntil.
 #ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 #define TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 
@@ -14,15 +14,10 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "IVantoriaApiCB.h"
-
-struct RecordedStatistics {
-    uint64_t filtered = 0, bypassed = 0, other = 0;
-    uint64_t totalFiltered = 0, totalBypassed = 0, totalOther = 0, mode = 0;
-    std::string activeTower, enabled, since;
-};
 
 // Reads a text getter by the two-call protocol (ask the size, then copy), checking that the
 // size fits exactly, nothing is written past it and one byte less is refused. On a broken
@@ -81,7 +76,7 @@ class RecordingCallback : public IVantoriaApiCB {
         status->GetStatus(code);
         if (statusHook)
             statusHook(code);
-        Record("S" + std::to_string(code), [&] { statuses.push_back(code); });
+        Record("S" + std::to_string(code), &code);
         return 0;
     }
     // "A:tower" for an activated tower, else "D:mode,detect,gui"
@@ -109,21 +104,18 @@ class RecordingCallback : public IVantoriaApiCB {
     }
     // "X:tower|enabled|since|filtered|totalFiltered|mode"
     int32_t OnStatistics(IVantoriaStatistics* s) override {
-        RecordedStatistics r;
-        uint64_t unused = 0, lan = 0;
-        s->GetConnectionCounts(r.filtered, r.bypassed, r.other);
-        s->GetTotalCounts(r.totalFiltered, r.totalBypassed, r.totalOther);
+        uint64_t n[6] = {}, mode = 0, unused = 0;
+        s->GetConnectionCounts(n[0], n[1], n[2]);
+        s->GetTotalCounts(n[3], n[4], n[5]);
         s->GetServiceStatus(unused);
         s->GetReserved(unused);
-        s->GetLanState(unused, lan);
-        s->GetSelectionMode(r.mode);
-        r.activeTower = Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); });
-        r.enabled = Text([&](char* b, uint32_t& l) { return s->GetTimeServiceEnabled(b, l); });
-        r.since = Text([&](char* b, uint32_t& l) { return s->GetTimeSinceLastTowerSelect(b, l); });
-        Record("X:" + r.activeTower + "|" + r.enabled + "|" + r.since + "|" +
-                   std::to_string(r.filtered) + "|" + std::to_string(r.totalFiltered) + "|" +
-                   std::to_string(r.mode),
-               [&] { statistics.push_back(r); });
+        s->GetLanState(unused, unused);
+        s->GetSelectionMode(mode);
+        Record(
+            "X:" + Text([&](char* b, uint32_t& l) { return s->GetActiveTowerName(b, l); }) + "|" +
+            Text([&](char* b, uint32_t& l) { return s->GetTimeServiceEnabled(b, l); }) + "|" +
+            Text([&](char* b, uint32_t& l) { return s->GetTimeSinceLastTowerSelect(b, l); }) + "|" +
+            std::to_string(n[0]) + "|" + std::to_string(n[3]) + "|" + std::to_string(mode));
         return 0;
     }
     // "I:type#text"
@@ -148,39 +140,26 @@ class RecordingCallback : public IVantoriaApiCB {
         return WaitUntil([&] { return CountLocked(code) >= occurrences; }, timeout);
     }
     // Waits until the newest event is `event`.
-    bool WaitForLast(const std::string& event,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        return WaitUntil([&] { return !events.empty() && events.back() == event; }, timeout);
+    bool WaitForLast(const std::string& event) {
+        return WaitUntil([&] { return !events.empty() && events.back() == event; });
     }
-    size_t Count(uint64_t code) {
-        return Locked<size_t>([&] { return CountLocked(code); });
-    }
-    // Events whose line starts with `prefix`.
-    size_t CountEvents(const std::string& prefix) {
-        return Locked<size_t>([&] {
-            return std::count_if(events.begin(), events.end(),
-                                 [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
-        });
-    }
-    template <typename T>
-    T Locked(const std::function<T()>& read) {
+    template <typename F>
+    auto Locked(F read) {
         std::lock_guard<std::mutex> lock(mutex);
         return read();
     }
+    size_t Count(uint64_t code) {
+        return Locked([&] { return CountLocked(code); });
+    }
     std::vector<uint64_t> Statuses() {
-        return Locked<std::vector<uint64_t>>([&] { return statuses; });
+        return Locked([&] { return statuses; });
     }
     std::vector<std::string> Events() {
-        return Locked<std::vector<std::string>>([&] { return events; });
+        return Locked([&] { return events; });
     }
-    // Returns the events so far and forgets everything recorded but the faults.
+    // Returns the events so far and forgets them and the statuses.
     std::vector<std::string> TakeEvents() {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<std::string> taken;
-        taken.swap(events);
-        statuses.clear();
-        statistics.clear();
-        return taken;
+        return Locked([&] { return statuses.clear(), std::exchange(events, {}); });
     }
 
     // Called on the notifying thread before a status is recorded (to hold a thread up).
@@ -190,7 +169,6 @@ class RecordingCallback : public IVantoriaApiCB {
     std::condition_variable changed;
     std::vector<std::string> events, faults;
     std::vector<uint64_t> statuses;
-    std::vector<RecordedStatistics> statistics;
 
   private:
     size_t CountLocked(uint64_t code) const {
@@ -204,16 +182,14 @@ class RecordingCallback : public IVantoriaApiCB {
         return text;
     }
     void Fault(const std::string& what) {
-        std::lock_guard<std::mutex> lock(mutex);
-        faults.push_back(what);
+        Locked([&] { faults.push_back(what); });
     }
-    void Record(
-        const std::string& event, const std::function<void()>& write = [] {}) {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
+    void Record(const std::string& event, const uint64_t* status = nullptr) {
+        Locked([&] {
             events.push_back(event);
-            write();
-        }
+            if (status != nullptr)
+                statuses.push_back(*status);
+        });
         changed.notify_all();
     }
 };

@@ -55,44 +55,34 @@ extern "C" __attribute__((visibility("default"))) void vsyslog(int priority, con
 
 namespace syslog_capture {
 
+template <typename F>
+static auto Locked(F read) {
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return read(s);
+}
+
 void Clear() {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.records.clear();
-    s.opens.clear();
+    Locked([](State& s) { s.records.clear(), s.opens.clear(); });
 }
-
 std::vector<Record> Records() {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.records;
+    return Locked([](State& s) { return s.records; });
 }
-
 std::vector<std::string> Texts() {
     std::vector<std::string> texts;
     for (const Record& r : Records())
         texts.push_back(r.text);
     return texts;
 }
-
 std::vector<OpenCall> OpenCalls() {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.opens;
+    return Locked([](State& s) { return s.opens; });
 }
-
 size_t Count(const std::string& text) {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return CountLocked(s, text, true);
+    return Locked([&](State& s) { return CountLocked(s, text, true); });
 }
-
 size_t CountContaining(const std::string& fragment) {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return CountLocked(s, fragment, false);
+    return Locked([&](State& s) { return CountLocked(s, fragment, false); });
 }
-
 bool WaitFor(const std::string& text, std::chrono::milliseconds timeout, size_t count) {
     State& s = TheState();
     std::unique_lock<std::mutex> lock(s.mutex);
