@@ -17,13 +17,6 @@ namespace {
 using config_test::ChainRoot;
 using config_test::LoadParameters;
 
-// Counts reads, so that the writer can wait until every reader has moved on.
-struct Progress {
-    std::mutex mutex;
-    std::condition_variable cond;
-    long reads = 0;
-};
-
 TEST(ConfigConcurrencyTest, ReadersNeverSeeAReloadHalfDone) {
     ChainRoot root;
     auto config = LoadParameters(
@@ -35,7 +28,9 @@ TEST(ConfigConcurrencyTest, ReadersNeverSeeAReloadHalfDone) {
     constexpr int kRounds = 10;
     std::atomic<bool> done{false};
     std::atomic<int> badReads{0};
-    Progress progress;
+    std::mutex mutex;  // guards reads, which lets the writer wait until every reader moved on
+    std::condition_variable readDone;
+    long reads = 0;
 
     std::vector<std::thread> readers;
     for (int r = 0; r < kReaders; ++r) {
@@ -43,26 +38,24 @@ TEST(ConfigConcurrencyTest, ReadersNeverSeeAReloadHalfDone) {
             while (!done.load()) {
                 ConfigParams params;
                 config->GetConfigParams(params);
-                const bool portOk = params.ipcPort == 1001 || params.ipcPort == 4444;
-                const bool towersOk = params.towerHosts == "a;b;";
-                const bool listsOk = config->GetExceptionCount(1) == 2;
                 std::vector<std::string> lines;
                 std::vector<int> marks;
-                const bool dumpOk = config->GetConfigDump(lines, marks) == 0 && lines.size() == 19;
-                if (!(portOk && towersOk && listsOk && dumpOk))
+                if ((params.ipcPort != 1001 && params.ipcPort != 4444) ||
+                    params.towerHosts != "a;b;" || config->GetExceptionCount(1) != 2 ||
+                    config->GetConfigDump(lines, marks) != 0 || lines.size() != 19)
                     ++badReads;
-                std::lock_guard<std::mutex> lock(progress.mutex);
-                ++progress.reads;
-                progress.cond.notify_all();
+                std::lock_guard<std::mutex> lock(mutex);
+                ++reads;
+                readDone.notify_all();
             }
         });
     }
     for (int i = 0; i < kRounds; ++i) {
         {  // each round starts only after the readers have read again
-            std::unique_lock<std::mutex> lock(progress.mutex);
-            const long target = progress.reads + kReaders;
-            ASSERT_TRUE(progress.cond.wait_for(lock, std::chrono::seconds(30),
-                                               [&] { return progress.reads >= target; }));
+            std::unique_lock<std::mutex> lock(mutex);
+            const long target = reads + kReaders;
+            ASSERT_TRUE(
+                readDone.wait_for(lock, std::chrono::seconds(30), [&] { return reads >= target; }));
         }
         EXPECT_TRUE(config->UpdateConfigKey("ipc_port", "4444", false));
         EXPECT_TRUE(config->Reload());

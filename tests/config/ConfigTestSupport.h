@@ -1,23 +1,20 @@
 // Helpers of the configuration tests: the trace set up so that ERR and WARN lines reach the
-// captured system log, a temporary folder, obfuscated profile files, and a temporary app-data
-// root holding the product's three profile files.
+// captured system log, file bytes, obfuscated profiles, and an app-data root with the product's
+// profile folders.
 #ifndef TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 #define TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
-
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "SyslogCapture.h"
+#include "TestEnv.h"
 #include "common/OpenSSLCrypt.h"
-#include "common/Utils.h"
 #include "common/VNTrace.h"
 #include "config/DnConfigFile.h"
 
@@ -29,42 +26,18 @@ inline void InitTrace() {
     g_Trace.SetLevelMask(kDefaultTraceMask);
 }
 
-// A temporary folder, removed with everything in it.
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "tideway-config-XXXXXX").string();
-        if (mkdtemp(&pattern[0]) == nullptr)
-            ADD_FAILURE() << "mkdtemp failed";
-        m_Path = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_Path, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    std::string Path(const std::string& name) const { return m_Path + "/" + name; }
-    std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(Path(name), std::ios::binary | std::ios::trunc) << bytes;
-        return Path(name);
-    }
-
-  private:
-    std::string m_Path;
-};
-
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+inline std::string Write(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    return path;
 }
 
 // A file's bytes, or "<absent>".
-inline std::string Snapshot(const std::string& path) {
+inline std::string Bytes(const std::string& path) {
     std::error_code ec;
-    return std::filesystem::is_regular_file(path, ec) ? ReadFile(path) : "<absent>";
+    if (!std::filesystem::is_regular_file(path, ec))
+        return "<absent>";
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // A profile document around `parameters`, the inner text of ConfigurationParameters.
@@ -88,9 +61,9 @@ inline void WriteObfuscated(const std::string& path, const std::string& plain, b
 // The decoded text of an obfuscated file, marker included; "<undecodable>" on failure.
 inline std::string Decode(const std::string& path) {
     std::string text;
-    if (COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), text, EVP_aes_128_cbc(), nullptr) != 0)
-        return "<undecodable>";
-    return text;
+    return COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), text, EVP_aes_128_cbc(), nullptr) == 0
+               ? text
+               : "<undecodable>";
 }
 
 // How many log records say exactly `text`.
@@ -98,32 +71,24 @@ inline size_t Logged(const std::string& text) {
     return syslog_capture::Count(text + "\n");
 }
 
-// A temporary app-data root with the product's folders, set as the root for the life of the
-// object, with the plug-in's role; the trace is set up and the captured log cleared.
-class ChainRoot {
+// A temporary app-data root with the product's folders and the plug-in's role; the trace is set
+// up and the captured log cleared.
+class ChainRoot : public TempRoot {
   public:
     ChainRoot() {
         InitTrace();
         syslog_capture::Clear();
-        SetAllUsersAppDataPathForTesting(m_Dir.Path("root"));
-        std::filesystem::create_directories(m_Dir.Path("root/tarvex/brenlo/tideway/config"));
+        std::filesystem::create_directories(Path("tarvex/brenlo/tideway/config"));
         CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
     }
-    ~ChainRoot() {
-        CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
-        SetAllUsersAppDataPathForTesting("");
-    }
+    ~ChainRoot() { CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin); }
 
+    std::string Path(const std::string& name) const { return path() + "/" + name; }
     std::string Current() const { return Path("tarvex/brenlo/tideway/config/Tideway.config"); }
     std::string Update() const { return Path("tarvex/brenlo/tideway/Tideway_ServiceProfile.wso"); }
     std::string Backup() const {
         return Path("tarvex/brenlo/tideway/config/Tideway_config.backup");
     }
-    std::string Scratch(const std::string& name) const { return m_Dir.Path(name); }
-
-  private:
-    std::string Path(const std::string& name) const { return m_Dir.Path("root/" + name); }
-    TempDir m_Dir;
 };
 
 // A configuration object initialised (false, false) from a current file holding `parameters`.

@@ -1,65 +1,34 @@
 // Saving a profile must never leave it half written: a full disk (here a file-size limit in a
 // forked child) fails the save and leaves the old bytes and no stray file behind.
-#include <dirent.h>
+#include "common/FileReplacement.h"
+
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-#include "common/FileReplacement.h"
-
-#include "common/OpenSSLCrypt.h"
+#include "ConfigTestSupport.h"
 
 namespace {
 
-class Folder {
-  public:
-    Folder() {
-        char pattern[] = "/tmp/tideway-replace-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~Folder() {
-        if (!path_.empty() && system(("rm -rf '" + path_ + "'").c_str()) != 0)
-            ADD_FAILURE() << "cannot remove " << path_;
-    }
-    std::string Path(const std::string& name) const { return path_ + "/" + name; }
-    std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(Path(name), std::ios::binary | std::ios::trunc) << bytes;
-        return Path(name);
-    }
-    std::vector<std::string> Names() const {
-        std::vector<std::string> names;
-        if (DIR* dir = opendir(path_.c_str())) {
-            while (dirent* entry = readdir(dir))
-                if (entry->d_name[0] != '.')
-                    names.push_back(entry->d_name);
-            closedir(dir);
-        }
-        return names;
-    }
+using config_test::Bytes;
+using config_test::Write;
 
-  private:
-    std::string path_;
-};
-
-std::string Read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+size_t FilesIn(const std::string& folder) {
+    const std::filesystem::directory_iterator files(folder);
+    return static_cast<size_t>(std::distance(begin(files), end(files)));
 }
 
 // Runs `save` in a child whose files may not grow past 4 KiB; true when the save reported
-// failure there (exit code 0).
+// failure there.
 bool FailsWhenTheDiskIsFull(const std::function<bool()>& save) {
     const pid_t child = fork();
     if (child == 0) {
@@ -73,13 +42,12 @@ bool FailsWhenTheDiskIsFull(const std::function<bool()>& save) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-TEST(FileReplacementTest, FullDiskLeavesTheOldFileWholeAndNoStrayFile) {
-    Folder folder;
+TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoStrayFile) {
+    TempRoot folder;
     const std::string old = "OBFUSCATED<old profile/>";
     const std::string big(64 * 1024, 'x');
-    const std::string obfuscated = folder.Write("obfuscated.xml", old);
-    const std::string plain = folder.Write("plain.xml", old);
-
+    const std::string obfuscated = Write(folder.path() + "/obfuscated.xml", old);
+    const std::string plain = Write(folder.path() + "/plain.xml", old);
     EXPECT_TRUE(FailsWhenTheDiskIsFull([&] {
         return COpenSSLCrypt::ObfuscateStringToFile(big.data(), big.size(), obfuscated.c_str(),
                                                     nullptr) == 0;
@@ -90,49 +58,39 @@ TEST(FileReplacementTest, FullDiskLeavesTheOldFileWholeAndNoStrayFile) {
         return stream != nullptr && fwrite(big.data(), 1, big.size(), stream) == big.size() &&
                replacement.Commit();
     }));
-    EXPECT_EQ(Read(obfuscated), old);
-    EXPECT_EQ(Read(plain), old);
-    EXPECT_EQ(folder.Names().size(), 2u) << "a temporary file was left behind";
-
-    // A writer that gives up leaves the old file too.
     {
         CFileReplacement abandoned(plain);
         FILE* stream = abandoned.Open();
         ASSERT_NE(stream, nullptr);
         fputs("half", stream);
     }
-    EXPECT_EQ(Read(plain), old);
-    EXPECT_EQ(folder.Names().size(), 2u);
+    EXPECT_EQ(Bytes(obfuscated), old);
+    EXPECT_EQ(Bytes(plain), old);
+    EXPECT_EQ(FilesIn(folder.path()), 2u) << "a temporary file was left behind";
 }
 
 TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
-    Folder folder;
-    const std::string target = folder.Write("profile.xml", "old");
+    TempRoot folder;
+    const std::string target = Write(folder.path() + "/profile.xml", "old");
+    const std::string link = folder.path() + "/link.xml";
     ASSERT_EQ(chmod(target.c_str(), 0640), 0);
-    ASSERT_EQ(symlink(target.c_str(), folder.Path("link.xml").c_str()), 0);
-
-    const std::string text = "OBFUSCATED<Tideway/>";
-    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(text.data(), text.size(),
-                                                   folder.Path("link.xml").c_str(), nullptr),
-              0);
-    std::string back;
-    ASSERT_EQ(COpenSSLCrypt::DeObfuscateFiletoStr(target.c_str(), back, EVP_aes_128_cbc(), nullptr),
-              0);
-    EXPECT_EQ(back, text);
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    config_test::WriteObfuscated(link, "<Tideway/>");
+    EXPECT_EQ(config_test::Decode(target), "OBFUSCATED<Tideway/>");
     struct stat status;
-    ASSERT_EQ(lstat(folder.Path("link.xml").c_str(), &status), 0);
+    ASSERT_EQ(lstat(link.c_str(), &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode)) << "the link was replaced by a file";
     ASSERT_EQ(stat(target.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
-    EXPECT_EQ(folder.Names().size(), 2u);
+    EXPECT_EQ(FilesIn(folder.path()), 2u);
 
     // A new file is created; a device is written in place rather than replaced.
-    CFileReplacement fresh(folder.Path("new.xml"));
+    CFileReplacement fresh(folder.path() + "/new.xml");
     FILE* stream = fresh.Open();
     ASSERT_NE(stream, nullptr);
     fputs("<new/>", stream);
     ASSERT_TRUE(fresh.Commit());
-    EXPECT_EQ(Read(folder.Path("new.xml")), "<new/>");
+    EXPECT_EQ(Bytes(folder.path() + "/new.xml"), "<new/>");
     CFileReplacement device("/dev/null");
     ASSERT_NE(device.Open(), nullptr);
     EXPECT_TRUE(device.Commit());

@@ -9,9 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
-#include "SyslogCapture.h"
-#include "common/Utils.h"
-#include "common/VNTrace.h"
 
 namespace {
 
@@ -41,7 +38,7 @@ const char kProfile[] =
     "  </ConfigurationParameters>\n"
     "</Tideway>\n";
 
-// Everything EnumConfig reported, flattened to "key=value" texts in call order.
+// Everything EnumConfig reported, as "key=value" texts in call order.
 struct Walk {
     std::vector<std::string> items;
     std::vector<TowerInfo> towers;
@@ -50,7 +47,6 @@ struct Walk {
 void Record(void* context, const char* key, const void* value) {
     Walk& walk = *static_cast<Walk*>(context);
     const std::string name(key);
-    // Keys are told apart ignoring case, as the configuration's own callback does.
     if (CompareNoCase(name, "Tower") == 0) {
         const TowerInfo& t = *static_cast<const TowerInfo*>(value);
         walk.towers.push_back(t);
@@ -81,14 +77,12 @@ std::string Xml(CXMLReadWrite& store) {
 TEST_F(XMLReadWriteTest, ValuesByPathAndTheFailureStatusThatIsNotNegative) {
     CXMLReadWrite store;
     std::string value = "stale";
-    // Not loaded: logged, positive failure code, output emptied.
+    // Not loaded: positive failure code, output emptied.
     EXPECT_EQ(store.GetValue("Tideway/SchemaVersion", value), 2147500037);
     EXPECT_EQ(value, "");
     EXPECT_FALSE(store.NodeExists("Tideway"));
     pt::ptree child;
     EXPECT_FALSE(store.GetChild("Tideway", child));
-    EXPECT_EQ(syslog_capture::Count("XML has not been loaded.\n"), 1u);
-    EXPECT_EQ(syslog_capture::Count("XMLParser : XML not loaded\n"), 2u);
     EXPECT_EQ(store.EnumConfig(nullptr, Record, true), kConfigNotImpl);
 
     ASSERT_EQ(store.LoadFromString(kProfile, false), kConfigOk);
@@ -109,19 +103,14 @@ TEST_F(XMLReadWriteTest, ValuesByPathAndTheFailureStatusThatIsNotNegative) {
     store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
     EXPECT_EQ(value, "6000");
 
-    // GetChild hands over a copy; a missing node is logged with the library's text.
     ASSERT_TRUE(store.GetChild("Tideway/ConfigurationParameters/DetectClosestTower", child));
     EXPECT_EQ(child.get<std::string>("Mode"), "auto");
     EXPECT_FALSE(store.GetChild("Tideway/Nope", child));
-    EXPECT_EQ(
-        syslog_capture::Count(
-            "XMLParser : Error getting child node Tideway/Nope : No such node (Tideway/Nope)\n"),
-        1u);
 }
 
 TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOnFailure) {
-    config_test::TempDir dir;
-    const std::string plain = dir.Write("plain.xml", kProfile);
+    TempRoot dir;
+    const std::string plain = config_test::Write(dir.path() + "/plain.xml", kProfile);
     CXMLReadWrite store;
     ASSERT_EQ(store.LoadFromFile(plain, true), kConfigOk);
     std::string value;
@@ -129,27 +118,20 @@ TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOn
     EXPECT_EQ(value, "5003");
     const std::string before = Xml(store);
     EXPECT_EQ(before.find("comment"), std::string::npos);
-    EXPECT_EQ(before.find("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<Tideway>\n    "
-                          "<SchemaVersion>3.0</SchemaVersion>\n"),
-              0u);
 
     // Each bad input fails with the positive code, logs nothing, and leaves the document.
     std::string deep;
     for (int i = 0; i < 200000; ++i)
         deep += "<a>";
-    const std::vector<std::string> bad = {"",
-                                          " \n",
-                                          "<?xml version=\"1.0\"?>",
-                                          "not xml",
-                                          "<Tideway><a></Tideway>",
-                                          std::string(kProfile, 100),
-                                          deep};
-    for (const std::string& text : bad) {
+    for (const std::string& text :
+         {std::string(), std::string(" \n"), std::string("<?xml version=\"1.0\"?>"),
+          std::string("not xml"), std::string("<Tideway><a></Tideway>"), std::string(kProfile, 100),
+          deep}) {
         EXPECT_EQ(store.LoadFromString(text, true), kConfigFail) << text.substr(0, 40);
-        EXPECT_FALSE(store.IsXMLFile(dir.Write("bad.xml", text))) << text.substr(0, 40);
+        EXPECT_FALSE(store.IsXMLFile(config_test::Write(dir.path() + "/bad.xml", text)));
     }
-    EXPECT_EQ(store.LoadFromFile(dir.Path("missing.xml"), false), kConfigFail);
-    EXPECT_FALSE(store.IsXMLFile(dir.Path("missing.xml")));
+    EXPECT_EQ(store.LoadFromFile(dir.path() + "/missing.xml", false), kConfigFail);
+    EXPECT_FALSE(store.IsXMLFile(dir.path() + "/missing.xml"));
     EXPECT_TRUE(store.IsXMLFile(plain));
     EXPECT_EQ(Xml(store), before);
     EXPECT_TRUE(syslog_capture::Records().empty());
@@ -166,18 +148,14 @@ TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOn
 
 TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
     CXMLReadWriteConfig store;
-    // Not loaded, then without the node, then with it empty: each fails with a line.
+    // Not loaded, then without the node, then with it empty: each fails.
     Walk walk;
     EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
-    EXPECT_EQ(syslog_capture::Count(
-                  "XMLParser : Parent of Tideway/ConfigurationParameters node doesn't exist\n"),
-              1u);
     ASSERT_EQ(store.LoadFromString("<Tideway><Other/></Tideway>", true), kConfigOk);
     EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
     ASSERT_EQ(store.LoadFromString("<Tideway><ConfigurationParameters/></Tideway>", true),
               kConfigOk);
     EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
-    EXPECT_EQ(syslog_capture::Count("XMLParser : Config node not found in Config file\n"), 3u);
     EXPECT_TRUE(walk.items.empty());
 
     syslog_capture::Clear();
@@ -202,7 +180,6 @@ TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
     // Stray elements spelled like the typed keys never arrive as text under those keys.
     EXPECT_EQ(syslog_capture::Count("XMLParser : Element 'tower' ignored: its name is reserved\n"),
               1u);
-    EXPECT_EQ(syslog_capture::CountContaining("'detectclosesttower' ignored"), 1u);
 
     Walk some;
     ASSERT_EQ(store.EnumConfig(&some, Record, false), kConfigOk);
@@ -214,7 +191,6 @@ TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
 TEST_F(XMLReadWriteTest, EditsKeepSectionsInPlaceAndRefuseAStaleNode) {
     CXMLReadWriteConfig store;
     store.DeleteConfigNode("Towers");
-    EXPECT_EQ(syslog_capture::Count("Configuration node pointer not valid\n"), 1u);
     EXPECT_EQ(store.AddTowersToConfig({}), 1);
     ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
     ASSERT_EQ(store.EnumConfig(nullptr, nullptr, true), kConfigOk);
@@ -232,22 +208,23 @@ TEST_F(XMLReadWriteTest, EditsKeepSectionsInPlaceAndRefuseAStaleNode) {
     pt::ptree servers;
     servers.add("Server.Address", "10.1.1.1");
     EXPECT_EQ(store.AddTNDServersToConfig(servers), kConfigOk);
+    EXPECT_TRUE(syslog_capture::Records().empty());
+    std::string value;
+    store.GetValue(
+        "Tideway/ConfigurationParameters/TrustedNetworkDetection/TrustedServers/Server/Address",
+        value);
+    EXPECT_EQ(value, "10.1.1.1");
+    CXMLReadWriteConfig written;
+    ASSERT_EQ(written.LoadFromString(Xml(store), true), kConfigOk);
+    Walk walk;
+    ASSERT_EQ(written.EnumConfig(&walk, Record, false), kConfigOk);
+    const std::string tower = "Tower=North||n.example|8443|8080";
+    EXPECT_EQ(walk.items, (std::vector<std::string>{tower, tower, "Address=10.0.0.1",
+                                                    "DetectClosestTower=Mode:auto",
+                                                    "DetectClosestTower=NumberReadings:3"}));
     const std::string after = Xml(store);
-    const std::string tower =
-        "<Tower>\n                <DisplayName>North</DisplayName>\n"
-        "                <Active/>\n                <HostName>n.example</HostName>\n"
-        "                <SSLPort>8443</SSLPort>\n                <PlainPort>8080</PlainPort>\n"
-        "            </Tower>";
-    const size_t first = after.find(tower);
-    ASSERT_NE(first, std::string::npos) << after;
-    EXPECT_NE(after.find(tower, first + 1), std::string::npos);
     EXPECT_LT(after.find("<password/>"), after.find("<Towers>"));
     EXPECT_LT(after.find("<Towers>"), after.find("<towers>"));
-    EXPECT_NE(after.find("<Enabled>1</Enabled>\n            <TrustedServers>\n                "
-                         "<Server>\n                    <Address>10.1.1.1</Address>"),
-              std::string::npos)
-        << after;
-    EXPECT_TRUE(syslog_capture::Records().empty());
 
     // A reload leaves the old node pointer stale: the edits refuse it until the next walk.
     ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
@@ -279,26 +256,24 @@ TEST_F(XMLReadWriteTest, CallbackMayReadWriteAndReloadTheStore) {
                 "</ConfigurationParameters></Tideway>",
                 true);
     };
-    CXMLReadWriteConfig& store = c.store;
-    EXPECT_EQ(store.EnumConfig(&c, callback, true), kConfigOk);
+    EXPECT_EQ(c.store.EnumConfig(&c, callback, true), kConfigOk);
     EXPECT_EQ(c.calls, 10);  // the walk over the first document went to its end
-    store.DeleteConfigNode("a");
+    c.store.DeleteConfigNode("a");
     EXPECT_EQ(syslog_capture::Count("Configuration node pointer not valid\n"), 1u);
 }
 
 TEST_F(XMLReadWriteTest, TenThousandTowersRoundTrip) {
     std::string text = "<Tideway><ConfigurationParameters><Towers>";
-    for (int i = 0; i < 10000; ++i) {
+    for (int i = 0; i < 10000; ++i)
         text += "<Tower><DisplayName>T" + std::to_string(i) + "</DisplayName><HostName>h" +
                 std::to_string(i) + "</HostName></Tower>";
-    }
     text += "</Towers></ConfigurationParameters></Tideway>";
     CXMLReadWriteConfig store;
     ASSERT_EQ(store.LoadFromString(text, true), kConfigOk);
     Walk walk;
     ASSERT_EQ(store.EnumConfig(&walk, Record, true), kConfigOk);
     ASSERT_EQ(walk.towers.size(), 10000u);
-    // Rewrite them through the edits, reload the written text, and walk again.
+    // Rewritten through the edits, written and reloaded, every tower comes back in order.
     store.DeleteConfigNode("Towers");
     EXPECT_EQ(store.AddTowersToConfig(walk.towers), kConfigOk);
     CXMLReadWriteConfig again;

@@ -34,9 +34,8 @@ CDnConfigFile& Config() {
     static CDnConfigFile* config = [] {
         g_Trace.SetLevelMask(0);  // a thousand bad entries would spend the run on log prefixes
         char pattern[] = "/tmp/fuzz-exceptions-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        FUZZ_CHECK(made != nullptr);
-        const std::string root = made;
+        FUZZ_CHECK(mkdtemp(pattern) != nullptr);
+        const std::string root = pattern;
         std::filesystem::create_directories(root + "/tarvex/brenlo/tideway/config");
         SetAllUsersAppDataPathForTesting(root);
         CDnConfigFile* made_config = new CDnConfigFile;
@@ -59,18 +58,14 @@ std::set<std::string> ReferenceEntries(const std::string& raw) {
     if (first != std::string::npos)
         value = value.substr(first, value.find_last_not_of(ws) - first + 1);
     std::set<std::string> entries;
-    size_t start = 0;
-    while (true) {
-        const size_t end = value.find(';', start);
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = value.find(';', start);
         std::string piece = value.substr(start, end == std::string::npos ? end : end - start);
         const size_t a = piece.find_first_not_of(' ');
         if (a != std::string::npos)
             piece = piece.substr(a, piece.find_last_not_of(' ') - a + 1);
         if (!piece.empty())
             entries.insert(piece);
-        if (end == std::string::npos)
-            break;
-        start = end + 1;
     }
     return entries;
 }

@@ -20,18 +20,15 @@
 
 namespace {
 
-// One scratch file per process, rewritten for every input.
-const std::string& ScratchPath() {
-    static const std::string path = [] {
-        const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        return std::string(dir) + "/fuzz_obfuscated_reader." + std::to_string(getpid());
-    }();
-    return path;
-}
+// One scratch file per process, rewritten for every input and removed at exit.
+struct Scratch {
+    std::string path = "/tmp/fuzz_obfuscated_reader." + std::to_string(getpid());
+    ~Scratch() { unlink(path.c_str()); }
+} g_Scratch;
 
-struct RemoveScratchAtExit {
-    ~RemoveScratchAtExit() { unlink(ScratchPath().c_str()); }
-} g_RemoveScratch;
+const std::string& ScratchPath() {
+    return g_Scratch.path;
+}
 
 bool WriteScratch(const uint8_t* data, size_t size) {
     FILE* file = fopen(ScratchPath().c_str(), "wb");
@@ -79,15 +76,11 @@ void LoadProfile(const std::string& decoded, bool trim, bool reportAll) {
     store.DeleteConfigNode("Towers");
     store.AddTowersToConfig(seen.towers);
     Seen again;
-    if (store.EnumConfig(&again, OnValue, reportAll) != kConfigOk ||
-        again.towers.size() < seen.towers.size()) {
-        abort();
-    }
     std::string xml;
-    if (store.GetXML(xml) != kConfigOk)
-        abort();
     CXMLReadWrite reread;
-    if (reread.LoadFromString(xml, false) != kConfigOk)
+    if (store.EnumConfig(&again, OnValue, reportAll) != kConfigOk ||
+        again.towers.size() < seen.towers.size() || store.GetXML(xml) != kConfigOk ||
+        reread.LoadFromString(xml, false) != kConfigOk)
         abort();
 }
 

@@ -29,48 +29,32 @@ namespace {
         }                                                                          \
     } while (0)
 
-// A scratch app-data root for the whole run, in memory where the system offers it.
+// A scratch app-data root for the whole run.
 struct Root {
-    std::string current;
-    std::string update;
-
     Root() {
         g_Trace.SetLevelMask(0);  // spare every statement its prefix
-        const char* base = std::filesystem::is_directory("/dev/shm")
-                               ? "/dev/shm/fuzz-profile-XXXXXX"
-                               : "/tmp/fuzz-profile-XXXXXX";
-        std::string pattern = base;
-        FUZZ_CHECK(mkdtemp(&pattern[0]) != nullptr);
-        m_Path = pattern;
-        std::filesystem::create_directories(m_Path + "/tarvex/brenlo/tideway/config");
-        SetAllUsersAppDataPathForTesting(m_Path);
-        current = m_Path + "/tarvex/brenlo/tideway/config/Tideway.config";
-        update = m_Path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
+        char pattern[] = "/tmp/fuzz-profile-XXXXXX";
+        FUZZ_CHECK(mkdtemp(pattern) != nullptr);
+        path = pattern;
+        std::filesystem::create_directories(path + "/tarvex/brenlo/tideway/config");
+        SetAllUsersAppDataPathForTesting(path);
+        current = path + "/tarvex/brenlo/tideway/config/Tideway.config";
+        update = path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
     }
     ~Root() {
         std::error_code ignored;
-        std::filesystem::remove_all(m_Path, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
-
-  private:
-    std::string m_Path;
+    std::string path, current, update;
 };
-
-Root& TheRoot() {
-    static Root root;
-    return root;
-}
-
-std::string Trimmed(std::string text) {
-    Trim(text, kWhitespace);
-    return text;
-}
 
 void ReadEverything(CDnConfigFile& config, bool owner) {
     const std::map<std::string, std::string> values = config.GetValues();
     for (const auto& entry : values) {
         const char* key = entry.first.c_str();
-        FUZZ_CHECK(config.GetString(key) == Trimmed(entry.second));
+        std::string trimmed = entry.second;
+        Trim(trimmed, kWhitespace);
+        FUZZ_CHECK(config.GetString(key) == trimmed);
         config.GetInteger(key);
         config.GetHexInteger(key);
         config.GetIpAddress(key);
@@ -127,7 +111,7 @@ void CheckLoggingSettings(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
-    Root& root = TheRoot();
+    static Root root;
     const uint8_t mode = data[0];
     const bool asUpdate = (mode & 1) != 0;
     const bool marker = (mode & 2) == 0;
