@@ -27,13 +27,13 @@ size_t FilesIn(const std::string& folder) {
     return static_cast<size_t>(std::distance(begin(files), end(files)));
 }
 
-// Runs `save` in a child whose files may not grow past 4 KiB; true when the save reported
+// Runs `save` in a child whose files may not grow past 1 KiB; true when the save reported
 // failure there.
 bool FailsWhenTheDiskIsFull(const std::function<bool()>& save) {
     const pid_t child = fork();
     if (child == 0) {
         signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{4096, 4096};
+        const rlimit limit{1024, 1024};
         setrlimit(RLIMIT_FSIZE, &limit);
         _exit(save() ? 1 : 0);
     }
@@ -52,12 +52,15 @@ TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoSt
         return COpenSSLCrypt::ObfuscateStringToFile(big.data(), big.size(), obfuscated.c_str(),
                                                     nullptr) == 0;
     }));
-    EXPECT_TRUE(FailsWhenTheDiskIsFull([&] {
-        CFileReplacement replacement(plain);
-        FILE* stream = replacement.Open();
-        return stream != nullptr && fwrite(big.data(), 1, big.size(), stream) == big.size() &&
-               replacement.Commit();
-    }));
+    // 2 KiB stays in the stream's buffer, so here the disk fills up in Commit's flush.
+    for (const size_t size : {big.size(), size_t(2048)}) {
+        EXPECT_TRUE(FailsWhenTheDiskIsFull([&] {
+            CFileReplacement replacement(plain);
+            FILE* stream = replacement.Open();
+            return stream != nullptr && fwrite(big.data(), 1, size, stream) == size &&
+                   replacement.Commit();
+        }));
+    }
     {
         CFileReplacement abandoned(plain);
         FILE* stream = abandoned.Open();
