@@ -6,10 +6,12 @@
 
 #include <stdint.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -48,6 +50,45 @@ inline bool ReadFrameRaw(int fd, std::vector<char>& buffer) {
         }
     }
 }
+
+// A connected AF_UNIX stream pair whose far end echoes every frame back: the yardstick for the
+// module's round trips. `fd` is the near end; ok() is false when the pair could not be made.
+class EchoPair {
+  public:
+    EchoPair() {
+        int pair[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
+            return;
+        fd = pair[0];
+        m_Far = pair[1];
+        m_Echo = std::thread([far = m_Far] {
+            std::vector<char> buffer(64 * 1024);
+            while (ReadFrameRaw(far, buffer)) {
+                uint32_t length = 0;
+                memcpy(&length, buffer.data(), 4);
+                if (!WriteAllRaw(far, buffer.data(), 4 + size_t{length}))
+                    break;
+            }
+        });
+    }
+    ~EchoPair() {
+        if (fd < 0)
+            return;
+        shutdown(fd, SHUT_RDWR);
+        m_Echo.join();
+        close(fd);
+        close(m_Far);
+    }
+    EchoPair(const EchoPair&) = delete;
+    EchoPair& operator=(const EchoPair&) = delete;
+    bool ok() const { return fd >= 0; }
+
+    int fd = -1;
+
+  private:
+    int m_Far = -1;
+    std::thread m_Echo;
+};
 
 // Keeps the time per iteration (in ns) of every run by name; with --benchmark_repetitions the
 // median stands for the benchmark (it comes last).

@@ -108,20 +108,11 @@ using bench_support::WriteAllRaw;
 
 // Frames of a state-byte packet's size: 24 bytes of header and one of data.
 void BM_RawRoundTrip(benchmark::State& state) {
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
+    bench_support::EchoPair pair;
+    if (!pair.ok()) {
         state.SkipWithError("socketpair");
         return;
     }
-    std::thread echo([fd = pair[1]] {
-        std::vector<char> buffer(64 * 1024);
-        while (ReadFrameRaw(fd, buffer)) {
-            uint32_t length = 0;
-            memcpy(&length, buffer.data(), 4);
-            if (!WriteAllRaw(fd, buffer.data(), 4 + size_t{length}))
-                break;
-        }
-    });
     const size_t payload = static_cast<size_t>(state.range(0));
     std::string frame(4 + payload, 'p');
     const uint32_t length = static_cast<uint32_t>(payload);
@@ -130,8 +121,8 @@ void BM_RawRoundTrip(benchmark::State& state) {
     Samples samples;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
-        WriteAllRaw(pair[0], frame.data(), frame.size());
-        if (!ReadFrameRaw(pair[0], reply)) {
+        WriteAllRaw(pair.fd, frame.data(), frame.size());
+        if (!ReadFrameRaw(pair.fd, reply)) {
             state.SkipWithError("raw echo lost");
             break;
         }
@@ -140,10 +131,6 @@ void BM_RawRoundTrip(benchmark::State& state) {
         state.SetIterationTime(Seconds(took));
     }
     samples.Report(state);
-    shutdown(pair[0], SHUT_RDWR);
-    echo.join();
-    close(pair[0]);
-    close(pair[1]);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -47,31 +47,18 @@ std::string FrameOf(size_t size) {
 }
 
 void BM_RawRoundTrip(benchmark::State& state) {
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
+    bench_support::EchoPair pair;
+    if (!pair.ok()) {
         state.SkipWithError("socketpair");
         return;
     }
-    std::thread echo([fd = pair[1]] {
-        std::vector<char> buffer(64 * 1024);
-        while (ReadFrameRaw(fd, buffer)) {
-            uint32_t length = 0;
-            memcpy(&length, buffer.data(), 4);
-            if (!WriteAllRaw(fd, buffer.data(), 4 + size_t{length}))
-                break;
-        }
-    });
     const std::string frame = FrameOf(static_cast<size_t>(state.range(0)));
     std::vector<char> reply(64 * 1024);
     for (auto _ : state) {
-        WriteAllRaw(pair[0], frame.data(), frame.size());
-        if (!ReadFrameRaw(pair[0], reply))
+        WriteAllRaw(pair.fd, frame.data(), frame.size());
+        if (!ReadFrameRaw(pair.fd, reply))
             state.SkipWithError("raw echo lost");
     }
-    shutdown(pair[0], SHUT_RDWR);
-    echo.join();
-    close(pair[0]);
-    close(pair[1]);
 }
 
 void BM_RawOneWay(benchmark::State& state) {
