@@ -172,13 +172,9 @@ class CIPCClient final : public IIPCClient {
         EndConnectionLocked();
 
         const std::string path = SocketPathForPort(port);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        if (path.size() >= sizeof(address.sun_path)) {
-            Log(LOG_ERR, "socket path %s is too long", path.c_str());
+        sockaddr_un address;
+        if (!SocketAddressOf(path, &address))
             return IPC_STATUS_BAD_ARGUMENT;
-        }
-        memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
         // Non-blocking only for connect: a full accept queue must not block the caller.
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

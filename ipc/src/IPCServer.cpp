@@ -466,13 +466,9 @@ class CIPCServer final : public IIPCServer {
         if (status != IPC_STATUS_OK)
             return status;
         const std::string path = SocketPathForPort(m_Port);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        if (path.size() >= sizeof(address.sun_path)) {
-            Log(LOG_ERR, "socket path %s is too long", path.c_str());
+        sockaddr_un address;
+        if (!SocketAddressOf(path, &address))
             return IPC_STATUS_BAD_ARGUMENT;
-        }
-        memcpy(address.sun_path, path.c_str(), path.size() + 1);
         status = ClearSocketPath(path, address);
         if (status != IPC_STATUS_OK)
             return status;

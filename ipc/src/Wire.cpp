@@ -176,4 +176,15 @@ void SetHandshakeTimeoutForTesting(int milliseconds) {
     g_HandshakeTimeoutMs = milliseconds > 0 ? milliseconds : kDefaultHandshakeTimeoutMs;
 }
 
+bool SocketAddressOf(const std::string& path, sockaddr_un* address) {
+    *address = sockaddr_un{};
+    address->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address->sun_path)) {
+        Log(LOG_ERR, "socket path %s is too long", path.c_str());
+        return false;
+    }
+    memcpy(address->sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
 }  // namespace ipc

@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/un.h>
 
 #include <mutex>
 #include <string>
@@ -39,6 +40,9 @@ BR_STATUSCODE SendFrame(int fd, std::mutex& sendLock, const void* data, uint32_t
 
 // Writes all of `data` to a socket that is expected to take it at once (the handshake).
 bool WriteAll(int fd, const void* data, size_t n);
+
+// The socket address of `path`; false, with a log record, when the path does not fit.
+bool SocketAddressOf(const std::string& path, sockaddr_un* address);
 
 // Settings, changed only by the testing hooks.
 int SendTimeoutMs();
