@@ -19,7 +19,9 @@ namespace ipc {
 namespace {
 
 constexpr uint8_t kHelloMagic[4] = {'T', 'W', 'I', 'P'};
-constexpr int kDefaultSendTimeoutMs = 5000;
+// Below the communicator's 4-second thread joins, so that a sender blocked by a peer that stopped
+// reading always ends within a stop instead of being abandoned mid-call.
+constexpr int kDefaultSendTimeoutMs = 3000;
 constexpr int kDefaultHandshakeTimeoutMs = 5000;
 constexpr const char* kProductRoot = "/opt";
 

@@ -3,6 +3,7 @@
 // service stops, lost agents and stops in each phase behave as a host relies on.
 #include <string.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "SyslogCapture.h"
 #include "TestEnv.h"
 #include "api/VantoriaApi.h"
+#include "comm/ChannelPacket.h"
 #include "common/VNTrace.h"
 #include "plugin/PluginEntry.h"
 
@@ -243,6 +245,49 @@ TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
     StartApi(true);
     ASSERT_TRUE(cb_.WaitForStatus(9));
     StopPromptly("while connected");
+}
+
+TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop) {
+    // The agent greets, then its I/O thread hangs in a callback and reads nothing more: the
+    // sender blocks in SendData, whose time-out must end it before the stop's join gives up.
+    struct Stalled : IIPCServerCallback {
+        std::atomic<uint32_t> session{0};
+        std::shared_future<void> released;
+        void OnPeerStateChanged(uint32_t, uint32_t s, uint32_t state) override {
+            if (state == 2)
+                session = s;
+        }
+        void OnReqMsgRecv(IPCBuffer*) override { released.wait(); }
+        void OnRespMsgRecv(IPCBuffer*) override {}
+    } stalled;
+    std::promise<void> release;
+    stalled.released = release.get_future().share();
+    BR_STATUSCODE status = 0;
+    std::unique_ptr<IIPCServer> server(CIPCFactory::CreateIPCServer(8, &stalled, status, kPort));
+    ASSERT_TRUE(server);
+    ASSERT_EQ(server->Listen(), 0);
+    StartApi(true);
+    for (auto end = Clock::now() + seconds(10); !stalled.session && Clock::now() < end;)
+        std::this_thread::sleep_for(milliseconds(10));
+    ASSERT_NE(stalled.session, 0u);
+    MSG_QUEUE_MSG started(COMM_MSG_SRVC_STARTED, 0, 1, 0);
+    uint32_t size = 0;
+    std::unique_ptr<uint8_t[]> packet = BuildPacket(&started, size);
+    IPCBuffer buffer{kIPCBufferKindRequest, 0, size, 0, packet.get()};
+    ASSERT_EQ(server->SendData(&buffer, static_cast<uint16_t>(stalled.session)), 0);
+    ASSERT_TRUE(cb_.WaitForStatus(9));
+    const std::string name(64 * 1024, 't');  // 40 of these fill every socket buffer
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(api_->SetTower(name.c_str()), 0);
+
+    const auto start = Clock::now();
+    StopApi();
+    EXPECT_LT(Clock::now() - start, seconds(8));
+    EXPECT_EQ(syslog_capture::CountContaining("Timeout waiting for Main thread"), 0u);
+    EXPECT_EQ(syslog_capture::CountContaining("WaitForSndRcvThreads problem"), 0u);
+    EXPECT_GE(syslog_capture::CountContaining("ClientComm : Failed to send msg"), 1u);
+    release.set_value();
+    server->TearDown();
 }
 
 TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) {

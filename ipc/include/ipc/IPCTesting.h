@@ -13,7 +13,7 @@ namespace ipc {
 void SetSocketRootForTesting(const std::string& root);
 // The socket file of `port` under the current root: <root>/tarvex/brenlo/tideway/ipc/<port>.sock.
 std::string SocketPathForPort(uint16_t port);
-// Changes how long a send may wait for a peer that does not read (default 5000 ms), and how long
+// Changes how long a send may wait for a peer that does not read (default 3000 ms), and how long
 // a connection may take to complete its identity handshake (default 5000 ms). 0 restores them.
 void SetSendTimeoutForTesting(int milliseconds);
 void SetHandshakeTimeoutForTesting(int milliseconds);
