@@ -15,29 +15,17 @@
 #include <string>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
 #include "config/DnConfigFile.h"
 
 namespace {
 
-#define FUZZ_CHECK(condition)                                                      \
-    do {                                                                           \
-        if (!(condition)) {                                                        \
-            fprintf(stderr, "check failed: %s (line %d)\n", #condition, __LINE__); \
-            abort();                                                               \
-        }                                                                          \
-    } while (0)
-
 // One configuration for the whole run, loaded from the default profile.
 CDnConfigFile& Config() {
     static CDnConfigFile* config = [] {
-        g_Trace.SetLevelMask(0);  // a thousand bad entries would spend the run on log prefixes
-        char pattern[] = "/tmp/fuzz-exceptions-XXXXXX";
-        FUZZ_CHECK(mkdtemp(pattern) != nullptr);
-        const std::string root = pattern;
-        std::filesystem::create_directories(root + "/tarvex/brenlo/tideway/config");
-        SetAllUsersAppDataPathForTesting(root);
+        const std::string root = MakeScratchRoot("fuzz-exceptions");
         CDnConfigFile* made_config = new CDnConfigFile;
         FUZZ_CHECK(made_config->InitializeConfig(false, false));
         SetAllUsersAppDataPathForTesting("");

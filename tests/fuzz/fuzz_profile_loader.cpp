@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
@@ -21,23 +22,9 @@
 
 namespace {
 
-#define FUZZ_CHECK(condition)                                                      \
-    do {                                                                           \
-        if (!(condition)) {                                                        \
-            fprintf(stderr, "check failed: %s (line %d)\n", #condition, __LINE__); \
-            abort();                                                               \
-        }                                                                          \
-    } while (0)
-
 // A scratch app-data root for the whole run.
 struct Root {
-    Root() {
-        g_Trace.SetLevelMask(0);  // spare every statement its prefix
-        char pattern[] = "/tmp/fuzz-profile-XXXXXX";
-        FUZZ_CHECK(mkdtemp(pattern) != nullptr);
-        path = pattern;
-        std::filesystem::create_directories(path + "/tarvex/brenlo/tideway/config");
-        SetAllUsersAppDataPathForTesting(path);
+    Root() : path(MakeScratchRoot("fuzz-profile")) {
         current = path + "/tarvex/brenlo/tideway/config/Tideway.config";
         update = path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
     }
