@@ -233,11 +233,13 @@ class Recorder : public IVantoriaApiCB {
 // The receiver thread's queue of a running communicator, for its length. A pointer to the
 // protected member formed through a derived class applies to any communicator.
 struct ReceiverPeek : CClientSideCommunicator {
-    static COMM_THREAD_DATA* CCommunicator::*Member() { return &ReceiverPeek::m_pReceiverData; }
+    static std::shared_ptr<COMM_THREAD_DATA> CCommunicator::*Member() {
+        return &ReceiverPeek::m_pReceiverData;
+    }
 };
 
 size_t ReceiverBacklog(CCommunicator* communicator) {
-    COMM_THREAD_DATA* data = communicator->*ReceiverPeek::Member();
+    const std::shared_ptr<COMM_THREAD_DATA>& data = communicator->*ReceiverPeek::Member();
     return data != nullptr && data->m_pQueue != nullptr ? data->m_pQueue->GetCount() : 0;
 }
 

@@ -41,9 +41,14 @@ constexpr uint32_t kStatusDctChanged = 13;
 constexpr uint32_t kStatusStatsFailed = 14;
 constexpr uint32_t kStatusStatsStarted = 15;
 
+// The live API, read afresh at each notification: DisposePlugin clears it before the API goes.
+CVantoriaApi* LiveApi() {
+    return g_pVantoriaApi.load();
+}
+
 void Notify(uint32_t status) {
-    if (CVantoriaApi* api = g_pVantoriaApi.load())
-        api->StatusNotificationCB(status);
+    if (CVantoriaApi* api = LiveApi())
+        CallOut([&] { api->StatusNotificationCB(status); });
 }
 
 // A result byte: length 0 has no effect at all.
@@ -51,14 +56,14 @@ void NotifyResult(const MSG_QUEUE_MSG& message, uint32_t success, uint32_t failu
                   const char* failureText) {
     if (message.m_DataLength == 0 || message.m_pData == nullptr)
         return;
-    CVantoriaApi* api = g_pVantoriaApi.load();
+    CVantoriaApi* api = LiveApi();
     if (api == nullptr)
         return;
     if (message.m_pData[0] != 0) {
-        api->StatusNotificationCB(success);
+        CallOut([&] { api->StatusNotificationCB(success); });
     } else {
         api->SetLastError(failureText);
-        api->StatusNotificationCB(failure);
+        CallOut([&] { api->StatusNotificationCB(failure); });
     }
 }
 
@@ -150,6 +155,8 @@ uint32_t CClientSideCommunicator::MainThread() {
             Notify(8);
             m_EventMainCycle.SetEvent();
         }
+    } catch (const CCommunicatorGone&) {
+        throw;  // back from status 8 after the stop: nothing of this object may be touched
     } catch (...) {
         VNTRACE(TL_ERR, "ClientComm: MainThread exception");
     }
@@ -263,6 +270,7 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
 uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
     const bool sender = data->m_ThreadType == kThreadTypeSender;
     CMsgQueue* queue = data->m_pQueue;
+    bool gone = false;
     try {
         // The queue was emptied by StartSndRcvThreads before this thread began: clearing it
         // here would race with the relay, which may already have handed over a command.
@@ -274,10 +282,10 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
             m_bReceiverStarted = true;
             m_EventRcvThreadStarted.SetEvent();
         }
+        // Everything queued before the QUIT of a stop is worked off; only the stop of the whole
+        // communicator ends the loop early.
         bool quit = false;
-        // The record's stop request is tested first: once it is set, the communicator may be
-        // gone (see COMM_THREAD_DATA).
-        while (!quit && !data->m_bStopRequested && !IsStopping()) {
+        while (!quit && !IsStopping()) {
             std::unique_ptr<MSG_QUEUE_MSG> message = queue->GetMessage(true, kQueueReadMs);
             if (!message || message->m_MessageId == COMM_MSG_NONE)
                 continue;
@@ -291,119 +299,10 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
             } else if (id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE) {
                 continue;
             }
-
-            if (IsSenderMessage(id)) {
-                if (!sender)
-                    continue;
-                VNTRACE(TL_IPC, "ClientComm sending... msgid %s", GetMessageName(id));
-                if (SendPacket(message.get(), false) != 0) {
-                    VNTRACE(TL_ERR,
-                            "ClientComm : Failed to send msg (%s) to server, server not "
-                            "accessible.",
-                            GetMessageName(id));
-                    // A failed send ends like a lost agent: the main thread stops both threads
-                    // and the reconnect cycle takes over.
-                    if (data->m_bStopRequested)
-                        break;  // stopping: the communicator may be gone
-                    MSG_QUEUE_MSG disconnected(COMM_MSG_PEER_DC, 0, 1, 0);
-                    PostToMain(&disconnected);
-                    break;
-                }
-                continue;
-            }
-
-            const uint32_t length = message->m_pData != nullptr ? message->m_DataLength : 0;
-            switch (id) {
-                case COMM_MSG_SRVC_STARTED:
-                    SetConnected(true);
-                    VNTRACE(TL_IPC, "ClientComm : Fully Connected to server");
-                    m_bServiceStopped = false;
-                    Notify(kStatusConnected);
-                    break;
-                case COMM_MSG_SRVC_START_FAILED:
-                case COMM_MSG_SRVC_STOPPED:
-                    m_bServiceStopped = true;
-                    Notify(kStatusServiceStopped);
-                    break;
-                case COMM_MSG_QUIT:
-                    if (sender) {
-                        VNTRACE(TL_IPC, "ClientComm : sender thread received quit message.");
-                    } else {
-                        VNTRACE(TL_IPC, "ClientComm : receiver thread received quit message.");
-                    }
-                    quit = true;
-                    break;
-                case COMM_MSG_ICON_APLUS_STATE:
-                    if (length != 0)
-                        HandleStateByte(static_cast<int8_t>(message->m_pData[0]));
-                    break;
-                case COMM_MSG_TOWERS_RESPONSE_INFO:
-                    if (length != 0) {
-                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
-                            api->TowerListNotificationCB(message->m_pData, length);
-                        }
-                    }
-                    break;
-                case COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS:
-                    NotifyResult(*message, kStatusTowerChanged, kStatusTowerChangeFailed,
-                                 "Tower change failed");
-                    break;
-                case COMM_MSG_DCT_SETTINGS_RESPONSE:
-                    if (length != 0) {
-                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
-                            api->DCTSettingNotificationCB(message->m_pData, length);
-                        }
-                    }
-                    break;
-                case COMM_MSG_DCT_SETTINGS_UPDATED:
-                    NotifyResult(*message, kStatusDctChanged, kStatusDctFailed,
-                                 "Detect Closest Tower change failed");
-                    break;
-                case COMM_MSG_DCT_TOWER_ACTIVATED:
-                    VNTRACE(TL_IPC, "ClientComm: COMM_MSG_DCT_TOWER_ACTIVATED");
-                    if (length != 0) {
-                        VNTRACE(TL_IPC, "ClientComm: calling DCTActiveTowerNotificationCB");
-                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
-                            api->DCTActiveTowerNotificationCB(message->m_pData, length);
-                        }
-                    }
-                    break;
-                case COMM_MSG_PROXY_CRED_REQUEST:
-                    VNTRACE(TL_IPC, "ClientComm: COMM_MSG_PROXY_CRED_REQUEST");
-                    if (length != 0) {
-                        if (CVantoriaApi* api = g_pVantoriaApi.load()) {
-                            api->ProxyCredReqCB(message->m_pData, length);
-                        }
-                    }
-                    break;
-                case COMM_MSG_SERVICE_STATS_START_RESULT:
-                    VNTRACE(TL_IPC, "ClientComm : COMM_MSG_SERVICE_STATS_START_RESULT");
-                    NotifyResult(*message, kStatusStatsStarted, kStatusStatsFailed,
-                                 "Start collecting Statistics failed");
-                    break;
-                case COMM_MSG_SERVICE_STATS:
-                    if (CVantoriaApi* api = g_pVantoriaApi.load()) {
-                        // The record is read whole: a short message is padded with zeros here
-                        // rather than read past its end.
-                        if (length >= sizeof(ServiceStatistics)) {
-                            api->StatisticsNotificationCB(message->m_pData);
-                        } else {
-                            ServiceStatistics padded;
-                            memset(&padded, 0, sizeof(padded));
-                            if (length != 0)
-                                memcpy(&padded, message->m_pData, length);
-                            api->StatisticsNotificationCB(reinterpret_cast<uint8_t*>(&padded));
-                        }
-                    }
-                    break;
-                case COMM_MSG_INFO_MESSAGE:
-                    VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE");
-                    HandleInfoMessage(*message);
-                    break;
-                default:
-                    break;
-            }
+            quit = Dispatch(sender, *message);
         }
+    } catch (const CCommunicatorGone&) {
+        gone = true;
     } catch (...) {
         VNTRACE(TL_ERR, "ClientComm : Unknown exception occurred");
     }
@@ -412,7 +311,126 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
     } else {
         VNTRACE(TL_IPC, "ClientComm : Receiver thread exits");
     }
+    if (gone)
+        throw CCommunicatorGone();
     return 0;
+}
+
+bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message) {
+    const uint32_t id = message.m_MessageId;
+    if (IsSenderMessage(id)) {
+        if (!sender)
+            return false;
+        VNTRACE(TL_IPC, "ClientComm sending... msgid %s", GetMessageName(id));
+        if (SendPacket(&message, false) == 0)
+            return false;
+        VNTRACE(TL_ERR, "ClientComm : Failed to send msg (%s) to server, server not accessible.",
+                GetMessageName(id));
+        // A failed send ends like a lost agent: the main thread stops both threads and the
+        // reconnect cycle takes over.
+        MSG_QUEUE_MSG disconnected(COMM_MSG_PEER_DC, 0, 1, 0);
+        PostToMain(&disconnected);
+        return true;
+    }
+
+    // Every notification row is skipped whole while there is no live API; the log lines that
+    // name the message come first and stay.
+    const uint32_t length = message.m_pData != nullptr ? message.m_DataLength : 0;
+    const uint8_t* data = message.m_pData;
+    switch (id) {
+        case COMM_MSG_SRVC_STARTED:
+            if (LiveApi() == nullptr)
+                break;
+            SetConnected(true);
+            VNTRACE(TL_IPC, "ClientComm : Fully Connected to server");
+            m_bServiceStopped = false;
+            Notify(kStatusConnected);
+            break;
+        case COMM_MSG_SRVC_START_FAILED:
+        case COMM_MSG_SRVC_STOPPED:
+            if (LiveApi() == nullptr)
+                break;
+            m_bServiceStopped = true;
+            Notify(kStatusServiceStopped);
+            break;
+        case COMM_MSG_QUIT:
+            if (sender) {
+                VNTRACE(TL_IPC, "ClientComm : sender thread received quit message.");
+            } else {
+                VNTRACE(TL_IPC, "ClientComm : receiver thread received quit message.");
+            }
+            return true;
+        case COMM_MSG_ICON_APLUS_STATE:
+            if (length != 0 && LiveApi() != nullptr)
+                HandleStateByte(static_cast<int8_t>(data[0]));
+            break;
+        case COMM_MSG_TOWERS_RESPONSE_INFO:
+            if (CVantoriaApi* api = LiveApi()) {
+                if (length != 0)
+                    CallOut([&] { api->TowerListNotificationCB(data, length); });
+            }
+            break;
+        case COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS:
+            NotifyResult(message, kStatusTowerChanged, kStatusTowerChangeFailed,
+                         "Tower change failed");
+            break;
+        case COMM_MSG_DCT_SETTINGS_RESPONSE:
+            if (CVantoriaApi* api = LiveApi()) {
+                if (length != 0)
+                    CallOut([&] { api->DCTSettingNotificationCB(data, length); });
+            }
+            break;
+        case COMM_MSG_DCT_SETTINGS_UPDATED:
+            NotifyResult(message, kStatusDctChanged, kStatusDctFailed,
+                         "Detect Closest Tower change failed");
+            break;
+        case COMM_MSG_DCT_TOWER_ACTIVATED:
+            VNTRACE(TL_IPC, "ClientComm: COMM_MSG_DCT_TOWER_ACTIVATED");
+            if (CVantoriaApi* api = LiveApi()) {
+                if (length != 0) {
+                    VNTRACE(TL_IPC, "ClientComm: calling DCTActiveTowerNotificationCB");
+                    CallOut([&] { api->DCTActiveTowerNotificationCB(data, length); });
+                }
+            }
+            break;
+        case COMM_MSG_PROXY_CRED_REQUEST:
+            VNTRACE(TL_IPC, "ClientComm: COMM_MSG_PROXY_CRED_REQUEST");
+            if (CVantoriaApi* api = LiveApi()) {
+                if (length != 0)
+                    CallOut([&] { api->ProxyCredReqCB(data, length); });
+            }
+            break;
+        case COMM_MSG_SERVICE_STATS_START_RESULT:
+            VNTRACE(TL_IPC, "ClientComm : COMM_MSG_SERVICE_STATS_START_RESULT");
+            NotifyResult(message, kStatusStatsStarted, kStatusStatsFailed,
+                         "Start collecting Statistics failed");
+            break;
+        case COMM_MSG_SERVICE_STATS:
+            if (CVantoriaApi* api = LiveApi()) {
+                // The record is read whole: a short message is padded with zeros here rather
+                // than read past its end.
+                if (length >= sizeof(ServiceStatistics)) {
+                    CallOut([&] { api->StatisticsNotificationCB(data); });
+                } else {
+                    ServiceStatistics padded;
+                    memset(&padded, 0, sizeof(padded));
+                    if (length != 0)
+                        memcpy(&padded, data, length);
+                    CallOut([&] {
+                        api->StatisticsNotificationCB(reinterpret_cast<uint8_t*>(&padded));
+                    });
+                }
+            }
+            break;
+        case COMM_MSG_INFO_MESSAGE:
+            VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE");
+            if (LiveApi() != nullptr)
+                HandleInfoMessage(message);
+            break;
+        default:
+            break;
+    }
+    return false;
 }
 
 void CClientSideCommunicator::HandleStateByte(int8_t state) {
@@ -456,6 +474,6 @@ void CClientSideCommunicator::HandleInfoMessage(const MSG_QUEUE_MSG& message) {
     const uint32_t type = static_cast<uint32_t>(atoi(text.substr(0, hash).c_str()));
     const std::string body = text.substr(hash + 1);
     VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE: msg='%s'", body.c_str());
-    if (CVantoriaApi* api = g_pVantoriaApi.load())
-        api->InfoMessageNotificationCB(type, body);
+    if (CVantoriaApi* api = LiveApi())
+        CallOut([&] { api->InfoMessageNotificationCB(type, body); });
 }

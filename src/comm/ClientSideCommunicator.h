@@ -29,6 +29,8 @@ class CClientSideCommunicator : public CCommunicator {
     COMM_STATUS Connect() override;
 
   private:
+    // Acts on one message read by the sender or the receiver; true ends the thread's loop.
+    bool Dispatch(bool sender, const MSG_QUEUE_MSG& message);
     // The receiver's handling of a state byte and of an info text.
     void HandleStateByte(int8_t state);
     void HandleInfoMessage(const MSG_QUEUE_MSG& message);

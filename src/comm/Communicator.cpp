@@ -32,30 +32,52 @@ void Assign(boost::thread& field, boost::thread&& thread) {
     field = std::move(thread);
 }
 
-// m_Fate of a record: 0 while its thread runs, then one of these.
-constexpr int kThreadEnded = 1;
-constexpr int kThreadAbandoned = 2;
-
-// Last act of a sender or receiver thread: frees its record if the communicator has let go of
-// it in the meantime.
-void ThreadEnded(COMM_THREAD_DATA* data) {
-    if (data->m_Fate.exchange(kThreadEnded) == kThreadAbandoned)
-        delete data;
-}
+thread_local CCommThreadGate* t_pCurrentGate = nullptr;
 
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// CCommunicator
+// CCommThreadGate
 
-void CCommunicator::Abandon(COMM_THREAD_DATA*& data) {
-    if (data == nullptr)
-        return;
-    // The thread frees the record when it ends, unless it has ended already.
-    if (data->m_Fate.exchange(kThreadAbandoned) == kThreadEnded)
-        delete data;
-    data = nullptr;
+void CCommThreadGate::ThreadMade() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    ++m_Running;
 }
+
+void CCommThreadGate::ThreadEnded() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (--m_Running == 0)
+        m_Idle.notify_all();
+}
+
+void CCommThreadGate::LeaveForCallback() {
+    ThreadEnded();
+}
+
+bool CCommThreadGate::ReturnFromCallback() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_bClosed)
+        return false;
+    ++m_Running;
+    return true;
+}
+
+void CCommThreadGate::Close() {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_bClosed = true;
+    m_Idle.wait(lock, [this] { return m_Running == 0; });
+}
+
+CCommThreadGate* CCommThreadGate::Current() {
+    return t_pCurrentGate;
+}
+
+void CCommThreadGate::SetCurrent(CCommThreadGate* gate) {
+    t_pCurrentGate = gate;
+}
+
+// ---------------------------------------------------------------------------------------------
+// CCommunicator
 
 CCommunicator::CCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam)
     : m_bInitialized(false),
@@ -71,27 +93,23 @@ CCommunicator::CCommunicator(uint32_t port, uint32_t clientType, uint32_t connec
       m_bStop(false),
       m_Callback(this, clientType, 0),
       m_pSecureIPCClientInstance(nullptr),
-      m_pSecureIPCServerInstance(nullptr) {
+      m_pSecureIPCServerInstance(nullptr),
+      m_pGate(std::make_shared<CCommThreadGate>()) {
     m_PeerSessions.max_load_factor(1.0f);
 }
 
 CCommunicator::~CCommunicator() {
+    // Normally closed by Stop already; a thread still in a host callback finds it closed when
+    // the callback returns and touches nothing of this object.
+    m_pGate->Close();
     delete m_pSecureIPCServerInstance;
     m_pSecureIPCServerInstance = nullptr;
     delete m_pSecureIPCClientInstance;
     m_pSecureIPCClientInstance = nullptr;
-    // A thread that outlived its join limits is let go, and its record (queue and stop request)
-    // is left to it rather than freed under its feet.
-    if (m_SenderThread.joinable()) {
-        m_SenderThread.detach();
-        Abandon(m_pSenderData);
+    for (boost::thread* thread : {&m_SenderThread, &m_ReceiverThread, &m_MainThreadHandle}) {
+        if (thread->joinable())
+            thread->detach();
     }
-    if (m_ReceiverThread.joinable()) {
-        m_ReceiverThread.detach();
-        Abandon(m_pReceiverData);
-    }
-    if (m_MainThreadHandle.joinable())
-        m_MainThreadHandle.detach();
     FreeThreadData();
     delete m_pMainQueue;
 }
@@ -121,7 +139,7 @@ COMM_STATUS CCommunicator::StartMainThread() {
     }
     boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
     try {
-        Assign(m_MainThreadHandle, boost::thread([this] { MainThread(); }));
+        StartCountedThread(m_MainThreadHandle, [this] { MainThread(); });
         VNTRACE(TL_OFF, "Comm : Created main communicator thread.");
     } catch (const std::exception& e) {
         VNTRACE(TL_ERR, "Comm : Failed to create main communicator thread. Exception: %s",
@@ -134,11 +152,12 @@ COMM_STATUS CCommunicator::StartMainThread() {
     return 0;
 }
 
-COMM_STATUS CCommunicator::CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out) {
+COMM_STATUS CCommunicator::CreateThreadData(uint32_t threadType,
+                                            std::shared_ptr<COMM_THREAD_DATA>* out) {
     if ((threadType != kThreadTypeSender && threadType != kThreadTypeReceiver) || out == nullptr) {
         return kCommInvalidArg;
     }
-    *out = nullptr;
+    out->reset();
     COMM_THREAD_DATA* data = new (std::nothrow) COMM_THREAD_DATA;
     if (data == nullptr) {
         VNTRACE(TL_ERR, "Comm : Failed to create thread data object, system out of memory");
@@ -152,27 +171,39 @@ COMM_STATUS CCommunicator::CreateThreadData(uint32_t threadType, COMM_THREAD_DAT
         delete data;
         return kCommOutOfMemory;
     }
-    *out = data;
+    try {
+        out->reset(data);
+    } catch (const std::bad_alloc&) {  // the shared count could not be allocated; data is freed
+        VNTRACE(TL_ERR, "Comm : Failed to create thread data object, system out of memory");
+        return kCommOutOfMemory;
+    }
     return 0;
 }
 
 void CCommunicator::FreeThreadData() {
-    COMM_THREAD_DATA* sender;
-    COMM_THREAD_DATA* receiver;
+    std::shared_ptr<COMM_THREAD_DATA> sender, receiver;
     {
         boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        sender = m_pSenderData;
-        receiver = m_pReceiverData;
-        m_pSenderData = nullptr;
-        m_pReceiverData = nullptr;
+        sender.swap(m_pSenderData);
+        receiver.swap(m_pReceiverData);
     }
-    delete sender;
-    delete receiver;
+    // Released here, outside the lock: a record whose thread still runs lives on with it.
+}
+
+void CCommunicator::FreeThreadData(const std::shared_ptr<COMM_THREAD_DATA>& sender,
+                                   const std::shared_ptr<COMM_THREAD_DATA>& receiver) {
+    std::shared_ptr<COMM_THREAD_DATA> oldSender, oldReceiver;
+    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    if (sender != nullptr && m_pSenderData == sender)
+        oldSender.swap(m_pSenderData);
+    if (receiver != nullptr && m_pReceiverData == receiver)
+        oldReceiver.swap(m_pReceiverData);
 }
 
 COMM_STATUS CCommunicator::StartSndRcvThreads() {
+    boost::lock_guard<boost::recursive_mutex> stateLock(m_StateLock);
     if (m_pSenderData == nullptr) {
-        COMM_THREAD_DATA* data = nullptr;
+        std::shared_ptr<COMM_THREAD_DATA> data;
         const COMM_STATUS result = CreateThreadData(kThreadTypeSender, &data);
         if (result != 0) {
             VNTRACE(TL_ERR, "Comm : Failed to create sender thread data, Code : %ld",
@@ -180,31 +211,27 @@ COMM_STATUS CCommunicator::StartSndRcvThreads() {
             return result;
         }
         boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        m_pSenderData = data;
+        m_pSenderData = std::move(data);
     }
     if (m_pReceiverData == nullptr) {
-        COMM_THREAD_DATA* data = nullptr;
+        std::shared_ptr<COMM_THREAD_DATA> data;
         const COMM_STATUS result = CreateThreadData(kThreadTypeReceiver, &data);
         if (result != 0) {
             VNTRACE(TL_ERR, "Comm : Failed to create receiver thread data, Code : %ld",
                     static_cast<long>(result));
-            COMM_THREAD_DATA* sender;
-            {
-                boost::lock_guard<boost::mutex> lock(m_QueueLock);
-                sender = m_pSenderData;
-                m_pSenderData = nullptr;
-            }
-            delete sender;
+            std::shared_ptr<COMM_THREAD_DATA> sender;
+            boost::lock_guard<boost::mutex> lock(m_QueueLock);
+            sender.swap(m_pSenderData);
             return result;
         }
         boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        m_pReceiverData = data;
+        m_pReceiverData = std::move(data);
     }
 
-    COMM_THREAD_DATA* sender = m_pSenderData;
-    COMM_THREAD_DATA* receiver = m_pReceiverData;
-    // Each thread starts on an empty queue: records kept from a thread that outlived its join
-    // limit may still hold its QUIT.
+    const std::shared_ptr<COMM_THREAD_DATA> sender = m_pSenderData;
+    const std::shared_ptr<COMM_THREAD_DATA> receiver = m_pReceiverData;
+    // Each thread starts on an empty queue. Emptied here rather than by the thread, which would
+    // race with the relay: it may already have handed over a command.
     sender->m_pQueue->Clear();
     receiver->m_pQueue->Clear();
     StartThreadFor(m_SenderThread, sender, "send");
@@ -212,13 +239,36 @@ COMM_STATUS CCommunicator::StartSndRcvThreads() {
     return 0;
 }
 
-void CCommunicator::StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data,
+void CCommunicator::StartCountedThread(boost::thread& field, std::function<void()> body) {
+    std::shared_ptr<CCommThreadGate> gate = m_pGate;
+    gate->ThreadMade();
+    try {
+        Assign(field, boost::thread([gate, body] {
+                   CCommThreadGate::SetCurrent(gate.get());
+                   bool counted = true;
+                   try {
+                       body();
+                   } catch (const CCommunicatorGone&) {
+                       counted = false;  // came back from a callback into a closed gate
+                   } catch (...) {
+                   }
+                   CCommThreadGate::SetCurrent(nullptr);
+                   if (counted)
+                       gate->ThreadEnded();
+               }));
+    } catch (...) {
+        gate->ThreadEnded();
+        throw;
+    }
+}
+
+void CCommunicator::StartThreadFor(boost::thread& field,
+                                   const std::shared_ptr<COMM_THREAD_DATA>& data,
                                    const char* which) {
     try {
-        Assign(field, boost::thread([this, data] {
-                   ThreadProc(data);
-                   ThreadEnded(data);  // touches nothing but the record
-               }));
+        // The thread holds its record too: it outlives the communicator's hold if the thread
+        // outlives its join limit.
+        StartCountedThread(field, [this, data] { ThreadProc(data.get()); });
         VNTRACE(TL_OFF, "Comm : Created %s communicator thread.", which);
     } catch (const std::exception& e) {
         VNTRACE(TL_ERR, "Comm : Failed to create %s communicator thread. Exception: %s", which,
@@ -234,31 +284,45 @@ void CCommunicator::StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data,
 
 void CCommunicator::StopSndRcvThreads() {
     VNTRACE(TL_TRACE, "Communicator(%d) : Stopping snd/rcv threads", m_ClientType);
+    std::shared_ptr<COMM_THREAD_DATA> sender, receiver;
+    boost::thread senderThread, receiverThread;
     {
-        MSG_QUEUE_MSG quit(COMM_MSG_QUIT, 0, 1, 0);
-        boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        for (COMM_THREAD_DATA* data : {m_pSenderData, m_pReceiverData}) {
-            if (data == nullptr)
-                continue;
-            data->m_bStopRequested = true;
-            data->m_pQueue->PutMessage(&quit);
+        // The threads take QUIT behind what is already queued: each works its queue up to it.
+        // Their handles are taken out here, so that the main thread and the stopping thread,
+        // which may both come here, never join the same thread.
+        boost::lock_guard<boost::recursive_mutex> stateLock(m_StateLock);
+        {
+            boost::lock_guard<boost::mutex> lock(m_QueueLock);
+            sender = m_pSenderData;
+            receiver = m_pReceiverData;
         }
+        MSG_QUEUE_MSG quit(COMM_MSG_QUIT, 0, 1, 0);
+        for (const auto& data : {sender, receiver}) {
+            if (data != nullptr)
+                data->m_pQueue->PutMessage(&quit);
+        }
+        senderThread = std::move(m_SenderThread);
+        receiverThread = std::move(m_ReceiverThread);
     }
     VNTRACE(TL_TRACE, "Communicator(%d) : Waiting for snd/rcv threads to stop", m_ClientType);
-    if (WaitForSndRcvThreads()) {
-        FreeThreadData();
-    } else {
-        // A thread that may still run must not lose its queue.
+    if (!WaitForSndRcvThreads(senderThread, receiverThread)) {
+        // A thread that may still run keeps its record and queue, and frees them when it ends;
+        // the next connection gets fresh ones.
         VNTRACE(TL_ERR, "Communicator(%d) : WaitForSndRcvThreads problem", m_ClientType);
+        for (boost::thread* thread : {&senderThread, &receiverThread}) {
+            if (thread->joinable())
+                thread->detach();
+        }
     }
+    FreeThreadData(sender, receiver);
     m_bConnected = false;
     VNTRACE(TL_TRACE, "Communicator(%d) : snd/rcv threads stopped", m_ClientType);
 }
 
-bool CCommunicator::WaitForSndRcvThreads() {
-    const bool sender = JoinWithLimit(m_SenderThread, kThreadJoinSeconds);
-    const bool receiver = JoinWithLimit(m_ReceiverThread, kThreadJoinSeconds);
-    return sender && receiver;
+bool CCommunicator::WaitForSndRcvThreads(boost::thread& sender, boost::thread& receiver) {
+    const bool senderJoined = JoinWithLimit(sender, kThreadJoinSeconds);
+    const bool receiverJoined = JoinWithLimit(receiver, kThreadJoinSeconds);
+    return senderJoined && receiverJoined;
 }
 
 void CCommunicator::StopMainThread() {
@@ -280,7 +344,7 @@ void CCommunicator::StopMainThread() {
     }
     SetConnected(false);
     if (CVantoriaApi* api = g_pVantoriaApi.load())
-        api->StatusNotificationCB(8);
+        CallOut([&] { api->StatusNotificationCB(8); });
 }
 
 void CCommunicator::Stop() {
@@ -301,6 +365,9 @@ void CCommunicator::Stop() {
         m_pSecureIPCServerInstance->TearDown();
     }
     VNTRACE(TL_IPC, "Communicator : Communicator stopped");
+    // A thread that outlived its join limit is either back in a wait that ends within moments
+    // (waited for here) or held in a host callback, which it leaves without touching this object.
+    m_pGate->Close();
 }
 
 void CCommunicator::WaitForMainThread(uint32_t seconds) {
@@ -341,7 +408,7 @@ bool CCommunicator::PostToMain(const MSG_QUEUE_MSG* message) {
 
 bool CCommunicator::PostToReceiver(const MSG_QUEUE_MSG* message) {
     boost::lock_guard<boost::mutex> lock(m_QueueLock);
-    if (m_pReceiverData == nullptr || message == nullptr)
+    if (!m_pReceiverData || message == nullptr)
         return false;
     return m_pReceiverData->m_pQueue->PutMessage(message);
 }
@@ -515,13 +582,6 @@ void CAPISecureIPCCB::OnReqMsgRecv(IPCBuffer* buffer) {
         return;
     }
     const uint32_t id = message.m_MessageId;
-    if (id == COMM_MSG_QUIT || id == COMM_MSG_PEER_DC || id == COMM_MSG_NONE) {
-        // These belong to the threads of this process; from the wire, a QUIT would end the
-        // receiver for the rest of the connection and silence every later notification.
-        VNTRACE(TL_ERR, "SecureIPC : Dropped internal message %s received from the peer",
-                GetMessageName(id));
-        return;
-    }
     bool written;
     if (id == COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC || id == COMM_MSG_CLIENT_TYPE_CMD_DISABLE_SVC ||
         id == COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL) {

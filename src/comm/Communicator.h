@@ -15,7 +15,10 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include <boost/thread/mutex.hpp>
@@ -53,19 +56,69 @@ constexpr uint32_t kClientTypeDebugLevel = 6;
 constexpr uint32_t kThreadTypeSender = 1;
 constexpr uint32_t kThreadTypeReceiver = 2;
 
-// The data of a sender or receiver thread: its type and its queue, which it owns, and the
-// request to stop, which the thread tests before anything of the communicator: a thread that
-// outlives its join limit (stuck in a callback) may find the communicator gone when it returns,
-// and then touches nothing but this record, which is left to it.
+// The data of a sender or receiver thread: its type and its queue, which it owns. Shared by
+// the communicator and the thread: a thread that outlives its join limit (held in a host
+// callback) keeps its record, and frees it when it ends, while the communicator lets go of it
+// and gives the next connection fresh records.
 struct COMM_THREAD_DATA {
     uint32_t m_ThreadType = 0;
     CMsgQueue* m_pQueue = nullptr;
-    std::atomic<bool> m_bStopRequested{false};
-    // Who frees a record whose thread was abandoned: the thread when it ends, or the
-    // communicator's destructor if the thread ended first (kRunning, kEnded, kAbandoned).
-    std::atomic<int> m_Fate{0};
     ~COMM_THREAD_DATA() { delete m_pQueue; }
 };
+
+// Thrown on one of a communicator's threads when a host callback returns after the communicator
+// has been stopped for good: the thread unwinds and ends without touching it again.
+struct CCommunicatorGone {};
+
+// What a communicator's threads share with it beyond its life: how many of them are running the
+// communicator's code (rather than waiting in a host callback), and whether it has been closed.
+// Close waits until none is: a thread held in a callback is left there and, when the callback
+// returns, learns that the communicator is gone. The communicator's threads only leave its code
+// for bounded waits and host callbacks, so Close waits a bounded time.
+class CCommThreadGate {
+  public:
+    // A thread is made that will run communicator code: counted by its maker before it starts.
+    void ThreadMade();
+    // The thread ends, or was never started.
+    void ThreadEnded();
+    // The calling thread (one of the communicator's, or any other, which is not counted) goes out
+    // to a host callback, and comes back: false when the communicator was closed meanwhile.
+    void LeaveForCallback();
+    bool ReturnFromCallback();
+    // From now on no thread runs the communicator's code; waits for those that do.
+    void Close();
+
+    // The gate of the communicator whose thread is calling, or null on any other thread.
+    static CCommThreadGate* Current();
+    static void SetCurrent(CCommThreadGate* gate);
+
+  private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Idle;
+    int m_Running = 0;  // guarded by m_Mutex
+    bool m_bClosed = false;
+};
+
+// Calls `call` (a host callback through g_pVantoriaApi) as a way out of the communicator: on one
+// of its threads, throws CCommunicatorGone when the communicator was closed while it ran.
+template <typename Call>
+void CallOut(Call call) {
+    CCommThreadGate* gate = CCommThreadGate::Current();
+    if (gate == nullptr) {
+        call();
+        return;
+    }
+    gate->LeaveForCallback();
+    try {
+        call();
+    } catch (...) {
+        if (!gate->ReturnFromCallback())
+            throw CCommunicatorGone();
+        throw;
+    }
+    if (!gate->ReturnFromCallback())
+        throw CCommunicatorGone();
+}
 
 // The IPC library's callback. Runs on the library's threads: it only parses and queues.
 class CAPISecureIPCCB : public IIPCCallback {
@@ -102,7 +155,9 @@ class CCommunicator {
     COMM_STATUS StartMainThread();
     COMM_STATUS StartSndRcvThreads();
     void StopSndRcvThreads();
-    bool WaitForSndRcvThreads();
+    // Joins each thread within its limit, sender first; a thread that is not joinable counts as
+    // joined. True when both joined.
+    static bool WaitForSndRcvThreads(boost::thread& sender, boost::thread& receiver);
     void StopMainThread();
     void WaitForMainThread(uint32_t seconds);
 
@@ -125,21 +180,26 @@ class CCommunicator {
     friend class CAPISecureIPCCB;
 
     // Makes a thread's data record with its queue; kCommInvalidArg, kCommOutOfMemory or 0.
-    COMM_STATUS CreateThreadData(uint32_t threadType, COMM_THREAD_DATA** out);
+    COMM_STATUS CreateThreadData(uint32_t threadType, std::shared_ptr<COMM_THREAD_DATA>* out);
+    // Lets go of the records in the two fields (all of them, or those equal to the given ones).
     void FreeThreadData();
-    // Lets go of the record of a thread that could not be joined; see COMM_THREAD_DATA.
-    static void Abandon(COMM_THREAD_DATA*& data);
+    void FreeThreadData(const std::shared_ptr<COMM_THREAD_DATA>& sender,
+                        const std::shared_ptr<COMM_THREAD_DATA>& receiver);
+    // Runs `body` on a new thread counted by m_pGate and moves it into `field`.
+    void StartCountedThread(boost::thread& field, std::function<void()> body);
     // Runs ThreadProc(data) on a new thread kept in `field` ("send" or "recv" in the messages).
     // A failure frees both thread data records and rethrows.
-    void StartThreadFor(boost::thread& field, COMM_THREAD_DATA* data, const char* which);
+    void StartThreadFor(boost::thread& field, const std::shared_ptr<COMM_THREAD_DATA>& data,
+                        const char* which);
 
     bool m_bInitialized;
     uint32_t m_ConnectParam;
     CMsgQueue* m_pMainQueue;  // exists only while a connection attempt runs
     boost::thread m_SenderThread;
     boost::thread m_ReceiverThread;
-    COMM_THREAD_DATA* m_pSenderData;
-    COMM_THREAD_DATA* m_pReceiverData;
+    // Shared with their threads (see COMM_THREAD_DATA); written under m_QueueLock.
+    std::shared_ptr<COMM_THREAD_DATA> m_pSenderData;
+    std::shared_ptr<COMM_THREAD_DATA> m_pReceiverData;
     boost::thread m_MainThreadHandle;
     CSyncEvent m_EventMainCycle;  // manual reset: end of each pass of the main thread
     CSyncEvent m_EventStop;       // auto reset: set by Stop, ends the pause between attempts
@@ -156,6 +216,8 @@ class CCommunicator {
     // Guards the queue pointers against the IPC threads' posts while a connection's queues are
     // made and freed. A leaf below m_StateLock.
     boost::mutex m_QueueLock;
+    // Shared with every thread this communicator starts; closed at the end of Stop.
+    std::shared_ptr<CCommThreadGate> m_pGate;
 };
 
 #endif  // TIDEWAY_COMM_COMMUNICATOR_H_

@@ -240,6 +240,41 @@ TEST_F(ApiWithFakeChannel, GlueTracksSessionsAndRoutesCommandClientIds) {
     ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 2; }));
 }
 
+TEST_F(ApiWithFakeChannel, InternalIdsFromTheAgentAndRowsWithoutALiveApi) {
+    Connect();
+    // With no live API every notification row is skipped whole, state changes included: a
+    // service stop taken here would drop the marker below.
+    g_pVantoriaApi = nullptr;
+    fake_->Deliver(COMM_MSG_SRVC_STOPPED);
+    fake_->Deliver(COMM_MSG_INFO_MESSAGE, "5#hidden", 9);
+    fake_->Deliver(COMM_MSG_DCT_TOWER_ACTIVATED, "t", 1);
+    fake_->Deliver(COMM_MSG_PROXY_CRED_REQUEST);  // its line says the rows before are done
+    // Ids of the module's own threads go to the receiver like any other; 1032 and 1064 mean
+    // nothing there.
+    fake_->Deliver(COMM_MSG_PEER_DC);
+    fake_->Deliver(COMM_MSG_NONE);
+    ASSERT_TRUE(syslog_capture::WaitFor("ClientComm: COMM_MSG_PROXY_CRED_REQUEST\n", seconds(5)));
+    g_pVantoriaApi = api_.get();
+    Sync();
+    EXPECT_EQ(cb_.Statuses(), (Statuses{9}));
+    for (const char* line : {"ClientComm : COMM_MSG_INFO_MESSAGE: msg='hidden'\n",
+                             "ClientComm: calling DCTActiveTowerNotificationCB\n"})
+        EXPECT_EQ(syslog_capture::Count(line), 0u) << line;
+    for (const char* line : {"OnReqMsgRecv received.. msgid COMM_MSG_PEER_DC\n",
+                             "OnReqMsgRecv received.. msgid COMM_MSG_NONE\n"})
+        EXPECT_EQ(syslog_capture::Count(line), 1u) << line;
+
+    // A QUIT from the agent ends the receiver; the sender still sends.
+    fake_->Deliver(COMM_MSG_QUIT);
+    ASSERT_TRUE(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5)));
+    EXPECT_EQ(syslog_capture::Count("OnReqMsgRecv received.. msgid COMM_MSG_QUIT\n"), 1u);
+    EXPECT_EQ(syslog_capture::Count("ClientComm : receiver thread received quit message.\n"), 1u);
+    ASSERT_EQ(api_->QueryProxyState(), 0);
+    ASSERT_TRUE(fake_->WaitFor([&] {
+        return !fake_->sentIds.empty() && fake_->sentIds.back() == COMM_MSG_PROXY_STATE_QUERY;
+    }));
+}
+
 // Before a connection: refusals, a single IPC client, and the glue with no queue to post to.
 TEST_F(ApiWithFakeChannel, CommunicatorOutsideAConnectionRefusesAndLogs) {
     CClientSideCommunicator comm(5003, 2, 5, 0);

@@ -8,7 +8,8 @@
 // bytes. Bit 7 clear: a built packet; bits 0-5 pick the id (0-40: 1025-1065, 41-63: odd ids);
 // bit 6: the header's length field is the next 4 bytes instead of the true length; then a
 // 2-byte size and the data. At most 64 packets, each a heap block of exactly its size so that
-// ASan sees a read past it. Internal ids (1036 QUIT among them) must be dropped by the glue.
+// ASan sees a read past it. Ids of the module's own threads reach the receiver like any other:
+// a QUIT (1036) ends it, after which nothing more is notified; the harness then makes a fresh API.
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -58,6 +59,7 @@ struct Model {
     size_t requests = 0;        // GetTowerList + GetDCTSettings after statuses 10 to 13
     bool requestsExact = true;  // false once a service stop may make the sender drop some
     bool stopped = false;
+    bool quit = false;  // the receiver has ended
     std::string lastError;
 
     void Status(uint32_t code) {
@@ -83,10 +85,13 @@ struct Model {
         Message(ReadLE32(p + 20), whole ? p + 24 : nullptr, whole ? promised : 0);
     }
     void Message(uint32_t id, const uint8_t* data, uint32_t length) {
-        if (stopped ? id != COMM_MSG_SRVC_STARTED
-                    : id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE)
+        if (quit || (stopped ? id != COMM_MSG_SRVC_STARTED && id != COMM_MSG_QUIT
+                             : id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE))
             return;
         switch (id) {
+            case COMM_MSG_QUIT:
+                quit = true;
+                break;
             case COMM_MSG_SRVC_STARTED:
                 stopped = false;
                 Status(9);
@@ -223,6 +228,8 @@ struct Harness {
 Harness* g_Harness = nullptr;
 
 void StopHarness() {
+    if (g_Harness == nullptr || g_Harness->api == nullptr)
+        return;
     g_pVantoriaApi = nullptr;
     delete g_Harness->api;  // the whole stop sequence
     g_Harness->api = nullptr;
@@ -232,6 +239,7 @@ void StopHarness() {
 Harness& TheHarness() {
     if (g_Harness != nullptr)
         return *g_Harness;
+    static bool registered = false;
     // Every level on, so that every log statement on the path formats its arguments.
     g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
                       10000, 100, 1, 0, 60);
@@ -251,8 +259,18 @@ Harness& TheHarness() {
         Fail("no status 9 after the service started");
     h->callback.TakeEvents();
     g_Harness = h;
-    atexit(StopHarness);  // before the trace object goes: the threads log while they stop
+    if (!registered)
+        atexit(StopHarness);  // before the trace object goes: the threads log while they stop
+    registered = true;
     return *h;
+}
+
+// After a QUIT has ended the receiver: the whole stop, then a fresh connected API.
+void RestartHarness() {
+    StopHarness();
+    delete g_Harness;
+    g_Harness = nullptr;
+    TheHarness();
 }
 
 }  // namespace
@@ -267,22 +285,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         model.Packet(p.first.get(), p.second);
     }
 
-    // The marker: the service (re)started, so that a stop among the packets lets it through,
-    // then an info text that only this input sends (an input may carry it too: wait for all).
-    const std::string text = "77#fuzz-marker " + std::to_string(++h.serial);
-    h.fake->Deliver(COMM_MSG_SRVC_STARTED);
-    h.fake->Deliver(COMM_MSG_INFO_MESSAGE, text.c_str(), static_cast<uint32_t>(text.size() + 1));
-    model.Message(COMM_MSG_SRVC_STARTED, nullptr, 0);
-    const std::string marker = "I:" + text;
-    model.lines.push_back(marker);
-    const auto markers = std::count(model.lines.begin(), model.lines.end(), marker);
-    if (!cb.WaitUntil(
-            [&] {
-                return !cb.events.empty() && cb.events.back() == marker &&
-                       std::count(cb.events.begin(), cb.events.end(), marker) >= markers;
-            },
-            kMarkerWait))
-        Fail("marker lost: a message, the receiver or a lock was lost");
+    if (model.quit) {
+        // The receiver's end is the marker: everything before the QUIT was dispatched.
+        if (!syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", kMarkerWait))
+            Fail("a QUIT from the agent did not end the receiver");
+    } else {
+        // The marker: the service (re)started, so that a stop among the packets lets it
+        // through, then an info text that only this input sends (an input may carry it too:
+        // wait for all).
+        const std::string text = "77#fuzz-marker " + std::to_string(++h.serial);
+        h.fake->Deliver(COMM_MSG_SRVC_STARTED);
+        h.fake->Deliver(COMM_MSG_INFO_MESSAGE, text.c_str(),
+                        static_cast<uint32_t>(text.size() + 1));
+        model.Message(COMM_MSG_SRVC_STARTED, nullptr, 0);
+        const std::string marker = "I:" + text;
+        model.lines.push_back(marker);
+        const auto markers = std::count(model.lines.begin(), model.lines.end(), marker);
+        if (!cb.WaitUntil(
+                [&] {
+                    return !cb.events.empty() && cb.events.back() == marker &&
+                           std::count(cb.events.begin(), cb.events.end(), marker) >= markers;
+                },
+                kMarkerWait))
+            Fail("marker lost: a message, the receiver or a lock was lost");
+    }
     std::vector<std::string> seen = cb.TakeEvents();
     for (std::string& event : seen)  // field contents are checked by the unit tests
         event = strchr("TPX", event[0]) ? event.substr(0, 1) : event;
@@ -327,5 +353,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Fail("last error", error + " instead of " + model.lastError);
     }
     syslog_capture::Clear();  // the records of this input are not needed, and would pile up
+    if (model.quit)
+        RestartHarness();
     return 0;
 }

@@ -301,6 +301,73 @@ TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop)
     server->TearDown();
 }
 
+TEST_F(ApiAgainstAgent, MessagesQueuedBeforeADisconnectAreAllDelivered) {
+    // The agent sends a state byte and a service stop, then drops the client, while the host is
+    // slow with the first status: the receiver must work its queue before it quits.
+    StartAgent();
+    StartApi(true);
+    ASSERT_TRUE(cb_.WaitForStatus(9));
+    cb_.statusHook = [](uint64_t code) {
+        if (code == 4)
+            std::this_thread::sleep_for(milliseconds(300));  // a slow host, not a sync
+    };
+    const size_t eights = cb_.Count(8), before = cb_.Statuses().size();
+    ASSERT_EQ(sim_->Control("state 0x04"), "OK sent=1");
+    ASSERT_EQ(sim_->Control("send 1030"), "OK sent=1");
+    ASSERT_EQ(sim_->Control("drop"), "OK dropped=1");
+    ASSERT_TRUE(cb_.WaitForStatus(8, eights + 1));
+    Statuses after = cb_.Statuses();
+    after.erase(after.begin(), after.begin() + before);
+    after.resize(std::min<size_t>(after.size(), 3));
+    EXPECT_EQ(after, (Statuses{4, 1, 8}));
+}
+
+TEST_F(ApiAgainstAgent, CallbackStuckAcrossADropLeavesTheNextConnectionWhole) {
+    const int baseline = ThreadBaseline();
+    StartAgent();
+    StartApi(true);
+    ASSERT_TRUE(cb_.WaitForStatus(9));
+    std::promise<void> stuck, release;
+    std::shared_future<void> released = release.get_future().share();
+    bool first = true;  // only the first receiver thread touches it
+    cb_.statusHook = [&](uint64_t code) {
+        if (code == 3 && first) {
+            first = false;
+            stuck.set_value();
+            released.wait();
+        }
+    };
+    ASSERT_EQ(sim_->Control("state 0x02"), "OK sent=1");
+    ASSERT_EQ(stuck.get_future().wait_for(seconds(10)), std::future_status::ready);
+    ASSERT_EQ(sim_->Control("state 0x04"), "OK sent=1");  // queued behind the stuck callback
+    const size_t nines = cb_.Count(9);
+    ASSERT_EQ(sim_->Control("drop"), "OK dropped=1");
+    ASSERT_TRUE(syslog_capture::WaitFor("Communicator(2) : WaitForSndRcvThreads problem\n",
+                                        seconds(15)));
+
+    // The next connection has its own threads and queues: greeted, it answers a command.
+    ASSERT_TRUE(log_.WaitFor("SEND session=2 COMM_MSG_SRVC_STARTED len=0"));
+    const auto greeted = Clock::now();
+    ASSERT_TRUE(cb_.WaitForStatus(9, nines + 1));
+    EXPECT_LT(Clock::now() - greeted, seconds(2)) << "status 9 waited for another cycle";
+    ASSERT_EQ(api_->GetTowerList(), 0);
+    ASSERT_TRUE(cb_.WaitForLast("T:west-1,west-2,east-1@1"));
+
+    // Released, the old receiver delivers what its connection had queued, then ends.
+    const size_t before = cb_.Statuses().size();
+    const size_t exits = syslog_capture::Count("ClientComm : Receiver thread exits\n");
+    release.set_value();
+    ASSERT_TRUE(cb_.WaitUntil([&] { return cb_.statuses.size() >= before + 2; }));
+    const Statuses all = cb_.Statuses();
+    EXPECT_EQ(Statuses(all.begin() + before, all.end()), (Statuses{3, 4}));
+    EXPECT_TRUE(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5), exits + 1));
+    StopApi();
+    sim_.reset();
+    for (auto end = Clock::now() + seconds(10); ThreadCount() > baseline && Clock::now() < end;)
+        std::this_thread::sleep_for(milliseconds(10));
+    EXPECT_EQ(ThreadCount(), baseline);
+}
+
 TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) {
     const int baseline = ThreadBaseline();
     StartAgent();
