@@ -56,9 +56,13 @@ long DecodeFile(const std::string& path, std::string& text, bool stripMarker) {
     return 0;
 }
 
-// False when the file cannot parse as XML: the parser skips an optional UTF-8 byte-order mark
-// and blanks, CR, LF and TAB, and fails unless the next byte is "<". Ciphertext nearly always
-// fails this at its first byte, which spares reading and parsing the whole file as XML.
+// False when the file is not XML text: the parser skips an optional UTF-8 byte-order mark and
+// blanks, CR, LF and TAB, and then needs a "<" or the end of the file (an empty or blank file
+// is an empty plain document). Ciphertext nearly always fails this at its first byte, which
+// spares reading and parsing the whole file as XML.
+// A NUL byte there is refused although the parser would stop at it and take the file for an
+// empty document: about one ciphertext in 256 begins with 0x00, and such a file must be probed
+// as obfuscated, not typed plain and refused.
 bool MayBeXml(const std::string& path) {
     FILE* file = fopen(path.c_str(), "rb");
     if (file == nullptr)

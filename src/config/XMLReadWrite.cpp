@@ -107,11 +107,9 @@ void CXMLReadWrite::ParseInto(const std::string& text, int readFlags, pt::ptree&
     if (!NestingWithin(text, kMaxXmlDepth))
         throw std::runtime_error("XML nested too deeply");
     std::istringstream stream(text);
+    // A text without any element (empty, blanks, a lone declaration) parses to an empty
+    // document; it replaces the one in memory like any other.
     pt::read_xml(stream, out, readFlags);
-    // The parser takes a text without any element (empty, blanks, a lone declaration) for an
-    // empty document. That is not a document, and loading it would wipe the one in memory.
-    if (out.empty())
-        throw std::runtime_error("no root element");
 }
 
 ConfigStatus CXMLReadWrite::LoadFromString(const std::string& text, bool flag) {

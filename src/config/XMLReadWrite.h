@@ -50,6 +50,7 @@ class CXMLReadWrite {
 
     // Parse `text` (or the file at `path`, default locale) into the document, replacing it.
     // Comments are dropped; with `flag`, leading and trailing blanks of element text are trimmed.
+    // A text without an element loads as an empty document, which counts as not loaded.
     // On failure the previous document stays and the result is kConfigFail, with no log line.
     ConfigStatus LoadFromString(const std::string& text, bool flag);
     ConfigStatus LoadFromFile(const std::string& path, bool flag);
@@ -82,8 +83,8 @@ class CXMLReadWrite {
                               const boost::property_tree::ptree& subTree);
 
   protected:
-    // Parses `text` into `out` after the nesting check; a text without an element fails.
-    // Throws std::exception on failure.
+    // Parses `text` into `out` after the nesting check; a text without an element gives an
+    // empty tree. Throws std::exception on failure.
     static void ParseInto(const std::string& text, int readFlags, boost::property_tree::ptree& out);
     bool IsLoaded() const { return !m_XmlTree.empty(); }
 

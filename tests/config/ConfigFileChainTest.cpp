@@ -1,13 +1,16 @@
 // The file chain on real files in a temporary app-data root: which file becomes the running
 // profile, and what each of the three files holds afterwards, compared byte for byte.
+#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
+#include "TidewayPassPhrase.h"
 
 namespace {
 
@@ -23,6 +26,29 @@ const std::string kUpdateProfile = Profile(
     "<ipc_port>2002</ipc_port><enterprise_domains>corp</enterprise_domains>"
     "<host_exceptions>a.example;10.0.0.0/8</host_exceptions>",
     "update");
+
+// A profile whose ciphertext begins with a 0x00 byte: a comment in front is varied until the
+// first cipher block, which depends only on the first 16 plaintext bytes, starts with zero.
+std::string ZeroLeadingPlaintext() {
+    unsigned char key[16], iv[16], block[32];
+    EVP_BytesToKey(EVP_aes_128_cbc(), EVP_sha1(), nullptr,
+                   reinterpret_cast<const unsigned char*>(kBuiltInPassPhrase),
+                   static_cast<int>(strlen(kBuiltInPassPhrase)), 1, key, iv);
+    for (int i = 0; i < 95 * 95; ++i) {
+        const std::string head = {'<', '!', '-', '-', char(' ' + i / 95), char(' ' + i % 95)};
+        const std::string plain = head + " -->" + kCurrentProfile;
+        int n = 0;
+        EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+        EVP_EncryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv);
+        EVP_EncryptUpdate(ctx, block, &n,
+                          reinterpret_cast<const unsigned char*>(("OBFUSCATED" + head).data()), 16);
+        EVP_CIPHER_CTX_free(ctx);
+        if (n == 16 && block[0] == 0)
+            return plain;
+    }
+    ADD_FAILURE() << "no comment gives a zero first byte";
+    return kCurrentProfile;
+}
 
 uint16_t RunningPort(CDnConfigFile& config) {
     ConfigParams params;
@@ -70,6 +96,8 @@ TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
         {"current undecodable, no checkUpdate", "XGU", false, false, "KKK", 0,
          "ERROR : Failed to load Configuration file"},
         {"plain XML in the current place", "P--", false, false, "KAA", 0,
+         "Config : The service only loads an obfuscated configuration file"},
+        {"empty plain file in the current place", "E--", false, false, "KAA", 0,
          "Config : The service only loads an obfuscated configuration file"},
     };
     CXMLReadWrite builtIn;
@@ -218,6 +246,11 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
     Write(root.Path("junk"), std::string(32, '\x01'));
     Write(root.Path("bom"), "\xEF\xBB\xBF \r\n\t" + kCurrentProfile);
     Write(root.Path("text"), "  x" + kCurrentProfile);
+    Write(root.Path("empty"), "");
+    Write(root.Path("blank"), " \r\n\t");
+    Write(root.Path("declaration"), "<?xml version=\"1.0\"?>\n");
+    WriteObfuscated(root.Path("zero"), ZeroLeadingPlaintext());
+    ASSERT_EQ(Bytes(root.Path("zero"))[0], '\0');
     const struct {
         const char* name;
         long code;
@@ -226,7 +259,9 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
         {"missing", 22, kConfigFileUnknown},  {"junk", 22, kConfigFileUnknown},
         {"text", 22, kConfigFileUnknown},     {"notxml", kConfigFail, kConfigFileBadXml},
         {"marked", 0, kConfigFileObfuscated}, {"bare", 0, kConfigFileObfuscated},
-        {"bom", 0, kConfigFilePlainXml},
+        {"bom", 0, kConfigFilePlainXml},      {"empty", 0, kConfigFilePlainXml},
+        {"blank", 0, kConfigFilePlainXml},    {"declaration", 0, kConfigFilePlainXml},
+        {"zero", 0, kConfigFileObfuscated},
     };
     CDnConfigFile config;
     for (const auto& c : cases) {
@@ -252,6 +287,37 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
     fs::copy_file(root.Path("bare"), root.Current(), fs::copy_options::overwrite_existing);
     ASSERT_TRUE(config.InitializeConfig(false, false));
     EXPECT_EQ(RunningPort(config), 1001);
+}
+
+TEST(ConfigFileChainTest, AnEmptyObfuscatedProfileRunsWithDefaults) {
+    const struct {
+        const char* plain;
+        bool marker;
+    } cases[] = {{"", true}, {" \r\n\t", true}, {" \n", false}, {"<?xml version=\"1.0\"?>", true}};
+    const std::vector<std::string> walkFails = {
+        "XMLParser : Parent of Tideway/ConfigurationParameters node doesn't exist\n",
+        "XMLParser : Config node not found in Config file\n"};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.plain);
+        ChainRoot root;
+        auto config = LoadParameters(root, "<ipc_port>1001</ipc_port>");
+        WriteObfuscated(root.Current(), c.plain, c.marker);
+        const std::string file = Bytes(root.Current());
+        ConfigFileType type = 99;
+        EXPECT_EQ(config->GetConfigFileType(root.Current(), type), 0);
+        EXPECT_EQ(type, kConfigFileObfuscated);
+        // A reload replaces the running profile with the empty one, as a first load does.
+        for (const bool reload : {true, false}) {
+            CDnConfigFile fresh;
+            CDnConfigFile& target = reload ? *config : fresh;
+            syslog_capture::Clear();
+            EXPECT_TRUE(reload ? target.Reload() : target.InitializeConfig(false, false));
+            EXPECT_EQ(syslog_capture::Texts(), walkFails);
+            EXPECT_EQ(RunningPort(target), 0);
+            EXPECT_TRUE(target.GetValues().empty());
+        }
+        EXPECT_EQ(Bytes(root.Current()), file);
+    }
 }
 
 TEST(ConfigFileChainTest, GroupListLineFeedsBecomeCommasInMemoryOnly) {

@@ -1,15 +1,19 @@
 // Saving a profile must never leave it half written: a full disk (here a file-size limit in a
-// forked child) fails the save and leaves the old bytes and no stray file behind.
+// forked child) fails the save and leaves the old bytes and no stray file behind. Nor may a save
+// change a file that its writer could not open for writing (checked as `nobody` in a child).
 #include "common/FileReplacement.h"
 
+#include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <iterator>
 #include <string>
 
@@ -20,6 +24,7 @@
 namespace {
 
 using config_test::Bytes;
+using config_test::ChainRoot;
 using config_test::Write;
 
 size_t FilesIn(const std::string& folder) {
@@ -97,6 +102,154 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     CFileReplacement device("/dev/null");
     ASSERT_NE(device.Open(), nullptr);
     EXPECT_TRUE(device.Commit());
+}
+
+// Runs `save` in a forked child, as `user` when given, and returns what it gave and what it
+// logged: "true" or "false", then "|" and each record.
+std::string SaveInChild(const passwd* user, const std::function<bool()>& save) {
+    int out[2];
+    if (pipe(out) != 0)
+        return "<no pipe>";
+    const pid_t child = fork();
+    if (child == 0) {
+        close(out[0]);
+        if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0))
+            _exit(2);
+        syslog_capture::Clear();
+        std::string report = save() ? "true" : "false";
+        for (const std::string& text : syslog_capture::Texts())
+            report += "|" + text;
+        _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
+    }
+    close(out[1]);
+    std::string report;
+    char buffer[256];
+    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
+        report.append(buffer, size_t(n));
+    close(out[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";
+}
+
+// Gives `path` an access list in the kernel's form: its owner and `user` may write, its group
+// only read.
+bool GiveAccessList(const std::string& path, uid_t user) {
+    struct Entry {
+        uint16_t tag, perm;
+        uint32_t id;
+    };
+    const uint32_t version = 2;
+    const Entry entries[] = {
+        {0x01, 6, ~0u}, {0x02, 6, user}, {0x04, 4, ~0u}, {0x10, 6, ~0u}, {0x20, 4, ~0u}};
+    std::string value(reinterpret_cast<const char*>(&version), sizeof(version));
+    value.append(reinterpret_cast<const char*>(entries), sizeof(entries));
+    return setxattr(path.c_str(), "system.posix_acl_access", value.data(), value.size(), 0) == 0;
+}
+
+// A loaded profile whose current file sits in a folder that everybody may write (no sticky bit),
+// so that only the file's own owner and mode stand between another user and the profile.
+struct OpenFolder {
+    OpenFolder() : nobody(getpwnam("nobody")) {
+        config = config_test::LoadParameters(root, "<ipc_port>1001</ipc_port>");
+        original = Bytes(root.Current());
+        chmod(root.path().c_str(), 0755);
+        chmod(Folder().c_str(), 0777);
+        CXMLReadWrite store;
+        store.LoadFromString(config_test::Profile("<ipc_port>1001</ipc_port>"), true);
+        store.GetXML(xml);
+    }
+    std::string Folder() const { return root.Path("tarvex/brenlo/tideway/config"); }
+
+    ChainRoot root;
+    const passwd* nobody;
+    std::unique_ptr<CDnConfigFile> config;
+    std::string original, xml;
+};
+
+TEST(FileReplacementTest, ASaveNeverReplacesAFileItsWriterCouldNotOpenForWriting) {
+    if (geteuid() != 0 || getpwnam("nobody") == nullptr)
+        GTEST_SKIP() << "needs root and a 'nobody' user";
+    OpenFolder folder;
+    const passwd* nobody = folder.nobody;
+    const std::string path = folder.root.Current();
+    const std::string refusedPlain = "true|Config : Failed to open config file.\n";
+    const std::string refusedObfuscated =
+        "false|ObfuscateStringToFile Failed to write file: " + path +
+        "\n|Config : ObfuscateStringToFile failed\n";
+    const struct {
+        bool nobodyOwns;  // else root owns the file
+        mode_t mode;
+        bool nobodySaves;  // else root saves
+        uint32_t type;
+        std::string report;  // what CommitConfig gave and logged; "true" alone: saved
+        bool accessList = false;
+    } rows[] = {
+        {false, 0644, true, kConfigFilePlainXml, refusedPlain},
+        {false, 0644, true, kConfigFileObfuscated, refusedObfuscated},
+        {true, 0444, true, kConfigFilePlainXml, refusedPlain},
+        {true, 0444, true, kConfigFileObfuscated, refusedObfuscated},
+        {true, 0644, true, kConfigFileObfuscated, "true"},
+        {true, 0444, false, kConfigFileObfuscated, "true"},  // root may open it for writing
+        {true, 0600, false, kConfigFilePlainXml, "true"},
+        // Saved, but in place: nobody cannot give a new file to root, nor a copy take the list.
+        {false, 0666, true, kConfigFileObfuscated, "true"},
+        {false, 0664, false, kConfigFileObfuscated, "true", true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(&row - rows));
+        const uid_t owner = row.nobodyOwns ? nobody->pw_uid : 0;
+        Write(path, folder.original);
+        ASSERT_EQ(chown(path.c_str(), owner, row.nobodyOwns ? nobody->pw_gid : 0), 0);
+        ASSERT_EQ(chmod(path.c_str(), row.mode), 0);
+        if (row.accessList && !GiveAccessList(path, nobody->pw_uid)) {
+            std::cerr << "no access lists on this file system: row skipped\n";
+            continue;
+        }
+        CDnConfigFile::m_ConfigFileType = row.type;
+        EXPECT_EQ(SaveInChild(row.nobodySaves ? nobody : nullptr,
+                              [&] { return folder.config->CommitConfig(); }),
+                  row.report);
+        if (row.report != "true")
+            EXPECT_TRUE(Bytes(path) == folder.original) << "the refused save changed the file";
+        else if (row.type == kConfigFilePlainXml)
+            EXPECT_EQ(Bytes(path), folder.xml);
+        else
+            EXPECT_EQ(config_test::Decode(path), "OBFUSCATED" + folder.xml);
+        struct stat status;
+        ASSERT_EQ(stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, owner);
+        EXPECT_EQ(status.st_mode & 07777, row.mode);
+        EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0,
+                  row.accessList);
+        EXPECT_EQ(FilesIn(folder.Folder()), 1u) << "a temporary file was left behind";
+    }
+}
+
+TEST(FileReplacementTest, ASaveRemovesWhatAnEarlierSaveOfThatFileLeftBehind) {
+    OpenFolder folder;
+    const std::string path = folder.root.Current();
+    const pid_t dead = fork();  // a process that has ended
+    if (dead == 0)
+        _exit(0);
+    waitpid(dead, nullptr, 0);
+    const struct {
+        std::string name;
+        bool kept;
+    } files[] = {
+        {path + ".new-" + std::to_string(dead) + "-3", false},
+        {path + ".new-" + std::to_string(getpid()) + "-99999", false},  // an earlier run's pid
+        {path + ".new-1-3", true},  // its process still runs, and may be saving now
+        {folder.Folder() + "/Other.config.new-" + std::to_string(dead) + "-3", true},
+        {path + ".new-" + std::to_string(dead) + "-x", true},
+    };
+    for (const auto& file : files)
+        Write(file.name, "half");
+    CDnConfigFile::m_ConfigFileType = kConfigFileObfuscated;
+    ASSERT_TRUE(folder.config->CommitConfig());
+    for (const auto& file : files)
+        EXPECT_EQ(Bytes(file.name), file.kept ? "half" : "<absent>") << file.name;
+    EXPECT_EQ(config_test::Decode(path), "OBFUSCATED" + folder.xml);
 }
 
 }  // namespace

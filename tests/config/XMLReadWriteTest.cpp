@@ -123,10 +123,8 @@ TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOn
     std::string deep;
     for (int i = 0; i < 200000; ++i)
         deep += "<a>";
-    for (const std::string& text :
-         {std::string(), std::string(" \n"), std::string("<?xml version=\"1.0\"?>"),
-          std::string("not xml"), std::string("<Tideway><a></Tideway>"), std::string(kProfile, 100),
-          deep}) {
+    for (const std::string& text : {std::string("not xml"), std::string("<Tideway><a></Tideway>"),
+                                    std::string(kProfile, 100), deep}) {
         EXPECT_EQ(store.LoadFromString(text, true), kConfigFail) << text.substr(0, 40);
         EXPECT_FALSE(store.IsXMLFile(config_test::Write(dir.path() + "/bad.xml", text)));
     }
@@ -144,6 +142,19 @@ TEST_F(XMLReadWriteTest, LoadersTrimOnRequestDropCommentsAndKeepTheOldDocumentOn
         nested += "</a>";
     EXPECT_EQ(store.LoadFromString(nested, false), kConfigOk);
     EXPECT_EQ(store.LoadFromString("<r>" + nested + "</r>", false), kConfigFail);
+
+    // A text without an element is an empty document: it loads, replacing the one in memory,
+    // and a plain file of it is XML.
+    for (const std::string& text : {std::string(), std::string(" \r\n\t"),
+                                    std::string("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n")}) {
+        ASSERT_EQ(store.LoadFromString(kProfile, true), kConfigOk);
+        EXPECT_EQ(store.LoadFromString(text, true), kConfigOk) << text;
+        EXPECT_TRUE(store.IsXMLFile(config_test::Write(dir.path() + "/empty.xml", text))) << text;
+        syslog_capture::Clear();
+        EXPECT_FALSE(store.NodeExists("Tideway"));
+        EXPECT_EQ(syslog_capture::Texts(),
+                  std::vector<std::string>{"XMLParser : XML not loaded\n"});
+    }
 }
 
 TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
@@ -156,6 +167,14 @@ TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
     ASSERT_EQ(store.LoadFromString("<Tideway><ConfigurationParameters/></Tideway>", true),
               kConfigOk);
     EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
+    EXPECT_TRUE(walk.items.empty());
+    ASSERT_EQ(store.LoadFromString("", true), kConfigOk);  // an empty document replaces it
+    syslog_capture::Clear();
+    EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
+    EXPECT_EQ(syslog_capture::Texts(),
+              (std::vector<std::string>{
+                  "XMLParser : Parent of Tideway/ConfigurationParameters node doesn't exist\n",
+                  "XMLParser : Config node not found in Config file\n"}));
     EXPECT_TRUE(walk.items.empty());
 
     syslog_capture::Clear();

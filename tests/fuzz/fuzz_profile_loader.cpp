@@ -113,11 +113,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(COpenSSLCrypt::ObfuscateStringToFile(
                    plain.data(), static_cast<uint32_t>(plain.size()), path.c_str(), nullptr) == 0);
 
+    // A decoded text without any element (the reader ends it at a NUL) is an empty profile: it
+    // loads, with no key. Only a plaintext of no byte at all does not decode.
+    const std::string decoded(text.c_str());
+    const bool noElement =
+        decoded.find_first_not_of(" \t\r\n") == std::string::npos && !plain.empty();
+
     CDnConfigFile::SetConfigRoleForTesting(owner ? kConfigRoleOwner : kConfigRolePlugin);
     {
         CDnConfigFile config;
         const bool loaded =
             asUpdate ? config.InitializeConfig(true, true) : config.InitializeConfig(false, false);
+        if (noElement)
+            FUZZ_CHECK(loaded && config.GetValues().empty());
         if (loaded) {
             ReadEverything(config, owner);
             // A reload runs the chain again on the same file and must land on the same map.
