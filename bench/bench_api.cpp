@@ -47,8 +47,10 @@
 #include "AgentSimulator.h"
 #include "IVantoriaApiCB.h"
 #include "api/VantoriaApi.h"
+#include "comm/ClientSideCommunicator.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
+#include "ipc/IPCTesting.h"
 #include "plugin/PluginEntry.h"
 
 // The system log of this process: formatted, counted, dropped.
@@ -350,6 +352,7 @@ class Rig {
         const char* made = mkdtemp(pattern);
         m_Root = made != nullptr ? made : "";
         SetAllUsersAppDataPathForTesting(m_Root);
+        ipc::SetSocketRootForTesting(m_Root);
         g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
                           10, 10000, 100, 1, 0, 60);
         AgentSimOptions options;
@@ -358,16 +361,13 @@ class Rig {
         m_Sim = std::make_unique<CAgentSimulator>(
             options, [this](const std::string& line) { OnAgentLine(line); });
         m_bAgentUp = !m_Root.empty() && m_Sim->Start() == 0;
-        SetIPCClientFactoryForTesting([this](uint32_t identity, IIPCCallback* module) {
-            return m_Channel.Make(identity, module);
-        });
     }
     ~Rig() {
         Disconnect();
-        SetIPCClientFactoryForTesting(nullptr);
         m_Sim->Stop();
         m_Sim.reset();
         SetAllUsersAppDataPathForTesting("");
+        ipc::SetSocketRootForTesting("");
         if (!m_Root.empty()) {
             std::error_code ignored;
             std::filesystem::remove_all(m_Root, ignored);
@@ -381,7 +381,11 @@ class Rig {
         const uint64_t connected = m_Recorder.StatusCount(9);
         m_pApi = new CVantoriaApi;
         g_pVantoriaApi = m_pApi;
-        return m_pApi->Register(&m_Recorder) == 0 && m_pApi->Initialize(kPort) &&
+        return m_pApi->Register(&m_Recorder) == 0 &&
+               m_pApi->Initialize(kPort,
+                                  [this](uint32_t identity, IIPCCallback* module) {
+                                      return m_Channel.Make(identity, module);
+                                  }) &&
                m_pApi->StartCommunicator() && m_Recorder.WaitStatus(9, connected + 1);
     }
     // Deletes the API as DisposePlugin does: the global pointer first.

@@ -10,9 +10,15 @@
 #include <openssl/ssl.h>
 
 #include "api/VantoriaResultObjects.h"
-#include "comm/Token.h"
+#include "comm/ClientSideCommunicator.h"
+#include "common/Token.h"
 #include "common/VNTrace.h"
-#include "plugin/PluginEntry.h"
+
+std::atomic<CVantoriaApi*> g_pVantoriaApi{nullptr};
+
+IApiNotifications* LiveApiNotifications() {
+    return g_pVantoriaApi.load();
+}
 
 namespace {
 
@@ -45,13 +51,14 @@ int CVantoriaApi::SupportsInterface(const char* name, uint64_t version) {
                : 0;
 }
 
-bool CVantoriaApi::Initialize(uint16_t port) {
+bool CVantoriaApi::Initialize(uint16_t port, IPCClientFactory factory) {
     VNTRACE(TL_API, "CVantoriaApi::Initialize");
     if (m_bInitialized)
         return true;
     SSL_load_error_strings();
     OPENSSL_init_ssl(0, nullptr);  // the library start-up that SSL_library_init stood for
-    m_pClientComm = new (std::nothrow) CClientSideCommunicator(port, kClientTypeApi, 5, 0);
+    m_pClientComm =
+        new (std::nothrow) CClientSideCommunicator(port, kClientTypeApi, 5, 0, std::move(factory));
     if (m_pClientComm == nullptr) {
         VNTRACE(TL_API,
                 "CVantoriaApi::Initialize : Failed to create client comm, System Out Of Memory!!!");
@@ -67,7 +74,7 @@ bool CVantoriaApi::Initialize(uint16_t port) {
 }
 
 bool CVantoriaApi::StartCommunicator() {
-    boost::lock_guard<boost::recursive_mutex> lock(m_SendLock);
+    CRecursiveLock lock(m_SendLock);
     if (m_pClientComm == nullptr)
         return false;
     if (m_pClientComm->IsConnected())
@@ -83,7 +90,7 @@ bool CVantoriaApi::StartCommunicator() {
 }
 
 bool CVantoriaApi::SendCommMessage(const MSG_QUEUE_MSG* message) {
-    boost::lock_guard<boost::recursive_mutex> lock(m_SendLock);
+    CRecursiveLock lock(m_SendLock);
     if (m_pClientComm == nullptr) {
         VNTRACE(TL_ERR, "Message could not be sent, ClientComm object not created");
         return false;
@@ -197,7 +204,7 @@ int32_t CVantoriaApi::SendProxyInfo(const ProxyCredInfo* info) {
 }
 
 int32_t CVantoriaApi::Register(IVantoriaApiCB* callback) {
-    boost::lock_guard<boost::recursive_mutex> lock(m_CallbackLock);
+    CMutexLock lock(m_CallbackLock);
     if (m_pCallback.load() != nullptr) {
         VNTRACE(TL_API, "CVantoriaApi::Register, IVantoriaApiCB pointer already initialized.");
         return kApiAlreadyRegistered;
@@ -211,7 +218,7 @@ int32_t CVantoriaApi::Register(IVantoriaApiCB* callback) {
 }
 
 int32_t CVantoriaApi::Unregister(IVantoriaApiCB* callback) {
-    boost::lock_guard<boost::recursive_mutex> lock(m_CallbackLock);
+    CMutexLock lock(m_CallbackLock);
     if (callback == m_pCallback.load()) {
         m_pCallback = nullptr;
         return kApiOk;
@@ -228,7 +235,7 @@ int32_t CVantoriaApi::Start() {
     }
     std::list<uint32_t> pending;
     {
-        boost::lock_guard<boost::recursive_mutex> lock(m_CallbackLock);
+        CMutexLock lock(m_CallbackLock);
         pending.swap(m_PendingStatus);
     }
     for (uint32_t status : pending) {
@@ -241,7 +248,7 @@ int32_t CVantoriaApi::Start() {
 int32_t CVantoriaApi::GetLastErrorString(char* buffer, uint32_t& length) {
     std::string text;
     {
-        boost::lock_guard<boost::recursive_mutex> lock(m_LastErrorLock);
+        CMutexLock lock(m_LastErrorLock);
         text = m_LastError.c_str();  // up to the first NUL
     }
     const int32_t result = copyUTF8String(buffer, length, text);
@@ -252,7 +259,7 @@ int32_t CVantoriaApi::GetLastErrorString(char* buffer, uint32_t& length) {
 }
 
 void CVantoriaApi::SetLastError(const std::string& text) {
-    boost::lock_guard<boost::recursive_mutex> lock(m_LastErrorLock);
+    CMutexLock lock(m_LastErrorLock);
     m_LastError = text;
 }
 
@@ -261,11 +268,11 @@ bool CVantoriaApi::StatusNotificationCB(uint32_t status) {
     if (callback == nullptr) {
         // Decided under the lock that Register and Start take, so a status is either delivered
         // or saved where the next Start finds it, never lost between the two.
-        boost::unique_lock<boost::recursive_mutex> lock(m_CallbackLock);
+        CMutexLock lock(m_CallbackLock);
         callback = m_pCallback.load();
         if (callback == nullptr) {
             m_PendingStatus.push_back(status);
-            lock.unlock();
+            lock.Unlock();
             VNTRACE(TL_API,
                     "StatusNotificationCB: status: %d, but callback not registered so save msg",
                     status);

@@ -4,32 +4,17 @@
 #include <string.h>
 
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 
-#include "api/VantoriaApi.h"
+#include "comm/ApiNotifications.h"
 #include "common/VNTrace.h"
-#include "plugin/PluginEntry.h"
 
 namespace {
 
 constexpr uint32_t kQueueReadMs = 200;
 constexpr uint32_t kReceiverStartMs = 2000;
 constexpr uint32_t kReconnectPauseMs = 2000;
-
-std::mutex g_FactoryMutex;
-IPCClientFactoryForTesting g_Factory;
-
-IIPCClient* MakeIPCClient(uint32_t identity, IIPCCallback* callback) {
-    {
-        std::lock_guard<std::mutex> lock(g_FactoryMutex);
-        if (g_Factory)
-            return g_Factory(identity, callback);
-    }
-    BR_STATUSCODE status = 0;  // not looked at: a null object says enough
-    return CIPCFactory::CreateIPCClient(identity, callback, status, 0);
-}
 
 // Status codes handed to StatusNotificationCB.
 constexpr uint32_t kStatusServiceStopped = 1;
@@ -42,12 +27,12 @@ constexpr uint32_t kStatusStatsFailed = 14;
 constexpr uint32_t kStatusStatsStarted = 15;
 
 // The live API, read afresh at each notification: DisposePlugin clears it before the API goes.
-CVantoriaApi* LiveApi() {
-    return g_pVantoriaApi.load();
+IApiNotifications* LiveApi() {
+    return LiveApiNotifications();
 }
 
 void Notify(uint32_t status) {
-    if (CVantoriaApi* api = LiveApi())
+    if (IApiNotifications* api = LiveApi())
         CallOut([&] { api->StatusNotificationCB(status); });
 }
 
@@ -56,7 +41,7 @@ void NotifyResult(const MSG_QUEUE_MSG& message, uint32_t success, uint32_t failu
                   const char* failureText) {
     if (message.m_DataLength == 0 || message.m_pData == nullptr)
         return;
-    CVantoriaApi* api = LiveApi();
+    IApiNotifications* api = LiveApi();
     if (api == nullptr)
         return;
     if (message.m_pData[0] != 0) {
@@ -90,19 +75,16 @@ bool IsSenderMessage(uint32_t id) {
 
 }  // namespace
 
-void SetIPCClientFactoryForTesting(IPCClientFactoryForTesting factory) {
-    std::lock_guard<std::mutex> lock(g_FactoryMutex);
-    g_Factory = std::move(factory);
-}
-
 CClientSideCommunicator::CClientSideCommunicator(uint32_t port, uint32_t clientType,
-                                                 uint32_t connectParam, uint32_t dbgLevel)
+                                                 uint32_t connectParam, uint32_t dbgLevel,
+                                                 IPCClientFactory factory)
     : CCommunicator(port, clientType, connectParam),
       m_bSenderStarted(false),
       m_bReceiverStarted(false),
       m_DbgLevel(dbgLevel),
       m_bServiceStopped(false),
-      m_EventRcvThreadStarted(true) {}
+      m_EventRcvThreadStarted(true),
+      m_Factory(std::move(factory)) {}
 
 CClientSideCommunicator::~CClientSideCommunicator() {
     Stop();
@@ -131,7 +113,13 @@ COMM_STATUS CClientSideCommunicator::CreateChannel() {
             VNTRACE(TL_ERR, "ClientComm - Invalid client type (%d)", m_ClientType);
             return -1;
     }
-    IIPCClient* client = MakeIPCClient(identity, &m_Callback);
+    IIPCClient* client;
+    if (m_Factory) {
+        client = m_Factory(identity, &m_Callback);
+    } else {
+        BR_STATUSCODE status = 0;  // not looked at: a null object says enough
+        client = CIPCFactory::CreateIPCClient(identity, &m_Callback, status, 0);
+    }
     delete m_pSecureIPCClientInstance;
     m_pSecureIPCClientInstance = client;
     if (client == nullptr) {
@@ -365,7 +353,7 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
                 HandleStateByte(static_cast<int8_t>(data[0]));
             break;
         case COMM_MSG_TOWERS_RESPONSE_INFO:
-            if (CVantoriaApi* api = LiveApi()) {
+            if (IApiNotifications* api = LiveApi()) {
                 if (length != 0)
                     CallOut([&] { api->TowerListNotificationCB(data, length); });
             }
@@ -375,7 +363,7 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
                          "Tower change failed");
             break;
         case COMM_MSG_DCT_SETTINGS_RESPONSE:
-            if (CVantoriaApi* api = LiveApi()) {
+            if (IApiNotifications* api = LiveApi()) {
                 if (length != 0)
                     CallOut([&] { api->DCTSettingNotificationCB(data, length); });
             }
@@ -386,7 +374,7 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
             break;
         case COMM_MSG_DCT_TOWER_ACTIVATED:
             VNTRACE(TL_IPC, "ClientComm: COMM_MSG_DCT_TOWER_ACTIVATED");
-            if (CVantoriaApi* api = LiveApi()) {
+            if (IApiNotifications* api = LiveApi()) {
                 if (length != 0) {
                     VNTRACE(TL_IPC, "ClientComm: calling DCTActiveTowerNotificationCB");
                     CallOut([&] { api->DCTActiveTowerNotificationCB(data, length); });
@@ -395,7 +383,7 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
             break;
         case COMM_MSG_PROXY_CRED_REQUEST:
             VNTRACE(TL_IPC, "ClientComm: COMM_MSG_PROXY_CRED_REQUEST");
-            if (CVantoriaApi* api = LiveApi()) {
+            if (IApiNotifications* api = LiveApi()) {
                 if (length != 0)
                     CallOut([&] { api->ProxyCredReqCB(data, length); });
             }
@@ -406,7 +394,7 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
                          "Start collecting Statistics failed");
             break;
         case COMM_MSG_SERVICE_STATS:
-            if (CVantoriaApi* api = LiveApi()) {
+            if (IApiNotifications* api = LiveApi()) {
                 // The record is read whole: a short message is padded with zeros here rather
                 // than read past its end.
                 if (length >= sizeof(ServiceStatistics)) {
@@ -474,6 +462,6 @@ void CClientSideCommunicator::HandleInfoMessage(const MSG_QUEUE_MSG& message) {
     const uint32_t type = static_cast<uint32_t>(atoi(text.substr(0, hash).c_str()));
     const std::string body = text.substr(hash + 1);
     VNTRACE(TL_IPC, "ClientComm : COMM_MSG_INFO_MESSAGE: msg='%s'", body.c_str());
-    if (CVantoriaApi* api = LiveApi())
+    if (IApiNotifications* api = LiveApi())
         CallOut([&] { api->InfoMessageNotificationCB(type, body); });
 }

@@ -17,8 +17,9 @@
 
 class CClientSideCommunicator : public CCommunicator {
   public:
+    // `factory` makes the IPC client object; an empty one means the IPC library's own.
     CClientSideCommunicator(uint32_t port, uint32_t clientType, uint32_t connectParam,
-                            uint32_t dbgLevel);
+                            uint32_t dbgLevel, IPCClientFactory factory = nullptr);
     ~CClientSideCommunicator() override;
 
     void Stop() override;
@@ -40,11 +41,7 @@ class CClientSideCommunicator : public CCommunicator {
     uint32_t m_DbgLevel;
     std::atomic<bool> m_bServiceStopped;
     CSyncEvent m_EventRcvThreadStarted;  // auto reset
+    IPCClientFactory m_Factory;
 };
-
-// Testing seam: replaces CIPCFactory::CreateIPCClient for communicators made afterwards (an
-// empty function restores the real factory). Not part of the module's interface.
-using IPCClientFactoryForTesting = std::function<IIPCClient*(uint32_t identity, IIPCCallback*)>;
-void SetIPCClientFactoryForTesting(IPCClientFactoryForTesting factory);
 
 #endif  // TIDEWAY_COMM_CLIENTSIDECOMMUNICATOR_H_

@@ -8,10 +8,9 @@
 
 #include <boost/chrono.hpp>
 
-#include "api/VantoriaApi.h"
+#include "comm/ApiNotifications.h"
 #include "comm/ChannelPacket.h"
 #include "common/VNTrace.h"
-#include "plugin/PluginEntry.h"
 
 namespace {
 
@@ -343,7 +342,7 @@ void CCommunicator::StopMainThread() {
         VNTRACE(TL_IPC, "Communicator(%d) : Main thread Stopped", m_ClientType);
     }
     SetConnected(false);
-    if (CVantoriaApi* api = g_pVantoriaApi.load())
+    if (IApiNotifications* api = LiveApiNotifications())
         CallOut([&] { api->StatusNotificationCB(8); });
 }
 

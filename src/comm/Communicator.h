@@ -26,6 +26,7 @@
 #include <boost/thread/thread.hpp>
 #include <boost/unordered_map.hpp>
 
+#include "comm/IPCClientFactory.h"
 #include "comm/MsgQueue.h"
 #include "comm/MsgQueueMsg.h"
 #include "comm/SyncEvent.h"

@@ -1,7 +1,5 @@
 #include "common/Utils.h"
 
-#include "ipc/IPCTesting.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -132,8 +130,6 @@ void SetAllUsersAppDataPathForTesting(const std::string& root) {
     AppDataRoot& state = TheAppDataRoot();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.path = root.empty() ? std::string(kProductAppDataPath) : root;
-    // The IPC socket lives under the same root.
-    ipc::SetSocketRootForTesting(root);
 }
 
 std::string GetInitialDirectory() {

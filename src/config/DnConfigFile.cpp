@@ -17,7 +17,7 @@
 #include <openssl/evp.h>
 #include <boost/filesystem.hpp>
 
-#include "comm/Token.h"
+#include "common/Token.h"
 #include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
 #include "common/FileReplacement.h"

@@ -11,8 +11,6 @@
 #include "config/DnConfigFile.h"
 #include "plugin/LoggingSettings.h"
 
-std::atomic<CVantoriaApi*> g_pVantoriaApi{nullptr};
-
 namespace {
 
 const PluginInterfaceRecord kInterfaceTable[kInterfaceCount] = {

@@ -26,12 +26,11 @@ class ApiWithFakeChannel : public ::testing::Test {
         savedMask_ = g_Trace.GetLevelMask();
         g_Trace.SetLevelMask(0xFFFFFFFF);
         syslog_capture::Clear();
-        fake_ = FakeIPCClient::Install();
+        fake_ = std::make_shared<FakeIPCClient::State>();
     }
     void TearDown() override {
         g_pVantoriaApi = nullptr;
         api_.reset();
-        FakeIPCClient::Uninstall();
         g_Trace.SetLevelMask(savedMask_);
         EXPECT_TRUE(cb_.faults.empty()) << ::testing::PrintToString(cb_.faults);
     }
@@ -40,7 +39,7 @@ class ApiWithFakeChannel : public ::testing::Test {
     void Connect(bool greet = true) {
         api_ = std::make_unique<CVantoriaApi>();
         g_pVantoriaApi = api_.get();
-        ASSERT_TRUE(api_->Initialize(5003));
+        ASSERT_TRUE(api_->Initialize(5003, FakeIPCClient::Factory(fake_)));
         ASSERT_TRUE(api_->StartCommunicator());
         ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 1; }));
         fake_->PeerState(8, 1, 2);
@@ -277,7 +276,7 @@ TEST_F(ApiWithFakeChannel, InternalIdsFromTheAgentAndRowsWithoutALiveApi) {
 
 // Before a connection: refusals, a single IPC client, and the glue with no queue to post to.
 TEST_F(ApiWithFakeChannel, CommunicatorOutsideAConnectionRefusesAndLogs) {
-    CClientSideCommunicator comm(5003, 2, 5, 0);
+    CClientSideCommunicator comm(5003, 2, 5, 0, FakeIPCClient::Factory(fake_));
     EXPECT_EQ(comm.StartMainThread(), 0x80004005);
     EXPECT_EQ(syslog_capture::Count("Comm : Failed to start main thread, comm not initialized\n"),
               1u);

@@ -233,7 +233,6 @@ void StopHarness() {
     g_pVantoriaApi = nullptr;
     delete g_Harness->api;  // the whole stop sequence
     g_Harness->api = nullptr;
-    FakeIPCClient::Uninstall();
 }
 
 Harness& TheHarness() {
@@ -245,11 +244,11 @@ Harness& TheHarness() {
                       10000, 100, 1, 0, 60);
     g_Trace.SetLevelMask(0xFFFFFFFF);
     Harness* h = new Harness;
-    h->fake = FakeIPCClient::Install();
+    h->fake = std::make_shared<FakeIPCClient::State>();
     h->api = new CVantoriaApi;
     g_pVantoriaApi = h->api;
-    if (!h->api->Initialize(5003) || !h->api->StartCommunicator() ||
-        !h->fake->WaitFor([&] { return h->fake->connects >= 1; }))
+    if (!h->api->Initialize(5003, FakeIPCClient::Factory(h->fake)) ||
+        !h->api->StartCommunicator() || !h->fake->WaitFor([&] { return h->fake->connects >= 1; }))
         Fail("the communicator never connected");
     h->fake->PeerState(8, 1, 2);
     if (h->api->Register(&h->callback) != 0)

@@ -342,8 +342,8 @@ TEST_F(ApiAgainstAgent, CallbackStuckAcrossADropLeavesTheNextConnectionWhole) {
     ASSERT_EQ(sim_->Control("state 0x04"), "OK sent=1");  // queued behind the stuck callback
     const size_t nines = cb_.Count(9);
     ASSERT_EQ(sim_->Control("drop"), "OK dropped=1");
-    ASSERT_TRUE(syslog_capture::WaitFor("Communicator(2) : WaitForSndRcvThreads problem\n",
-                                        seconds(15)));
+    ASSERT_TRUE(
+        syslog_capture::WaitFor("Communicator(2) : WaitForSndRcvThreads problem\n", seconds(15)));
 
     // The next connection has its own threads and queues: greeted, it answers a command.
     ASSERT_TRUE(log_.WaitFor("SEND session=2 COMM_MSG_SRVC_STARTED len=0"));
@@ -360,7 +360,8 @@ TEST_F(ApiAgainstAgent, CallbackStuckAcrossADropLeavesTheNextConnectionWhole) {
     ASSERT_TRUE(cb_.WaitUntil([&] { return cb_.statuses.size() >= before + 2; }));
     const Statuses all = cb_.Statuses();
     EXPECT_EQ(Statuses(all.begin() + before, all.end()), (Statuses{3, 4}));
-    EXPECT_TRUE(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5), exits + 1));
+    EXPECT_TRUE(
+        syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5), exits + 1));
     StopApi();
     sim_.reset();
     for (auto end = Clock::now() + seconds(10); ThreadCount() > baseline && Clock::now() < end;)

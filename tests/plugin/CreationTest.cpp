@@ -8,6 +8,7 @@
 #include "AgentSimulator.h"
 #include "SyslogCapture.h"
 #include "TestEnv.h"
+#include "api/VantoriaApi.h"
 #include "common/OpenSSLCrypt.h"
 #include "common/VNTrace.h"
 #include "plugin/PluginEntry.h"

@@ -10,6 +10,7 @@
 
 #include "Plugin.h"
 #include "SyslogCapture.h"
+#include "api/VantoriaApi.h"
 #include "common/VNTrace.h"
 #include "plugin/PluginEntry.h"
 

@@ -1,4 +1,4 @@
-// A stand-in for the IPC library's client, installed through the communicator's factory seam:
+// A stand-in for the IPC library's client, handed to the communicator through its factory:
 // it records what the module connects and sends, can be told to fail a send, and lets a test
 // play the library by calling the module's callback with peer events and packets.
 // State is shared with the test and outlives the client, which the module owns; `mutex` guards
@@ -94,19 +94,16 @@ class FakeIPCClient : public IIPCClient {
     BR_STATUSCODE ReservedSlot5() override { return 16; }
     BR_STATUSCODE ReservedSlot6() override { return 16; }
 
-    // Installs the fake for communicators made from now on; returns its shared state.
-    static std::shared_ptr<State> Install() {
-        auto state = std::make_shared<State>();
-        SetIPCClientFactoryForTesting([state](uint32_t, IIPCCallback* callback) {
+    // A factory for a communicator (or API) that makes fakes sharing `state`.
+    static IPCClientFactory Factory(std::shared_ptr<State> state) {
+        return [state](uint32_t, IIPCCallback* callback) -> IIPCClient* {
             state->Notify([&] {
                 state->callback = callback;
                 ++state->created;
             });
             return new FakeIPCClient(state);
-        });
-        return state;
+        };
     }
-    static void Uninstall() { SetIPCClientFactoryForTesting(nullptr); }
 
   private:
     std::shared_ptr<State> state_;

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "common/Utils.h"
+#include "ipc/IPCTesting.h"
 
 inline int ThreadCount() {
     int n = 0;
@@ -36,7 +37,8 @@ inline int ThreadBaseline() {
     return ThreadCount();
 }
 
-// A fresh directory as the app-data root for the life of the object; removed afterwards.
+// A fresh directory as the app-data root, and so the IPC sockets' root, for the life of the
+// object; removed afterwards.
 class TempRoot {
   public:
     TempRoot() {
@@ -44,9 +46,11 @@ class TempRoot {
         const char* made = mkdtemp(pattern);
         path_ = made != nullptr ? made : "";
         SetAllUsersAppDataPathForTesting(path_);
+        ipc::SetSocketRootForTesting(path_);
     }
     ~TempRoot() {
         SetAllUsersAppDataPathForTesting("");
+        ipc::SetSocketRootForTesting("");
         if (!path_.empty() && system(("rm -rf '" + path_ + "'").c_str()) != 0)
             ADD_FAILURE() << "cannot remove " << path_;
     }

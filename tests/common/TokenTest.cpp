@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "comm/Token.h"
+#include "common/Token.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "comm/Token.h"
+#include "common/Token.h"
 
 #include <algorithm>
 

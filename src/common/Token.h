@@ -3,8 +3,8 @@
 //
 // A CToken belongs to one thread and has no lock. The static SplitList and SplitSet keep no
 // state and may run anywhere.
-#ifndef TIDEWAY_COMM_TOKEN_H_
-#define TIDEWAY_COMM_TOKEN_H_
+#ifndef TIDEWAY_COMMON_TOKEN_H_
+#define TIDEWAY_COMMON_TOKEN_H_
 
 #include <stdint.h>
 
@@ -45,4 +45,4 @@ class CToken {
     std::string m_Delimiter;
 };
 
-#endif  // TIDEWAY_COMM_TOKEN_H_
+#endif  // TIDEWAY_COMMON_TOKEN_H_
