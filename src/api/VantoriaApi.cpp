@@ -24,12 +24,13 @@ namespace {
 
 // Statuses that come often and are not logged one by one.
 bool IsFrequentStatus(uint32_t status) {
-    return status == 0 || status == 2 || status == 5;
+    return status == kStatusStateClear || status == kStatusStateBit01 ||
+           status == kStatusStateBit10;
 }
 
 // Statuses that answer a tower or closest-tower change: fresh state is asked for after them.
 bool IsChangeAnswer(uint32_t status) {
-    return status >= 10 && status <= 13;
+    return status >= kStatusTowerChangeFailed && status <= kStatusDctChanged;
 }
 
 }  // namespace

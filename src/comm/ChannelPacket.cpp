@@ -86,3 +86,19 @@ bool ParsePacket(const void* data, size_t n, MSG_QUEUE_MSG& out) {
     }
     return true;
 }
+
+IPCBuffer RequestBuffer(void* bytes, uint32_t size) {
+    IPCBuffer buffer;
+    memset(&buffer, 0, sizeof(buffer));
+    buffer.m_Kind = kIPCBufferKindRequest;
+    buffer.m_Length = size;
+    buffer.m_pData = bytes;
+    return buffer;
+}
+
+bool MakeWirePacket(const MSG_QUEUE_MSG* message, CWirePacket& out) {
+    uint32_t size = 0;
+    out.m_pBytes = BuildPacket(message, size);
+    out.m_Buffer = RequestBuffer(out.m_pBytes.get(), size);
+    return out.m_pBytes != nullptr;
+}

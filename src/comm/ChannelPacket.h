@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "comm/MsgQueueMsg.h"
+#include "ipc/IPCTypes.h"
 
 // Offsets of the packet's fields.
 constexpr size_t kPacketSignatureOffset = 0;
@@ -27,6 +28,20 @@ constexpr size_t kPacketHeaderSize = 24;  // data follows here
 // cannot be made. Null for a null message, and null with "Comm : Failed to create packet, System
 // Out Of Memory" at ERR when the allocation fails.
 std::unique_ptr<uint8_t[]> BuildPacket(const MSG_QUEUE_MSG* message, uint32_t& size);
+
+// A message as the IPC library takes it: its packet, and the request buffer that points at it.
+// The buffer is valid while the object lives.
+struct CWirePacket {
+    std::unique_ptr<uint8_t[]> m_pBytes;
+    IPCBuffer m_Buffer;
+};
+
+// Makes the packet of `message` and its buffer (kind 1, zero-filled otherwise). False, with
+// BuildPacket's line and `out.m_Buffer.m_Length` the size it needed, when the packet could not
+// be made.
+bool MakeWirePacket(const MSG_QUEUE_MSG* message, CWirePacket& out);
+// Wraps `bytes` (a packet or anything else) in a request buffer, as the library hands one over.
+IPCBuffer RequestBuffer(void* bytes, uint32_t size);
 
 // Reads a received packet of `n` bytes into `out`, which starts as a blank COMM_MSG_NONE record.
 // False (with its ERR line) when the packet is dropped: empty, no whole header, or no id.

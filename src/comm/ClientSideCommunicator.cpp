@@ -16,16 +16,6 @@ constexpr uint32_t kQueueReadMs = 200;
 constexpr uint32_t kReceiverStartMs = 2000;
 constexpr uint32_t kReconnectPauseMs = 2000;
 
-// Status codes handed to StatusNotificationCB.
-constexpr uint32_t kStatusServiceStopped = 1;
-constexpr uint32_t kStatusConnected = 9;
-constexpr uint32_t kStatusTowerChangeFailed = 10;
-constexpr uint32_t kStatusTowerChanged = 11;
-constexpr uint32_t kStatusDctFailed = 12;
-constexpr uint32_t kStatusDctChanged = 13;
-constexpr uint32_t kStatusStatsFailed = 14;
-constexpr uint32_t kStatusStatsStarted = 15;
-
 // The live API, read afresh at each notification: DisposePlugin clears it before the API goes.
 IApiNotifications* LiveApi() {
     return LiveApiNotifications();
@@ -111,7 +101,7 @@ COMM_STATUS CClientSideCommunicator::CreateChannel() {
             break;
         default:
             VNTRACE(TL_ERR, "ClientComm - Invalid client type (%d)", m_ClientType);
-            return -1;
+            return kCommNoConnection;
     }
     IIPCClient* client;
     if (m_Factory) {
@@ -124,7 +114,7 @@ COMM_STATUS CClientSideCommunicator::CreateChannel() {
     m_pSecureIPCClientInstance = client;
     if (client == nullptr) {
         VNTRACE(TL_ERR, "SecureIPC : Failed to create client object");
-        return -1;
+        return kCommNoConnection;
     }
     VNTRACE(TL_IPC, "SecureIPC : client object created successfully");
     return 0;
@@ -140,7 +130,7 @@ uint32_t CClientSideCommunicator::MainThread() {
                 WaitForObjects(1, events, false, kReconnectPauseMs);
             }
             SetConnected(false);
-            Notify(8);
+            Notify(kStatusConnectionOver);
             m_EventMainCycle.SetEvent();
         }
     } catch (const CCommunicatorGone&) {
@@ -159,13 +149,13 @@ COMM_STATUS CClientSideCommunicator::Connect() {
     }
     if (m_pSecureIPCClientInstance == nullptr) {
         VNTRACE(TL_ERR, "ClientComm - m_pSecureIPCClientInstance not available");
-        return -1;
+        return kCommNoConnection;
     }
     if (m_ClientType != kClientTypeApi) {
         if (m_pSecureIPCClientInstance->ConnectAsync(kIdentityService, 0, m_ConnectParam,
                                                      static_cast<uint16_t>(m_Port)) != 0) {
             VNTRACE(TL_ERR, "SecureIPC : ConnectAsync failed");
-            return -1;
+            return kCommNoConnection;
         }
         VNTRACE(TL_TRACE, "SecureIPC : ConnectAsync was done successfully");
         return 0;
@@ -191,14 +181,14 @@ COMM_STATUS CClientSideCommunicator::Connect() {
         m_pMainQueue = nullptr;
     }
     delete queue;
-    return -1;
+    return kCommNoConnection;
 }
 
 COMM_STATUS CClientSideCommunicator::ProcessMessages() {
     try {
         if (m_pSecureIPCClientInstance == nullptr) {
             VNTRACE(TL_ERR, "ClientComm : m_pSecureIPCClientInstance is not available");
-            return -1;
+            return kCommNoConnection;
         }
         const COMM_STATUS started = StartSndRcvThreads();
         if (started != 0) {
@@ -217,7 +207,7 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
             }
             m_EventRcvThreadStarted.ResetEvent();
             StopSndRcvThreads();
-            return -1;
+            return kCommNoConnection;
         }
         VNTRACE(TL_TRACE, "ClientComm : m_EventRcvThreadStarted notified");
         m_EventRcvThreadStarted.ResetEvent();
@@ -226,7 +216,7 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
                                                      static_cast<uint16_t>(m_Port)) != 0) {
             VNTRACE(TL_ERR, "SecureIPC : setupasync failed");
             StopSndRcvThreads();
-            return -1;
+            return kCommNoConnection;
         }
         VNTRACE(TL_TRACE, "SecureIPC : setupasync was done successfully");
 
@@ -424,25 +414,25 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
 void CClientSideCommunicator::HandleStateByte(int8_t state) {
     const uint8_t bits = static_cast<uint8_t>(state);
     if (bits & 0x08) {
-        Notify(6);
-        Notify(0);
-        Notify(6);
+        Notify(kStatusStateBit08);
+        Notify(kStatusStateClear);
+        Notify(kStatusStateBit08);
     } else if (bits & 0x40) {
-        Notify(17);
+        Notify(kStatusStateBit40);
     } else if (bits & 0x02) {
-        Notify(3);
+        Notify(kStatusStateBit02);
     } else if (bits & 0x04) {
-        Notify(4);
+        Notify(kStatusStateBit04);
     } else if (bits & 0x10) {
-        Notify(5);
+        Notify(kStatusStateBit10);
     } else if (bits & 0x20) {
-        Notify(16);
+        Notify(kStatusStateBit20);
     } else if (bits & 0x01) {
-        Notify(2);
-        Notify(0);
-        Notify(2);
+        Notify(kStatusStateBit01);
+        Notify(kStatusStateClear);
+        Notify(kStatusStateBit01);
     } else if (bits == 0) {
-        Notify(0);
+        Notify(kStatusStateClear);
     }
 }
 

@@ -343,7 +343,7 @@ void CCommunicator::StopMainThread() {
     }
     SetConnected(false);
     if (IApiNotifications* api = LiveApiNotifications())
-        CallOut([&] { api->StatusNotificationCB(8); });
+        CallOut([&] { api->StatusNotificationCB(kStatusConnectionOver); });
 }
 
 void CCommunicator::Stop() {
@@ -418,17 +418,13 @@ std::unique_ptr<uint8_t[]> CCommunicator::BuildPacket(const MSG_QUEUE_MSG* messa
 }
 
 COMM_STATUS CCommunicator::SendPacket(const MSG_QUEUE_MSG* message, bool toClient) {
-    uint32_t size = 0;
-    std::unique_ptr<uint8_t[]> packet = BuildPacket(message, size);
-    if (!packet) {
-        VNTRACE(TL_ERR, "Communicator : Failed to construct packet (%d bytes)", size);
+    CWirePacket packet;
+    if (!MakeWirePacket(message, packet)) {
+        VNTRACE(TL_ERR, "Communicator : Failed to construct packet (%d bytes)",
+                packet.m_Buffer.m_Length);
         return kCommSendFailed;
     }
-    IPCBuffer buffer;
-    memset(&buffer, 0, sizeof(buffer));
-    buffer.m_Kind = kIPCBufferKindRequest;
-    buffer.m_Length = size;
-    buffer.m_pData = packet.get();
+    IPCBuffer& buffer = packet.m_Buffer;
     if (toClient && m_pSecureIPCServerInstance == nullptr) {
         VNTRACE(TL_ERR, "SecureIPC : server instance is not available");
         return kCommSendFailed;

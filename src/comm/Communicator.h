@@ -39,7 +39,6 @@ class CCommunicator;
 // 64-bit numbers, or small negative codes.
 typedef int64_t COMM_STATUS;
 
-constexpr COMM_STATUS kCommSendFailed = -9998;
 
 // IPC identities of the three kinds of peer.
 constexpr uint32_t kIdentityClientApi = 6;      // Tideway_CLIENT_API: this module

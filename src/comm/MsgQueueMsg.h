@@ -10,11 +10,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// Status codes of the message layer and the communicator (32-bit patterns, never sign-extended).
-constexpr uint32_t kCommFail = 0x80004005;  // general failure
-constexpr uint32_t kCommNotImplemented = 0x80004001;
-constexpr uint32_t kCommInvalidArg = 0x80070057;   // bad argument
-constexpr uint32_t kCommOutOfMemory = 0x8007000E;  // allocation failed
+#include "comm/StatusCodes.h"
+
 
 // Message ids, consecutive from 1025. C: client to agent, A: agent to client, I: internal.
 enum eCOMM_MESSAGE_ID : uint32_t {

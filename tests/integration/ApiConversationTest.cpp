@@ -271,10 +271,9 @@ TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop)
         std::this_thread::sleep_for(milliseconds(10));
     ASSERT_NE(stalled.session, 0u);
     MSG_QUEUE_MSG started(COMM_MSG_SRVC_STARTED, 0, 1, 0);
-    uint32_t size = 0;
-    std::unique_ptr<uint8_t[]> packet = BuildPacket(&started, size);
-    IPCBuffer buffer{kIPCBufferKindRequest, 0, size, 0, packet.get()};
-    ASSERT_EQ(server->SendData(&buffer, static_cast<uint16_t>(stalled.session)), 0);
+    CWirePacket packet;
+    ASSERT_TRUE(MakeWirePacket(&started, packet));
+    ASSERT_EQ(server->SendData(&packet.m_Buffer, static_cast<uint16_t>(stalled.session)), 0);
     ASSERT_TRUE(cb_.WaitForStatus(9));
     const std::string name(64 * 1024, 't');  // 40 of these fill every socket buffer
     for (int i = 0; i < 40; ++i)

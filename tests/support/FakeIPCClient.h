@@ -49,16 +49,12 @@ class FakeIPCClient : public IIPCClient {
             MSG_QUEUE_MSG message(id, 0, 1, 0);
             if (length != 0)
                 message.SetData(data, length);
-            uint32_t size = 0;
-            std::unique_ptr<uint8_t[]> packet = BuildPacket(&message, size);
-            DeliverRaw(packet.get(), size);
+            CWirePacket packet;
+            MakeWirePacket(&message, packet);
+            callback->OnReqMsgRecv(&packet.m_Buffer);
         }
         void DeliverRaw(void* bytes, uint32_t size) {
-            IPCBuffer buffer;
-            memset(&buffer, 0, sizeof(buffer));
-            buffer.m_Kind = 1;
-            buffer.m_Length = size;
-            buffer.m_pData = bytes;
+            IPCBuffer buffer = RequestBuffer(bytes, size);
             callback->OnReqMsgRecv(&buffer);
         }
         void Notify(const std::function<void()>& write) {

@@ -43,13 +43,8 @@ class ScriptedClient : private IIPCCallback {
         MSG_QUEUE_MSG message(id, 0, 1, 0);
         if (length != 0 && message.SetData(data, length) != 0)
             return false;
-        uint32_t size = 0;
-        std::unique_ptr<uint8_t[]> packet = BuildPacket(&message, size);
-        IPCBuffer buffer{};
-        buffer.m_Kind = 1;
-        buffer.m_Length = size;
-        buffer.m_pData = packet.get();
-        return m_pClient->SendData(&buffer) == 0;
+        CWirePacket packet;
+        return MakeWirePacket(&message, packet) && m_pClient->SendData(&packet.m_Buffer) == 0;
     }
 
     // The next message in arrival order; id 0 when none comes within `timeout`.

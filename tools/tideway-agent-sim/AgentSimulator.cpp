@@ -235,17 +235,11 @@ bool CAgentSimulator::SendTo(uint16_t session, eCOMM_MESSAGE_ID id, const void* 
     MSG_QUEUE_MSG message(id, 0, 1, 0);
     if (length != 0 && message.SetData(data, length) != 0)
         return false;
-    uint32_t size = 0;
-    std::unique_ptr<uint8_t[]> packet = BuildPacket(&message, size);
-    if (!packet)
+    CWirePacket packet;
+    if (!MakeWirePacket(&message, packet))
         return false;
-    IPCBuffer buffer;
-    memset(&buffer, 0, sizeof(buffer));
-    buffer.m_Kind = kIPCBufferKindRequest;
-    buffer.m_Length = size;
-    buffer.m_pData = packet.get();
     IIPCServer* server = m_pServer.get();
-    const bool sent = server != nullptr && server->SendData(&buffer, session) == 0;
+    const bool sent = server != nullptr && server->SendData(&packet.m_Buffer, session) == 0;
     if (id != COMM_MSG_SERVICE_STATS) {
         Log(std::string(sent ? "SEND" : "SEND-FAILED") + " session=" + std::to_string(session) +
             " " + GetMessageName(id) + " len=" + std::to_string(length) +
