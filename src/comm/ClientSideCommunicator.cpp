@@ -142,7 +142,7 @@ uint32_t CClientSideCommunicator::MainThread() {
 }
 
 COMM_STATUS CClientSideCommunicator::Connect() {
-    boost::unique_lock<boost::recursive_mutex> lock(m_StateLock);
+    CMutexLock lock(m_StateLock);
     if (m_ClientType < kClientTypeApi || m_ClientType > kClientTypeDebugLevel) {
         VNTRACE(TL_ERR, "ClientComm - Invalid client type (%d)", m_ClientType);
         return kCommFail;
@@ -160,24 +160,23 @@ COMM_STATUS CClientSideCommunicator::Connect() {
         VNTRACE(TL_TRACE, "SecureIPC : ConnectAsync was done successfully");
         return 0;
     }
-    if (m_pMainQueue == nullptr) {
-        CMsgQueue* queue = new (std::nothrow) CMsgQueue("VN$COMMUNICATOR");
+    CMsgQueue* queue = MainQueue();
+    if (queue == nullptr) {
+        queue = new (std::nothrow) CMsgQueue("VN$COMMUNICATOR");
         if (queue == nullptr) {
             VNTRACE(TL_ERR,
                     "ClientComm : Failed to create main thread's message queue, System Out Of "
                     "Memory!!!");
             return kCommOutOfMemory;
         }
-        boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
+        CMutexLock queueLock(m_QueueLock);
         m_pMainQueue = queue;
     }
-    m_pMainQueue->Clear();
-    lock.unlock();
+    queue->Clear();
+    lock.Unlock();
     ProcessMessages();
-    CMsgQueue* queue;
     {
-        boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
-        queue = m_pMainQueue;
+        CMutexLock queueLock(m_QueueLock);
         m_pMainQueue = nullptr;
     }
     delete queue;
@@ -220,8 +219,9 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
         }
         VNTRACE(TL_TRACE, "SecureIPC : setupasync was done successfully");
 
-        while (!IsStopping()) {
-            std::unique_ptr<MSG_QUEUE_MSG> message = m_pMainQueue->GetMessage(true, kQueueReadMs);
+        CMsgQueue* mainQueue = MainQueue();  // stays until this pass of Connect ends
+        while (mainQueue != nullptr && !IsStopping()) {
+            std::unique_ptr<MSG_QUEUE_MSG> message = mainQueue->GetMessage(true, kQueueReadMs);
             if (!message)
                 continue;
             VNTRACE(TL_TRACE, "ClientComm : msgid %s", GetMessageName(message->m_MessageId));
@@ -233,7 +233,7 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
                 VNTRACE(TL_TRACE, "ClientComm : Received quit message (2)");
                 break;
             }
-            boost::lock_guard<boost::mutex> queueLock(m_QueueLock);
+            CMutexLock queueLock(m_QueueLock);
             if (m_pSenderData != nullptr)
                 m_pSenderData->m_pQueue->PutMessage(message.get());
         }

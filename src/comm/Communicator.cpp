@@ -94,6 +94,7 @@ CCommunicator::CCommunicator(uint32_t port, uint32_t clientType, uint32_t connec
       m_pSecureIPCClientInstance(nullptr),
       m_pSecureIPCServerInstance(nullptr),
       m_pGate(std::make_shared<CCommThreadGate>()) {
+    CMutexLock lock(m_PeerSessionsLock);
     m_PeerSessions.max_load_factor(1.0f);
 }
 
@@ -136,7 +137,7 @@ COMM_STATUS CCommunicator::StartMainThread() {
         VNTRACE(TL_ERR, "Comm : Failed to start main thread, comm not initialized");
         return kCommFail;
     }
-    boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+    CMutexLock lock(m_StateLock);
     try {
         StartCountedThread(m_MainThreadHandle, [this] { MainThread(); });
         VNTRACE(TL_OFF, "Comm : Created main communicator thread.");
@@ -182,7 +183,7 @@ COMM_STATUS CCommunicator::CreateThreadData(uint32_t threadType,
 void CCommunicator::FreeThreadData() {
     std::shared_ptr<COMM_THREAD_DATA> sender, receiver;
     {
-        boost::lock_guard<boost::mutex> lock(m_QueueLock);
+        CMutexLock lock(m_QueueLock);
         sender.swap(m_pSenderData);
         receiver.swap(m_pReceiverData);
     }
@@ -192,7 +193,7 @@ void CCommunicator::FreeThreadData() {
 void CCommunicator::FreeThreadData(const std::shared_ptr<COMM_THREAD_DATA>& sender,
                                    const std::shared_ptr<COMM_THREAD_DATA>& receiver) {
     std::shared_ptr<COMM_THREAD_DATA> oldSender, oldReceiver;
-    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    CMutexLock lock(m_QueueLock);
     if (sender != nullptr && m_pSenderData == sender)
         oldSender.swap(m_pSenderData);
     if (receiver != nullptr && m_pReceiverData == receiver)
@@ -200,35 +201,35 @@ void CCommunicator::FreeThreadData(const std::shared_ptr<COMM_THREAD_DATA>& send
 }
 
 COMM_STATUS CCommunicator::StartSndRcvThreads() {
-    boost::lock_guard<boost::recursive_mutex> stateLock(m_StateLock);
-    if (m_pSenderData == nullptr) {
-        std::shared_ptr<COMM_THREAD_DATA> data;
-        const COMM_STATUS result = CreateThreadData(kThreadTypeSender, &data);
+    CMutexLock stateLock(m_StateLock);
+    std::shared_ptr<COMM_THREAD_DATA> sender, receiver;
+    {
+        CMutexLock lock(m_QueueLock);
+        sender = m_pSenderData;
+        receiver = m_pReceiverData;
+    }
+    if (sender == nullptr) {
+        const COMM_STATUS result = CreateThreadData(kThreadTypeSender, &sender);
         if (result != 0) {
             VNTRACE(TL_ERR, "Comm : Failed to create sender thread data, Code : %ld",
                     static_cast<long>(result));
             return result;
         }
-        boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        m_pSenderData = std::move(data);
+        CMutexLock lock(m_QueueLock);
+        m_pSenderData = sender;
     }
-    if (m_pReceiverData == nullptr) {
-        std::shared_ptr<COMM_THREAD_DATA> data;
-        const COMM_STATUS result = CreateThreadData(kThreadTypeReceiver, &data);
+    if (receiver == nullptr) {
+        const COMM_STATUS result = CreateThreadData(kThreadTypeReceiver, &receiver);
         if (result != 0) {
             VNTRACE(TL_ERR, "Comm : Failed to create receiver thread data, Code : %ld",
                     static_cast<long>(result));
-            std::shared_ptr<COMM_THREAD_DATA> sender;
-            boost::lock_guard<boost::mutex> lock(m_QueueLock);
-            sender.swap(m_pSenderData);
+            FreeThreadData(sender, nullptr);
             return result;
         }
-        boost::lock_guard<boost::mutex> lock(m_QueueLock);
-        m_pReceiverData = std::move(data);
+        CMutexLock lock(m_QueueLock);
+        m_pReceiverData = receiver;
     }
 
-    const std::shared_ptr<COMM_THREAD_DATA> sender = m_pSenderData;
-    const std::shared_ptr<COMM_THREAD_DATA> receiver = m_pReceiverData;
     // Each thread starts on an empty queue. Emptied here rather than by the thread, which would
     // race with the relay: it may already have handed over a command.
     sender->m_pQueue->Clear();
@@ -289,9 +290,9 @@ void CCommunicator::StopSndRcvThreads() {
         // The threads take QUIT behind what is already queued: each works its queue up to it.
         // Their handles are taken out here, so that the main thread and the stopping thread,
         // which may both come here, never join the same thread.
-        boost::lock_guard<boost::recursive_mutex> stateLock(m_StateLock);
+        CMutexLock stateLock(m_StateLock);
         {
-            boost::lock_guard<boost::mutex> lock(m_QueueLock);
+            CMutexLock lock(m_QueueLock);
             sender = m_pSenderData;
             receiver = m_pReceiverData;
         }
@@ -314,7 +315,7 @@ void CCommunicator::StopSndRcvThreads() {
         }
     }
     FreeThreadData(sender, receiver);
-    m_bConnected = false;
+    SetConnected(false);
     VNTRACE(TL_TRACE, "Communicator(%d) : snd/rcv threads stopped", m_ClientType);
 }
 
@@ -326,7 +327,7 @@ bool CCommunicator::WaitForSndRcvThreads(boost::thread& sender, boost::thread& r
 
 void CCommunicator::StopMainThread() {
     {
-        boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+        CMutexLock lock(m_StateLock);
         VNTRACE(TL_IPC, "Communicator(%d) : Stopping main thread", m_ClientType);
         if (m_ClientType == kClientTypeService) {
             m_bStop = true;
@@ -348,7 +349,7 @@ void CCommunicator::StopMainThread() {
 
 void CCommunicator::Stop() {
     {
-        boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+        CMutexLock lock(m_StateLock);
         VNTRACE(TL_IPC, "Communicator : Stopping communicator...");
         m_bStop = true;
         m_EventStop.SetEvent();
@@ -383,30 +384,35 @@ void CCommunicator::WaitForMainThread(uint32_t seconds) {
     }
 }
 
+boost::unordered_map<uint32_t, uint16_t> CCommunicator::PeerSessions() {
+    CMutexLock lock(m_PeerSessionsLock);
+    return m_PeerSessions;
+}
+
 bool CCommunicator::IsConnected() {
-    boost::lock_guard<boost::recursive_mutex> lock(m_ConnectedLock);
+    CMutexLock lock(m_ConnectedLock);
     return m_bConnected;
 }
 
 void CCommunicator::SetConnected(bool value) {
-    boost::lock_guard<boost::recursive_mutex> lock(m_ConnectedLock);
+    CMutexLock lock(m_ConnectedLock);
     m_bConnected = value;
 }
 
 bool CCommunicator::IsStopping() {
-    boost::lock_guard<boost::recursive_mutex> lock(m_StateLock);
+    CMutexLock lock(m_StateLock);
     return m_bStop;
 }
 
 bool CCommunicator::PostToMain(const MSG_QUEUE_MSG* message) {
-    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    CMutexLock lock(m_QueueLock);
     if (m_pMainQueue == nullptr)
         return false;
     return m_pMainQueue->PutMessage(message);
 }
 
 bool CCommunicator::PostToReceiver(const MSG_QUEUE_MSG* message) {
-    boost::lock_guard<boost::mutex> lock(m_QueueLock);
+    CMutexLock lock(m_QueueLock);
     if (!m_pReceiverData || message == nullptr)
         return false;
     return m_pReceiverData->m_pQueue->PutMessage(message);
@@ -439,12 +445,18 @@ COMM_STATUS CCommunicator::SendPacket(const MSG_QUEUE_MSG* message, bool toClien
     }
     if (!toClient)
         return m_pSecureIPCClientInstance->SendData(&buffer);
-    const auto found = m_PeerSessions.find(kIdentityClientApi);
-    if (found == m_PeerSessions.end()) {
-        VNTRACE(TL_ERR, "Failed to find session id for Tideway_CLIENT_API");
-        return kCommSendFailed;
+    uint16_t session = 0;
+    {
+        CMutexLock lock(m_PeerSessionsLock);
+        const auto found = m_PeerSessions.find(kIdentityClientApi);
+        if (found == m_PeerSessions.end()) {
+            lock.Unlock();
+            VNTRACE(TL_ERR, "Failed to find session id for Tideway_CLIENT_API");
+            return kCommSendFailed;
+        }
+        session = found->second;
     }
-    return m_pSecureIPCServerInstance->SendData(&buffer, found->second);
+    return m_pSecureIPCServerInstance->SendData(&buffer, session);
 }
 
 bool CCommunicator::GetConfigData(uint8_t* buffer, uint32_t& size) {
@@ -478,9 +490,11 @@ void CAPISecureIPCCB::OnPeerStateChanged(uint32_t peer, uint32_t session, uint32
             return;
         }
         if (state == IPC_PEER_CLOSED) {
+            CMutexLock lock(m_pCommunicator->m_PeerSessionsLock);
             m_pCommunicator->m_PeerSessions.erase(peer);
         } else if (state == IPC_PEER_CONNECTED) {
             VNTRACE(TL_TRACE, "SecureIPC : saving the peer session id");
+            CMutexLock lock(m_pCommunicator->m_PeerSessionsLock);
             m_pCommunicator->m_PeerSessions[peer] = static_cast<uint16_t>(session & 0xFFFF);
         }
     }

@@ -8,7 +8,9 @@
 // sender, receiver, and the IPC library's threads (the callback: parse and queue only).
 // Locks, outermost first: m_StateLock (start/stop of threads, m_bStop), m_ConnectedLock
 // (m_bConnected), m_QueueLock (the queue pointers that the IPC threads post to), then a queue's
-// own lock. None is held across a join, a queue wait or a callback into the API.
+// own lock; m_PeerSessionsLock is a leaf. None is held across a join, a queue wait or a
+// callback into the API, and none is re-entered, so all are plain mutexes. Clang's
+// thread-safety analysis checks the GUARDED_BY and REQUIRES contracts below.
 #ifndef TIDEWAY_COMM_COMMUNICATOR_H_
 #define TIDEWAY_COMM_COMMUNICATOR_H_
 
@@ -21,8 +23,6 @@
 #include <mutex>
 #include <vector>
 
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <boost/unordered_map.hpp>
 
@@ -30,6 +30,7 @@
 #include "comm/MsgQueue.h"
 #include "comm/MsgQueueMsg.h"
 #include "comm/SyncEvent.h"
+#include "common/Mutex.h"
 #include "ipc/IPCClient.h"
 #include "ipc/IPCServer.h"
 
@@ -38,7 +39,6 @@ class CCommunicator;
 // Statuses of the communicator: 0, or the system's 32-bit result patterns held as positive
 // 64-bit numbers, or small negative codes.
 typedef int64_t COMM_STATUS;
-
 
 // IPC identities of the three kinds of peer.
 constexpr uint32_t kIdentityClientApi = 6;      // Tideway_CLIENT_API: this module
@@ -165,57 +165,69 @@ class CCommunicator {
     void SetConnected(bool value);
     bool IsStopping();
 
-    bool PostToMain(const MSG_QUEUE_MSG* message);
-    bool PostToReceiver(const MSG_QUEUE_MSG* message);
+    bool PostToMain(const MSG_QUEUE_MSG* message) EXCLUDES(m_QueueLock);
+    bool PostToReceiver(const MSG_QUEUE_MSG* message) EXCLUDES(m_QueueLock);
     COMM_STATUS SendPacket(const MSG_QUEUE_MSG* message, bool toClient);
     bool GetConfigData(uint8_t* buffer, uint32_t& size);
 
     // The packet of a message: the 24-byte header and the data; null on failure.
     static std::unique_ptr<uint8_t[]> BuildPacket(const MSG_QUEUE_MSG* message, uint32_t& size);
 
-    // Read by the IPC callback (peer sessions) and by tests.
-    boost::unordered_map<uint32_t, uint16_t> m_PeerSessions;
+    // A copy of the peer sessions, for tests.
+    boost::unordered_map<uint32_t, uint16_t> PeerSessions() EXCLUDES(m_PeerSessionsLock);
 
   protected:
     friend class CAPISecureIPCCB;
 
+    // The main queue of the running connection attempt, or null.
+    CMsgQueue* MainQueue() EXCLUDES(m_QueueLock) {
+        CMutexLock lock(m_QueueLock);
+        return m_pMainQueue;
+    }
+
     // Makes a thread's data record with its queue; kCommInvalidArg, kCommOutOfMemory or 0.
     COMM_STATUS CreateThreadData(uint32_t threadType, std::shared_ptr<COMM_THREAD_DATA>* out);
     // Lets go of the records in the two fields (all of them, or those equal to the given ones).
-    void FreeThreadData();
+    void FreeThreadData() EXCLUDES(m_QueueLock);
     void FreeThreadData(const std::shared_ptr<COMM_THREAD_DATA>& sender,
-                        const std::shared_ptr<COMM_THREAD_DATA>& receiver);
+                        const std::shared_ptr<COMM_THREAD_DATA>& receiver) EXCLUDES(m_QueueLock);
     // Runs `body` on a new thread counted by m_pGate and moves it into `field`.
-    void StartCountedThread(boost::thread& field, std::function<void()> body);
+    void StartCountedThread(boost::thread& field, std::function<void()> body) REQUIRES(m_StateLock);
     // Runs ThreadProc(data) on a new thread kept in `field` ("send" or "recv" in the messages).
     // A failure frees both thread data records and rethrows.
     void StartThreadFor(boost::thread& field, const std::shared_ptr<COMM_THREAD_DATA>& data,
-                        const char* which);
+                        const char* which) REQUIRES(m_StateLock);
 
+    // Peers and their sessions: written by the IPC callback, read by the server branch of
+    // SendPacket.
+    CMutex m_PeerSessionsLock;
+    boost::unordered_map<uint32_t, uint16_t> m_PeerSessions GUARDED_BY(m_PeerSessionsLock);
     bool m_bInitialized;
     uint32_t m_ConnectParam;
-    CMsgQueue* m_pMainQueue;  // exists only while a connection attempt runs
-    boost::thread m_SenderThread;
-    boost::thread m_ReceiverThread;
+    // Exists only while a connection attempt runs; replaced only by the main thread, which may
+    // read it without the lock.
+    CMsgQueue* m_pMainQueue GUARDED_BY(m_QueueLock);
+    boost::thread m_SenderThread GUARDED_BY(m_StateLock);
+    boost::thread m_ReceiverThread GUARDED_BY(m_StateLock);
     // Shared with their threads (see COMM_THREAD_DATA); written under m_QueueLock.
-    std::shared_ptr<COMM_THREAD_DATA> m_pSenderData;
-    std::shared_ptr<COMM_THREAD_DATA> m_pReceiverData;
+    std::shared_ptr<COMM_THREAD_DATA> m_pSenderData GUARDED_BY(m_QueueLock);
+    std::shared_ptr<COMM_THREAD_DATA> m_pReceiverData GUARDED_BY(m_QueueLock);
     boost::thread m_MainThreadHandle;
     CSyncEvent m_EventMainCycle;  // manual reset: end of each pass of the main thread
     CSyncEvent m_EventStop;       // auto reset: set by Stop, ends the pause between attempts
     uint32_t m_Port;
     uint32_t m_ClientType;
-    std::atomic<bool> m_bConnected;
-    boost::recursive_mutex m_StateLock;
-    boost::recursive_mutex m_ConnectedLock;
-    bool m_bStop;
+    CMutex m_StateLock;
+    CMutex m_ConnectedLock;
+    bool m_bConnected GUARDED_BY(m_ConnectedLock);
+    bool m_bStop GUARDED_BY(m_StateLock);
     std::vector<uint8_t> m_ConfigData;
     CAPISecureIPCCB m_Callback;
     IIPCClient* m_pSecureIPCClientInstance;
     IIPCServer* m_pSecureIPCServerInstance;
     // Guards the queue pointers against the IPC threads' posts while a connection's queues are
     // made and freed. A leaf below m_StateLock.
-    boost::mutex m_QueueLock;
+    CMutex m_QueueLock ACQUIRED_AFTER(m_StateLock);
     // Shared with every thread this communicator starts; closed at the end of Stop.
     std::shared_ptr<CCommThreadGate> m_pGate;
 };

@@ -219,11 +219,11 @@ TEST_F(ApiWithFakeChannel, StatusesBeforeRegisterAreReplayedInOrderByStart) {
 TEST_F(ApiWithFakeChannel, GlueTracksSessionsAndRoutesCommandClientIds) {
     Connect();
     CClientSideCommunicator* comm = api_->GetCommunicator();
-    EXPECT_EQ(comm->m_PeerSessions.at(8), 1);
+    EXPECT_EQ(comm->PeerSessions().at(8), 1);
     for (uint32_t peer : {5u, 9u})
         fake_->PeerState(peer, 0x12345, 2);
     EXPECT_EQ(syslog_capture::Count("SecureIPC : Unknown peer id connected. So do nothing\n"), 2u);
-    EXPECT_EQ(comm->m_PeerSessions.size(), 1u);
+    EXPECT_EQ(comm->PeerSessions().size(), 1u);
     // Command-client ids go to the main queue, whose relay names them.
     fake_->Deliver(COMM_MSG_CLIENT_TYPE_CMD_ENABLE_SVC);
     fake_->Deliver(COMM_MSG_CLIENT_TYPE_CMD_CHANGE_DBGLEVEL, "\x07\x01\0\0", 4);
@@ -234,7 +234,7 @@ TEST_F(ApiWithFakeChannel, GlueTracksSessionsAndRoutesCommandClientIds) {
     // The agent goes: one PEER_DC, the session is gone, the cycle comes round with status 8.
     fake_->PeerState(8, 1, 0);
     ASSERT_TRUE(cb_.WaitForStatus(8));
-    EXPECT_EQ(comm->m_PeerSessions.count(8), 0u);
+    EXPECT_EQ(comm->PeerSessions().count(8), 0u);
     EXPECT_EQ(syslog_capture::Count("SecureIPC : client received disconnect message\n"), 1u);
     ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 2; }));
 }
@@ -286,7 +286,7 @@ TEST_F(ApiWithFakeChannel, CommunicatorOutsideAConnectionRefusesAndLogs) {
     comm.Stop();  // nothing started: returns at once
     fake_->PeerState(8, 3, 2);
     fake_->PeerState(8, 3, 0);
-    EXPECT_EQ(comm.m_PeerSessions.count(8), 0u);
+    EXPECT_EQ(comm.PeerSessions().count(8), 0u);
     EXPECT_EQ(syslog_capture::Count("SecureIPC : Failed to write COMM_MSG_PEER_DC\n"), 1u);
     fake_->Deliver(COMM_MSG_TOWERS_RESPONSE_INFO, "a", 1);
     EXPECT_EQ(
