@@ -182,8 +182,7 @@ int32_t UiValueTable::IdOf(const char* text, size_t size, int32_t missing) const
     if (text == nullptr)
         return missing;
     for (size_t i = 0; i < m_Count; ++i) {
-        const char* candidate = m_pPairs[i].text;
-        if (strlen(candidate) == size && memcmp(candidate, text, size) == 0)
+        if (m_Sizes[i] == size && memcmp(m_pPairs[i].text, text, size) == 0)
             return m_pPairs[i].id;
     }
     return missing;

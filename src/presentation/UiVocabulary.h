@@ -9,8 +9,10 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <map>
+#include <vector>
 
 // Tray state of an update notice (attribute "state" of the root).
 enum UiTrayState : int32_t {
@@ -80,8 +82,10 @@ class UiValueTable {
   public:
     template <size_t N>
     explicit UiValueTable(const UiValuePair (&pairs)[N]) : m_pPairs(pairs), m_Count(N) {
-        for (const UiValuePair& pair : pairs)
+        for (const UiValuePair& pair : pairs) {
             m_ById.emplace(pair.id, pair.text);
+            m_Sizes.push_back(strlen(pair.text));
+        }
     }
     UiValueTable(const UiValueTable&) = delete;
     UiValueTable& operator=(const UiValueTable&) = delete;
@@ -103,6 +107,7 @@ class UiValueTable {
     const UiValuePair* m_pPairs;
     size_t m_Count;
     std::map<int32_t, const char*> m_ById;
+    std::vector<size_t> m_Sizes;  // strlen of each pair's text
 };
 
 extern const UiValueTable g_UiTrayStates;         // UiTrayState -> "Error" ... "Good"

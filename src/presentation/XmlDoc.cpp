@@ -1,7 +1,9 @@
 #include "presentation/XmlDoc.h"
 
+#include <stdint.h>
 #include <string.h>
 
+#include <array>
 #include <iterator>
 
 #include <rapidxml/rapidxml.hpp>
@@ -13,18 +15,35 @@
 
 namespace {
 
-// Character classes of rapidxml's parser (its lookup tables).
-bool IsSpace(char c) {
-    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+// Character classes of rapidxml's parser, as one table like its own lookup tables.
+enum : uint8_t { kSpace = 1, kNodeNameChar = 2, kAttributeNameChar = 4 };
+
+constexpr std::array<uint8_t, 256> MakeCharClasses() {
+    std::array<uint8_t, 256> classes{};
+    for (int c = 0; c < 256; ++c) {
+        const bool space = c == ' ' || c == '\n' || c == '\r' || c == '\t';
+        // Element names: anything but blanks, '/', '>', '?' and NUL.
+        const bool nodeName = !(space || c == '/' || c == '>' || c == '?' || c == 0);
+        // Attribute names: neither, nor '<', '=' or '!'.
+        const bool attributeName = nodeName && c != '<' && c != '=' && c != '!';
+        classes[c] = static_cast<uint8_t>((space ? kSpace : 0) | (nodeName ? kNodeNameChar : 0) |
+                                          (attributeName ? kAttributeNameChar : 0));
+    }
+    return classes;
 }
 
-bool IsNodeNameChar(char c) {
-    return !(IsSpace(c) || c == '/' || c == '>' || c == '?' || c == '\0');
+constexpr std::array<uint8_t, 256> kCharClasses = MakeCharClasses();
+
+inline bool IsSpace(char c) {
+    return (kCharClasses[static_cast<unsigned char>(c)] & kSpace) != 0;
 }
 
-bool IsAttributeNameChar(char c) {
-    return !(IsSpace(c) || c == '/' || c == '<' || c == '>' || c == '=' || c == '?' || c == '!' ||
-             c == '\0');
+inline bool IsNodeNameChar(char c) {
+    return (kCharClasses[static_cast<unsigned char>(c)] & kNodeNameChar) != 0;
+}
+
+inline bool IsAttributeNameChar(char c) {
+    return (kCharClasses[static_cast<unsigned char>(c)] & kAttributeNameChar) != 0;
 }
 
 // rapidxml's digit table: 0-9, a-f, A-F; -1 for anything else.
