@@ -290,13 +290,13 @@ void XmlDoc::SetNodeAttribute(const char* name, const char* value, const XmlNode
     if (name == nullptr || value == nullptr || node.IsNull())
         return;
     rapidxml::xml_document<char>& pool = *node.owner->doc;
+    const size_t nameSize = strlen(name);
     const size_t valueSize = strlen(value);
     char* const valueCopy = xml_pool::Copy(pool, value, valueSize);
-    if (rapidxml::xml_attribute<char>* existing = node.node->first_attribute(name)) {
+    if (rapidxml::xml_attribute<char>* existing = node.node->first_attribute(name, nameSize)) {
         existing->value(valueCopy, valueSize);
         return;
     }
-    const size_t nameSize = strlen(name);
     node.node->append_attribute(pool.allocate_attribute(xml_pool::Copy(pool, name, nameSize),
                                                         valueCopy, nameSize, valueSize));
 }
