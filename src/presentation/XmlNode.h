@@ -14,6 +14,8 @@
 #include <map>
 #include <string>
 
+#include "presentation/UiVocabulary.h"
+
 namespace rapidxml {
 template <class Ch>
 class xml_node;
@@ -68,7 +70,7 @@ class XmlNode {
 class XmlUICtrl : public XmlNode {
   public:
     // An empty control of type kCtrlUnknown.
-    XmlUICtrl() : type(18) {}
+    XmlUICtrl() : type(kCtrlUnknown) {}
     // Copies the handle; the type is that of the element's name in the control table, or
     // kCtrlUnknown (18) for any other name.
     XmlUICtrl(const XmlNode& handle);  // NOLINT(runtime/explicit): a control is a handle
