@@ -33,13 +33,13 @@
 
 namespace {
 
-struct ControlSpec {
+struct ControlRow {
     int32_t type;
     const char* id;
     const char* value;
 };
 
-const ControlSpec kControls[10] = {
+const ControlRow kControls[10] = {
     {kCtrlLabel, kIdSimpleStatus, "Connected (Tower Frankfurt 2)"},
     {kCtrlTrayState, kIdTrayStateString, "Connected"},
     {kCtrlLabel, kIdTower, "Tower Frankfurt 2"},
@@ -56,7 +56,7 @@ const char kHistory[] = "Connected (Tower Frankfurt 2)";
 std::string LayerNotice() {
     XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
     notice.SetState(kTrayGood);
-    for (const ControlSpec& c : kControls) {
+    for (const ControlRow& c : kControls) {
         notice.GetControl(c.type, c.id)
             .SetAttribute(kUiValue, c.value)
             .SetAttribute(kUiDisabled, kUiFalse)
@@ -91,7 +91,7 @@ Element* RawNotice(Document& doc) {
         strftime(stamp, sizeof(stamp), "%c", &local);
     RawAttribute(doc, root, kUiTimestamp, stamp);
     RawAttribute(doc, root, kUiState, "Good");
-    for (const ControlSpec& c : kControls) {
+    for (const ControlRow& c : kControls) {
         Element* node = RawElement(doc, root, g_UiControlTypes.TextOf(c.type));
         RawAttribute(doc, node, kUiId, c.id);
         RawAttribute(doc, node, kUiValue, c.value);
