@@ -1,0 +1,138 @@
+// Drives the UI document layer with arbitrary text (the input up to its first NUL, as the host's
+// texts end there), and checks it against rapidxml used directly:
+// - the depth scan agrees with rapidxml: within the depth limit it calls a text malformed exactly
+//   when rapidxml throws, and beyond it the event is refused; a refused text leaves no document;
+// - an event is valid exactly when the first top-level "brguiEvent" has a non-empty "id", and its
+//   controls are exactly the elements with a non-empty "id" below it;
+// - a valid event whose root is the first element, printed and parsed again, has the same id and
+//   controls (unless the print holds a NUL from a "&#0;" reference);
+// - a notice parsed from the text indexes control names only;
+// - the text as a tag, an attribute value and an element text of a built notice comes back
+//   unchanged after printing and parsing (element text only when it is not all blanks, since
+//   rapidxml makes no text node of blanks alone).
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <rapidxml/rapidxml.hpp>
+
+#include "FuzzSupport.h"
+#include "common/VNTrace.h"
+#include "presentation/UiVocabulary.h"
+#include "presentation/XmlUIEvent.h"
+#include "presentation/XmlUINotice.h"
+
+namespace {
+
+using Element = rapidxml::xml_node<char>;
+using Index = std::map<std::string, int32_t>;
+
+// Ids below `node` (included) as the event indexes them; rapidxml's own tree, walked
+// recursively (the scan keeps it within 256 levels).
+void ReferenceIndex(const Element* node, Index& index) {
+    if (node->type() == rapidxml::node_element) {
+        const rapidxml::xml_attribute<char>* id = node->first_attribute("id");
+        if (id != nullptr && id->value_size() > 0) {
+            index[std::string(id->value(), id->value_size())] =
+                g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
+        }
+    }
+    for (const Element* child = node->first_node(); child != nullptr; child = child->next_sibling())
+        ReferenceIndex(child, index);
+}
+
+Index IndexOf(const XmlControlMap& controls) {
+    Index index;
+    for (const auto& entry : controls)
+        index[entry.first] = entry.second.type;
+    return index;
+}
+
+// Parses `text` with rapidxml alone; false when it throws. `index` gets the event's controls
+// when the first top-level "brguiEvent" has a non-empty id, and `id` that id.
+bool ReferenceParse(const std::string& text, std::string& id, Index& index) {
+    static rapidxml::xml_document<char>* document = new rapidxml::xml_document<char>();
+    document->clear();
+    std::vector<char> buffer(text.begin(), text.end());
+    buffer.push_back('\0');
+    try {
+        document->parse<0>(buffer.data());
+    } catch (const rapidxml::parse_error&) {
+        return false;
+    }
+    for (const Element* node = document->first_node(); node != nullptr;
+         node = node->next_sibling()) {
+        if (node->type() != rapidxml::node_element || strcmp(node->name(), "brguiEvent") != 0)
+            continue;
+        if (const rapidxml::xml_attribute<char>* attribute = node->first_attribute("id"))
+            id.assign(attribute->value(), attribute->value_size());
+        if (!id.empty())
+            ReferenceIndex(node, index);
+        break;
+    }
+    return true;
+}
+
+void CheckEvent(const std::string& text) {
+    const int32_t depth = XmlDoc::NestingDepth(text.c_str());
+    XmlUIEvent event(text.c_str());
+    if (depth > XmlDoc::kMaxNestingDepth) {
+        FUZZ_CHECK(!event.valid && event.ToString().empty());
+        return;
+    }
+    std::string id;
+    Index index;
+    const bool parsed = ReferenceParse(text, id, index);
+    FUZZ_CHECK(parsed == (depth >= 0));
+    if (!parsed)
+        FUZZ_CHECK(event.ToString().empty());
+    FUZZ_CHECK(event.valid == !id.empty());
+    FUZZ_CHECK(event.GetId() == id);
+    FUZZ_CHECK(IndexOf(event.controls) == index);
+    if (!event.valid)
+        return;
+    for (const auto& entry : event.controls) {
+        FUZZ_CHECK(entry.second.GetAttribute(kUiId) == entry.first);
+        event.GetComboValue(entry.second);
+    }
+    const std::string printed = event.ToString();
+    if (event.GetRootNode(nullptr).node != event.root.node ||
+        printed.find('\0') != std::string::npos)
+        return;
+    XmlUIEvent again(printed.c_str());
+    FUZZ_CHECK(again.valid && again.GetId() == id && IndexOf(again.controls) == index);
+}
+
+void CheckNotice(const std::string& text) {
+    XmlUINotice parsed(text.c_str());
+    if (parsed.valid)
+        FUZZ_CHECK(parsed.type >= kNoticeSetup && parsed.type < kNoticeUnknown);
+    for (const auto& entry : parsed.controls)
+        FUZZ_CHECK(entry.second.type != kCtrlUnknown);
+
+    XmlUINotice built(kNoticeUpdate, text.c_str(), kUiModuleIdentity);
+    built.GetControl(kCtrlLabel, "v").SetAttribute(kUiValue, text.c_str());
+    built.CreateNode(kUiLog).SetValue(text.c_str());
+    const std::string printed = built.ToString();
+    XmlUINotice back(printed.c_str());
+    FUZZ_CHECK(back.valid && back.type == kNoticeUpdate);
+    FUZZ_CHECK(back.root.GetAttribute(kUiTag) == text);
+    FUZZ_CHECK(back.GetControl(kCtrlLabel, "v").GetAttribute(kUiValue) == text);
+    if (text.find_first_not_of(" \t\r\n") != std::string::npos)
+        FUZZ_CHECK(back.root.FirstChild(kUiLog).GetValue() == text);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    g_Trace.SetLevelMask(0);
+    const std::string text(reinterpret_cast<const char*>(data),
+                           strnlen(reinterpret_cast<const char*>(data), size));
+    CheckEvent(text);
+    CheckNotice(text);
+    return 0;
+}

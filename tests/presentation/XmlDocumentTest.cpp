@@ -1,0 +1,339 @@
+#include <time.h>
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "SyslogCapture.h"
+#include "common/VNTrace.h"
+#include "presentation/UiVocabulary.h"
+#include "presentation/XmlUIEvent.h"
+#include "presentation/XmlUINotice.h"
+
+namespace {
+
+const char kStamp[] = "Thu Jan  1 00:00:00 1970";
+const std::string kModuleAttr = std::string("module=\"") + kUiModuleIdentity + "\"";
+
+// The host sees only text: each notice is compared byte for byte with what rapidxml prints.
+TEST(XmlUINotice, PrintsSetupUpdateAndPopupNoticesByteForByte) {
+    const struct {
+        const char* name;
+        std::function<void(XmlUINotice&)> build;
+        int32_t type;
+        const char* tag;
+        std::string expected;
+    } cases[] = {
+        {"setup",
+         [](XmlUINotice& n) {
+             n.GetControl(kCtrlLabel, kIdSimpleTileLabel).SetAttribute(kUiValue, "Tideway:");
+             n.CreateNode(kUiPreferences);
+             XmlUICtrl group = n.GetControl(kCtrlRadioGroup, kIdModeRadioGroup);
+             group.SetAttribute(kUiDisabled, kUiTrue);
+             group.SetEvent(kEventOnSelect, kIdModeRadioGroup);
+             group.AddChild(kUiRadio)
+                 .SetAttribute(kUiLabel, "Auto")
+                 .SetAttribute(kUiSelected, kUiFalse);
+             group.AddChild(kUiRadio).SetAttribute(kUiLabel, "Manual");
+             // A value holding '"' goes in single quotes; the other four entities are expanded.
+             n.GetControl(kCtrlLabel, kIdTower).SetAttribute(kUiValue, "a<b & \"c\" 'd'>");
+             n.GetControl(kCtrlLabel, kIdTowerLbl).SetAttribute(kUiValue, "it's");
+         },
+         kNoticeSetup, nullptr,
+         "<brguiNotice " + kModuleAttr + " type=\"setup\" timestamp=\"" + kStamp +
+             "\">\n"
+             "\t<label id=\"simple_tile_label\" value=\"Tideway:\"/>\n"
+             "\t<preferences/>\n"
+             "\t<radiogroup id=\"mode_radio_group\" disabled=\"true\" "
+             "OnSelect=\"mode_radio_group_OnSelect\" OnSelectID=\"mode_radio_group\">\n"
+             "\t\t<radio label=\"Auto\" selected=\"false\"/>\n"
+             "\t\t<radio label=\"Manual\"/>\n"
+             "\t</radiogroup>\n"
+             "\t<label id=\"tower\" value='a&lt;b &amp; \"c\" &apos;d&apos;&gt;'/>\n"
+             "\t<label id=\"tower_lbl\" value=\"it's\"/>\n"
+             "</brguiNotice>\n"},
+        {"update",
+         [](XmlUINotice& n) {
+             n.SetState(kTrayGood);
+             n.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "On (Tower A)");
+             n.GetControl(kCtrlTrayState, kIdTrayStateString).SetAttribute(kUiValue, "On");
+             n.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, "On (Tower A)");
+             // The same id again, even with another type, is the same element.
+             n.GetControl(kCtrlButton, kIdSimpleStatus).SetAttribute(kUiHidden, kUiFalse);
+             n.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "Off");
+         },
+         kNoticeUpdate, "stat_update",
+         "<brguiNotice " + kModuleAttr + " type=\"update\" tag=\"stat_update\" timestamp=\"" +
+             kStamp +
+             "\" state=\"Good\">\n"
+             "\t<label id=\"simple_status\" value=\"Off\" hidden=\"false\"/>\n"
+             "\t<traystate id=\"tray_state_string\" value=\"On\"/>\n"
+             "\t<log messagehistory=\"On (Tower A)\"/>\n"
+             "</brguiNotice>\n"},
+        {"popup",
+         [](XmlUINotice& n) {
+             XmlNode popup = n.root;
+             popup.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiType, kUiCustom);
+             n.CreateNode(kUiTitle).SetAttribute(kUiValue, "Tarvex Brenlo Tideway");
+             XmlNode row = n.CreateNode(kUiLayout).AddChild(kUiRow);
+             XmlUICtrl ok = n.GetControl(kCtrlButton, kIdCredentialOkBtn, row);
+             ok.SetAttribute(kUiLabel, "Ok");
+             ok.SetEvent(kEventOnPress, "proxyuser,proxypswd");
+             n.GetControl(kCtrlCloseButton, kIdCredentialClose).SetEvent(kEventOnClose, nullptr);
+         },
+         kNoticePopup, "t",
+         "<brguiNotice " + kModuleAttr +
+             " type=\"popup\" tag=\"t\">\n"
+             "\t<popup timestamp=\"" +
+             kStamp +
+             "\" id=\"credential_dialog\" type=\"custom\">\n"
+             "\t\t<title value=\"Tarvex Brenlo Tideway\"/>\n"
+             "\t\t<layout>\n"
+             "\t\t\t<row>\n"
+             "\t\t\t\t<button id=\"credential_ok_btn\" label=\"Ok\" "
+             "OnPress=\"credential_ok_btn_OnPress\" OnPressID=\"proxyuser,proxypswd\"/>\n"
+             "\t\t\t</row>\n"
+             "\t\t</layout>\n"
+             "\t\t<closebutton id=\"credential_close\" OnClose=\"credential_close_OnClose\"/>\n"
+             "\t</popup>\n"
+             "</brguiNotice>\n"},
+    };
+    for (const auto& c : cases) {
+        XmlUINotice notice(c.type, c.tag, kUiModuleIdentity);
+        notice.SetTimestamp(kStamp);  // replaces the clock's text where it stands
+        c.build(notice);
+        EXPECT_EQ(notice.ToString(), c.expected) << c.name;
+    }
+
+    // Without module and tag, and with a type that has no text, those attributes are left out.
+    XmlUINotice bare(kNoticeUnknown, nullptr, nullptr);
+    bare.SetTimestamp(kStamp);
+    EXPECT_EQ(bare.ToString(), std::string("<brguiNotice timestamp=\"") + kStamp + "\"/>\n");
+}
+
+TEST(XmlUINotice, TimestampIsTheLocalTimeAsPercentC) {
+    auto format = [](time_t t) {
+        struct tm local;
+        char text[64] = {};
+        localtime_r(&t, &local);
+        strftime(text, sizeof(text), "%c", &local);
+        return std::string(text);
+    };
+    const time_t before = time(nullptr);
+    XmlUINotice notice(kNoticeUpdate, nullptr, nullptr);
+    const time_t after = time(nullptr);
+    const std::string stamp = notice.root.GetAttribute(kUiTimestamp);
+    EXPECT_TRUE(stamp == format(before) || stamp == format(after)) << stamp;
+}
+
+TEST(XmlUICtrl, SetEventKeepsAnArmedIdAndRewritesTheControlList) {
+    XmlUINotice notice(kNoticeUpdate, nullptr, nullptr);
+    notice.root.RemoveAttribute(kUiTimestamp);
+    XmlUICtrl ok = notice.GetControl(kCtrlButton, kIdCredentialOkBtn);
+    EXPECT_EQ(ok.type, kCtrlButton);
+    EXPECT_EQ(ok.SetEvent(kEventOnPress, "a,b"), "credential_ok_btn_OnPress");
+    EXPECT_TRUE(ok.RenameEvent(kEventOnPress, "renamed"));
+    EXPECT_EQ(ok.SetEvent(kEventOnPress, nullptr), "renamed");  // kept; OnPressID removed
+    EXPECT_EQ(ok.GetEvent(kEventOnPress), "renamed");
+    EXPECT_FALSE(ok.RenameEvent(kEventOnSelect, "x"));  // not armed
+    EXPECT_EQ(notice.SetControlEvent(kIdCredentialOkBtn, kEventOnClose, "c"),
+              "credential_ok_btn_OnClose");
+    EXPECT_EQ(notice.SetControlEvent(kIdCredentialOkBtn, kEventOnError, nullptr),
+              "credential_ok_btn_OnError");
+    EXPECT_EQ(notice.SetControlEvent(kIdCredentialClose, kEventOnClose, nullptr), "");  // none
+    for (int32_t unknown : {-1, 8})
+        EXPECT_EQ(ok.SetEvent(unknown, "x"), "");
+    EXPECT_EQ(notice.ToString(),
+              "<brguiNotice type=\"update\">\n"
+              "\t<button id=\"credential_ok_btn\" OnPress=\"renamed\" "
+              "OnClose=\"credential_ok_btn_OnClose\" OnCloseID=\"c\" "
+              "OnError=\"credential_ok_btn_OnError\"/>\n"
+              "</brguiNotice>\n");
+}
+
+TEST(XmlUIEvent, HandWrittenEventsAreValidatedAndIndexed) {
+    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
+                      10000, 100, 1, 0, 60);
+    auto nest = [](int levels) {
+        std::string text = "<brguiEvent id=\"e\">";
+        for (int i = 1; i < levels; ++i)
+            text += "<a>";
+        for (int i = 1; i < levels; ++i)
+            text += "</a>";
+        return text + "</brguiEvent>";
+    };
+    const std::string tooDeep = nest(257);
+    using Controls = std::map<std::string, int32_t>;
+    const struct {
+        std::string text;
+        bool valid;
+        std::string id;
+        Controls controls;
+    } cases[] = {
+        {"<brguiEvent id=\"mode_radio_group_OnSelect\">\n\t<radiogroup id=\"mode_radio_group\" "
+         "value=\"Auto\"/>\n</brguiEvent>",
+         true,
+         "mode_radio_group_OnSelect",
+         {{"mode_radio_group_OnSelect", kCtrlUnknown}, {"mode_radio_group", kCtrlRadioGroup}}},
+        // A later element with the same id wins; elements without an id are walked through.
+        {"<brguiEvent id=\"e\"><label id=\"d\"/><row><textbox id=\"d\"/><x id=\"\"/></row>"
+         "<?pi?><!-- c --><![CDATA[<q>]]></brguiEvent>",
+         true,
+         "e",
+         {{"e", kCtrlUnknown}, {"d", kCtrlTextBox}}},
+        // Unknown names, also by case, are indexed with type 18.
+        {"<brguiEvent id=\"e\"><widget id=\"w\"/><Label id=\"L\"/></brguiEvent>",
+         true,
+         "e",
+         {{"e", kCtrlUnknown}, {"w", kCtrlUnknown}, {"L", kCtrlUnknown}}},
+        {"<?xml version=\"1.0\"?><other id=\"o\"/><brguiEvent id=\"a&amp;b&#x41;\"/>",
+         true,
+         "a&bA",
+         {{"a&bA", kCtrlUnknown}}},
+        // Default parse flags: closing names are not checked.
+        {"<brguiEvent id=\"e\"><label id=\"l\"></wrong></brguiEvent>",
+         true,
+         "e",
+         {{"e", kCtrlUnknown}, {"l", kCtrlLabel}}},
+        {nest(256), true, "e", {{"e", kCtrlUnknown}}},
+        {tooDeep, false, "", {}},  // refused before rapidxml recurses, with a WARN line
+        {"<brguiNotice id=\"e\"/>", false, "", {}},
+        {"<BrguiEvent id=\"e\"/>", false, "", {}},
+        {"<brguiEvent><label id=\"l\"/></brguiEvent>", false, "", {}},
+        {"<brguiEvent id=\"\"/>", false, "", {}},
+        {"<brguiEvent id=\"e\">", false, "", {}},
+        {"<brguiEvent id=\"e\"/>trailing", false, "", {}},
+        {"<brguiEvent id=\"&#x110000;\"/>", false, "", {}},
+        {"<brguiEvent id=\"&#65\"/>", false, "", {}},
+        {"<brguiEvent id='e' x=\"1\"y=\"2\"/>", true, "e", {{"e", kCtrlUnknown}}},
+        {"<brguiEvent id=e/>", false, "", {}},
+        {"", false, "", {}},
+    };
+    for (const auto& c : cases) {
+        syslog_capture::Clear();
+        XmlUIEvent event(c.text.c_str());
+        EXPECT_EQ(event.valid, c.valid) << c.text;
+        EXPECT_EQ(event.GetId(), c.id) << c.text;
+        Controls controls;
+        for (const auto& entry : event.controls)
+            controls[entry.first] = entry.second.type;
+        EXPECT_EQ(controls, c.controls) << c.text;
+        EXPECT_EQ(event.GetControl("l").IsNull(), c.controls.count("l") == 0) << c.text;
+        EXPECT_EQ(syslog_capture::Count(
+                      "XmlDoc : document refused, elements nested deeper than 256 levels\n"),
+                  c.text == tooDeep ? 1u : 0u);
+    }
+
+    // A failed parse leaves no document; a null text is refused without touching it.
+    XmlUIEvent event("<brguiEvent id=\"e\"><label id=\"l\"/></brguiEvent>");
+    EXPECT_FALSE(event.Parse(nullptr));
+    EXPECT_FALSE(event.valid);
+    EXPECT_EQ(event.ToString(), "<brguiEvent id=\"e\">\n\t<label id=\"l\"/>\n</brguiEvent>\n");
+    EXPECT_FALSE(event.Parse("<brguiEvent id=\"e\">"));
+    EXPECT_EQ(event.ToString(), "");
+    EXPECT_TRUE(event.GetControl("l").IsNull());
+    EXPECT_EQ(event.GetControl("l").type, kCtrlUnknown);
+    EXPECT_TRUE(event.controls.empty());
+}
+
+TEST(XmlUIEvent, ComboValueIsTheValueAttributeElseTheSelectedItem) {
+    XmlUIEvent event(
+        "<brguiEvent id=\"tower_list_combobox_OnSelect\">"
+        "<combobox id=\"value\" value=\"B\"><comboitem label=\"A\" selected=\"true\"/></combobox>"
+        "<combobox id=\"item\" value=\"\"><comboitem label=\"A\" selected=\"True\"/>"
+        "<comboitem label=\"B\" selected=\"true\"/><comboitem label=\"C\" selected=\"true\"/>"
+        "</combobox>"
+        "<combobox id=\"none\"><item label=\"A\" selected=\"true\"/>text</combobox>"
+        "<listbox id=\"other\" value=\"X\"/></brguiEvent>");
+    ASSERT_TRUE(event.valid);
+    const std::pair<const char*, const char*> cases[] = {
+        {"value", "B"}, {"item", "B"}, {"none", ""}, {"other", ""}, {"missing", ""}};
+    for (const auto& c : cases)
+        EXPECT_EQ(event.GetComboValue(event.GetControl(c.first)), c.second) << c.first;
+}
+
+TEST(XmlUINotice, ParsedNoticesIndexOnlyControlNames) {
+    XmlUINotice notice(
+        "<brguiNotice type=\"update\"><label id=\"a\"/><foo id=\"b\"/><popup id=\"p\">"
+        "<layout><button id=\"c\"/></layout></popup></brguiNotice>");
+    EXPECT_TRUE(notice.valid);
+    EXPECT_EQ(notice.type, kNoticeUpdate);
+    std::set<std::string> ids;
+    for (const auto& entry : notice.controls)
+        ids.insert(entry.first);
+    EXPECT_EQ(ids, (std::set<std::string>{"a", "c", "p"}));
+    EXPECT_EQ(notice.root.GetName(), kUiBrguiNotice);
+
+    for (const char* text : {"<brguiNotice type=\"Update\"/>", "<brguiNotice/>",
+                             "<brguiNotice type=\"\"/>", "<brguiEvent type=\"update\"/>"}) {
+        XmlUINotice bad(text);
+        EXPECT_FALSE(bad.valid) << text;
+        EXPECT_EQ(bad.type, kNoticeUnknown) << text;
+    }
+}
+
+TEST(XmlNode, AttributesChildrenAndCopiesBetweenDocuments) {
+    XmlUINotice target(kNoticeUpdate, nullptr, nullptr);
+    XmlNode holder = target.CreateNode("holder");
+    {
+        XmlUIEvent source(
+            "<brguiEvent id=\"e\"><a x=\"1\">text<b y=\"2\"/>tail<b/></a></brguiEvent>");
+        XmlNode a = source.root.FirstChild("a");
+        EXPECT_EQ(a.GetValue(), "text");
+        EXPECT_EQ(a.FirstChild().GetName(), "b");  // text nodes are skipped
+        EXPECT_TRUE(a.FirstChild("b").NextSibling("b").FirstChild().IsNull());
+        EXPECT_TRUE(a.FirstChild("b").NextSibling("b").NextSibling().IsNull());
+        EXPECT_TRUE(source.root.Parent().IsNull());
+        EXPECT_EQ(a.FirstChild("b").Parent().GetName(), "a");
+        holder.CopyFrom(a);
+        holder.AddChild("c").CopyChildrenFrom(holder);  // the copy is made before it lands
+    }  // the source document is gone: the copies live in the target's pool
+    holder.SetAttribute("x", "3").SetAttribute("z", "4").SetAttribute("x", "5");
+    bool exists = true;
+    EXPECT_EQ(holder.GetAttribute("missing", exists), "");
+    EXPECT_FALSE(exists);
+    EXPECT_EQ(holder.GetAttribute("x", exists), "5");
+    EXPECT_TRUE(exists);
+    EXPECT_EQ(holder.RemoveAttribute("z"), 1);
+    EXPECT_EQ(holder.RemoveAttribute("z"), 0);
+    holder.SetAttribute(nullptr, "v").SetAttribute("n", nullptr);
+    EXPECT_TRUE(XmlNode().AddChild("x").IsNull());
+    EXPECT_TRUE(target.CreateChildNode(XmlNode(), "x").IsNull());
+    target.root.RemoveAttribute(kUiTimestamp);
+    EXPECT_EQ(target.ToString(),
+              "<brguiNotice type=\"update\">\n"
+              "\t<a x=\"5\">\n"
+              "\t\ttext\n"
+              "\t\t<b y=\"2\"/>\n"
+              "\t\ttail\n"
+              "\t\t<b/>\n"
+              "\t\t<c>\n"
+              "\t\t\ttext\n"
+              "\t\t\t<b y=\"2\"/>\n"
+              "\t\t\ttail\n"
+              "\t\t\t<b/>\n"
+              "\t\t\t<c/>\n"
+              "\t\t</c>\n"
+              "\t</a>\n"
+              "</brguiNotice>\n");
+}
+
+TEST(UiVocabulary, TablesAndSharedListStandAsTheHostKnowsThem) {
+    EXPECT_STREQ(g_UiVocabulary[0], "brguiEvent");
+    EXPECT_STREQ(g_UiVocabulary[kUiVocabularySize - 1], "timeout");
+    std::multiset<std::string> names(g_UiVocabulary, g_UiVocabulary + kUiVocabularySize);
+    EXPECT_EQ(names.count("error"), 2u);
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), kUiVocabularySize - 1);
+    EXPECT_STREQ(g_UiEventAttributes.TextOf(kEventOnClose), "OnClose");
+    EXPECT_STREQ(g_UiEventControlLists.TextOf(kEventOnError), "OnErrorID");
+    EXPECT_STREQ(g_UiTrayStates.TextOf(kTrayTrusted), "Trusted");
+    EXPECT_STREQ(g_UiNoticeTypes.TextOf(kNoticeRefreshUi), "refresh_ui");
+    EXPECT_EQ(g_UiNoticeTypes.TextOf(kNoticeUnknown), nullptr);
+    EXPECT_EQ(g_UiControlTypes.IdOf("webbrowser", kCtrlUnknown), kCtrlWebBrowser);
+    EXPECT_EQ(g_UiControlTypes.IdOf("Label", kCtrlUnknown), kCtrlUnknown);
+}
+
+}  // namespace
