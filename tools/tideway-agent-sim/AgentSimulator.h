@@ -47,7 +47,7 @@ struct AgentSimOptions {
     bool statsStartOk = true;    // answer 1057 with success
 };
 
-class CAgentSimulator : private IIPCServerCallback {
+class CAgentSimulator final : private IIPCServerCallback {
   public:
     using LogSink = std::function<void(const std::string& line)>;
 
