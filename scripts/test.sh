@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test: installs what is missing, then builds and runs the suite three times
 # (plain, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer for the threaded suites),
-# checks the module's exported symbols, and gives each fuzz target a short smoke run.
+# checks the module's exported symbols, compiles the whole tree with clang's thread-safety
+# analysis (the compile is the check), and gives each fuzz target a short smoke run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -18,6 +19,12 @@ ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
 
 step "exported symbols of libtidewayapi.so"
 "$root/scripts/check-exports.sh" "$root/build/src/libtidewayapi.so"
+
+step "clang thread-safety analysis (lock annotations)"
+cmake -S "$root" -B "$root/build-tsa" -DCMAKE_BUILD_TYPE=Debug \
+      -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_C_COMPILER=clang-14 \
+      -DTIDEWAY_THREAD_SAFETY=ON -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
+cmake --build "$root/build-tsa" -j"$jobs"
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S "$root" -B "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug \

@@ -14,12 +14,12 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
 
 #include "FrameDecoder.h"
+#include "IPCMutex.h"
 #include "Wire.h"
 #include "ipc/IPCTesting.h"
 
@@ -34,8 +34,8 @@ struct ClientConnection {
     ~ClientConnection() { close(fd); }
 
     const int fd;
-    std::mutex startGate;            // held by ConnectAsync until it no longer touches the client
-    std::mutex sendLock;             // one frame at a time on fd
+    Mutex startGate;                 // held by ConnectAsync until it no longer touches the client
+    Mutex sendLock;                  // one frame at a time on fd
     std::atomic<bool> stop{false};   // torn down: no callback any more
     std::atomic<bool> ready{false};  // handshake done and the connection not lost
     uint16_t session = 0;            // I/O thread only
@@ -70,7 +70,7 @@ void RunClientConnection(std::shared_ptr<ClientConnection> connection, IIPCCallb
                          uint32_t peer, const void* owner) {
     t_pCallbackOwner = owner;
     ClientConnection& c = *connection;
-    { std::lock_guard<std::mutex> gate(c.startGate); }
+    { MutexLock gate(c.startGate); }
     ClientSink sink(c, callback);
     const auto handshakeDeadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(HandshakeTimeoutMs());
@@ -158,7 +158,7 @@ class CIPCClient final : public IIPCClient {
                 m_IoThread.detach();
             return;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         EndConnectionLocked();
     }
 
@@ -168,7 +168,7 @@ class CIPCClient final : public IIPCClient {
             Log(LOG_ERR, "ConnectAsync called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::unique_lock<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         EndConnectionLocked();
 
         const std::string path = SocketPathForPort(port);
@@ -235,23 +235,23 @@ class CIPCClient final : public IIPCClient {
             return IPC_STATUS_NO_RESOURCES;
         }
         {
-            std::lock_guard<std::mutex> guard(m_ConnLock);
+            MutexLock guard(m_ConnLock);
             m_pConn = connection;
         }
         // The thread waits at the gate until we are done with `this`: its first callback may
         // delete the client.
-        std::unique_lock<std::mutex> gate(connection->startGate);
+        MutexLock gate(connection->startGate);
         try {
             m_IoThread = std::thread(RunClientConnection, connection, m_pCallback, peer,
                                      static_cast<const void*>(this));
         } catch (...) {
             Log(LOG_ERR, "cannot start the I/O thread");
-            std::lock_guard<std::mutex> guard(m_ConnLock);
+            MutexLock guard(m_ConnLock);
             m_pConn.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
-        control.unlock();
-        gate.unlock();
+        control.Unlock();
+        gate.Unlock();
         return IPC_STATUS_OK;
     }
 
@@ -263,7 +263,7 @@ class CIPCClient final : public IIPCClient {
             return IPC_STATUS_TOO_LARGE;
         std::shared_ptr<ClientConnection> connection;
         {
-            std::lock_guard<std::mutex> guard(m_ConnLock);
+            MutexLock guard(m_ConnLock);
             connection = m_pConn;
         }
         if (!connection || !connection->ready.load(std::memory_order_acquire)) {
@@ -290,7 +290,7 @@ class CIPCClient final : public IIPCClient {
             StopConnection();  // the thread ends after the running callback; joined later
             return IPC_STATUS_OK;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         EndConnectionLocked();
         return IPC_STATUS_OK;
     }
@@ -300,10 +300,10 @@ class CIPCClient final : public IIPCClient {
 
   private:
     // Marks the current connection torn down and wakes its I/O thread. Any thread.
-    void StopConnection() {
+    void StopConnection() IPC_EXCLUDES(m_ConnLock) {
         std::shared_ptr<ClientConnection> connection;
         {
-            std::lock_guard<std::mutex> guard(m_ConnLock);
+            MutexLock guard(m_ConnLock);
             connection.swap(m_pConn);
         }
         if (connection) {
@@ -312,8 +312,8 @@ class CIPCClient final : public IIPCClient {
         }
     }
 
-    // StopConnection and wait for the I/O thread. REQUIRES: m_ControlLock, not the I/O thread.
-    void EndConnectionLocked() {
+    // StopConnection and wait for the I/O thread. Not on the I/O thread.
+    void EndConnectionLocked() IPC_REQUIRES(m_ControlLock) IPC_EXCLUDES(m_ConnLock) {
         StopConnection();
         if (m_IoThread.joinable())
             m_IoThread.join();
@@ -321,10 +321,10 @@ class CIPCClient final : public IIPCClient {
 
     const uint32_t m_Identity;
     IIPCCallback* const m_pCallback;
-    std::mutex m_ControlLock;
-    std::thread m_IoThread;
-    std::mutex m_ConnLock;
-    std::shared_ptr<ClientConnection> m_pConn;
+    Mutex m_ControlLock;
+    std::thread m_IoThread IPC_GUARDED_BY(m_ControlLock);
+    Mutex m_ConnLock;
+    std::shared_ptr<ClientConnection> m_pConn IPC_GUARDED_BY(m_ConnLock);
 };
 
 }  // namespace

@@ -17,7 +17,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -26,6 +25,7 @@
 #include <vector>
 
 #include "FrameDecoder.h"
+#include "IPCMutex.h"
 #include "Wire.h"
 #include "ipc/IPCTesting.h"
 
@@ -45,7 +45,7 @@ struct ServerPeer {
     ~ServerPeer() { close(fd); }
 
     const int fd;
-    std::mutex sendLock;  // one frame at a time on fd
+    Mutex sendLock;  // one frame at a time on fd
     // The rest belongs to the I/O thread; session and identity are set before the peer is
     // published in the session table and not changed afterwards.
     bool reported = false;  // state 2 was reported, so state 0 is owed
@@ -74,12 +74,12 @@ struct ServerCore {
     int listenFd = -1;
     int wakeFd = -1;
     std::atomic<bool> stop{false};
-    std::mutex startGate;  // held by Listen until it no longer touches the server object
+    Mutex startGate;  // held by Listen until it no longer touches the server object
     std::string path;
     dev_t device = 0;
     ino_t inode = 0;
-    std::mutex sessionsLock;
-    std::unordered_map<uint16_t, std::shared_ptr<ServerPeer>> sessions;
+    Mutex sessionsLock;
+    std::unordered_map<uint16_t, std::shared_ptr<ServerPeer>> sessions IPC_GUARDED_BY(sessionsLock);
 };
 
 class ServerSink final : public IFrameSink {
@@ -112,7 +112,7 @@ class ServerLoop {
 
     void Run() {
         ServerCore& core = *m_pCore;
-        { std::lock_guard<std::mutex> gate(core.startGate); }
+        { MutexLock gate(core.startGate); }
         std::vector<pollfd> waiters;
         while (!core.stop.load(std::memory_order_acquire)) {
             waiters.clear();
@@ -243,7 +243,7 @@ class ServerLoop {
         }
         peer.decoder.Consume(kHelloSize);
         {
-            std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
+            MutexLock guard(m_pCore->sessionsLock);
             // At most kMaxPeers ids are in use, so a free one is always found.
             while (m_NextSession == 0 || m_pCore->sessions.count(m_NextSession) != 0) {
                 ++m_NextSession;
@@ -256,7 +256,7 @@ class ServerLoop {
         if (!WriteAll(peer.fd, answer, sizeof(answer)))
             return false;
         try {
-            std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
+            MutexLock guard(m_pCore->sessionsLock);
             m_pCore->sessions[peer.session] = entry;
         } catch (...) {
             Log(LOG_ERR, "no memory for the session table, client dropped");
@@ -297,7 +297,7 @@ class ServerLoop {
             if (!peer->reported)
                 continue;
             {
-                std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
+                MutexLock guard(m_pCore->sessionsLock);
                 m_pCore->sessions.erase(peer->session);
             }
             if (!m_pCore->stop.load(std::memory_order_acquire)) {
@@ -311,7 +311,7 @@ class ServerLoop {
     // Torn down: closes everything without events and removes our socket file.
     void Shutdown() {
         {
-            std::lock_guard<std::mutex> guard(m_pCore->sessionsLock);
+            MutexLock guard(m_pCore->sessionsLock);
             m_pCore->sessions.clear();
         }
         for (const auto& peer : m_Peers)
@@ -403,7 +403,9 @@ BR_STATUSCODE ClearSocketPath(const std::string& path, const sockaddr_un& addres
 }
 
 // Owned by its creator; thread-safe. m_ControlLock serialises Listen, TearDown and destruction
-// and guards m_IoThread and m_pCore; sends and disconnects go through the core's session table.
+// and guards m_IoThread; m_CoreLock (a leaf) guards m_pCore, so that sends, disconnects and
+// Core() never wait behind a TearDown that joins the I/O thread. Sends and disconnects go
+// through the core's session table.
 class CIPCServer final : public IIPCServer {
   public:
     CIPCServer(uint32_t identity, IIPCServerCallback* callback, uint16_t port)
@@ -416,7 +418,7 @@ class CIPCServer final : public IIPCServer {
                 m_IoThread.detach();
             return;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         EndLoopLocked();
     }
 
@@ -446,7 +448,7 @@ class CIPCServer final : public IIPCServer {
             StopLoop();
             return IPC_STATUS_OK;
         }
-        std::lock_guard<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         EndLoopLocked();
         return IPC_STATUS_OK;
     }
@@ -456,7 +458,7 @@ class CIPCServer final : public IIPCServer {
             Log(LOG_ERR, "Listen called from inside a callback, refused");
             return IPC_STATUS_WRONG_THREAD;
         }
-        std::unique_lock<std::mutex> control(m_ControlLock);
+        MutexLock control(m_ControlLock);
         if (Core())
             return IPC_STATUS_ALREADY;
         EndLoopLocked();  // joins a thread torn down from inside its callback
@@ -502,12 +504,12 @@ class CIPCServer final : public IIPCServer {
         core->inode = info.st_ino;
         {
             // Published before the thread starts: a callback may send at once.
-            std::lock_guard<std::mutex> guard(m_CoreLock);
+            MutexLock guard(m_CoreLock);
             m_pCore = core;
         }
         // The thread waits at the gate until we are done with `this`: its first callback may
         // delete the server.
-        std::unique_lock<std::mutex> gate(core->startGate);
+        MutexLock gate(core->startGate);
         try {
             auto loop = std::make_shared<ServerLoop>(core, m_pCallback, m_Identity);
             const void* owner = this;
@@ -518,12 +520,12 @@ class CIPCServer final : public IIPCServer {
         } catch (...) {
             Log(LOG_ERR, "cannot start the I/O thread");
             unlink(path.c_str());
-            std::lock_guard<std::mutex> guard(m_CoreLock);
+            MutexLock guard(m_CoreLock);
             m_pCore.reset();
             return IPC_STATUS_NO_RESOURCES;
         }
-        control.unlock();
-        gate.unlock();
+        control.Unlock();
+        gate.Unlock();
         return IPC_STATUS_OK;
     }
 
@@ -539,13 +541,13 @@ class CIPCServer final : public IIPCServer {
         std::shared_ptr<ServerCore> core = Core();
         if (!core)
             return 0;
-        std::lock_guard<std::mutex> guard(core->sessionsLock);
+        MutexLock guard(core->sessionsLock);
         return static_cast<uint32_t>(core->sessions.size());
     }
 
   private:
-    std::shared_ptr<ServerCore> Core() {
-        std::lock_guard<std::mutex> guard(m_CoreLock);
+    std::shared_ptr<ServerCore> Core() IPC_EXCLUDES(m_CoreLock) {
+        MutexLock guard(m_CoreLock);
         return m_pCore;
     }
 
@@ -553,16 +555,16 @@ class CIPCServer final : public IIPCServer {
         std::shared_ptr<ServerCore> core = Core();
         if (!core)
             return nullptr;
-        std::lock_guard<std::mutex> guard(core->sessionsLock);
+        MutexLock guard(core->sessionsLock);
         const auto found = core->sessions.find(session);
         return found != core->sessions.end() ? found->second : nullptr;
     }
 
     // Marks the loop stopped and wakes it. Any thread.
-    void StopLoop() {
+    void StopLoop() IPC_EXCLUDES(m_CoreLock) {
         std::shared_ptr<ServerCore> core;
         {
-            std::lock_guard<std::mutex> guard(m_CoreLock);
+            MutexLock guard(m_CoreLock);
             core.swap(m_pCore);
         }
         if (core) {
@@ -571,8 +573,8 @@ class CIPCServer final : public IIPCServer {
         }
     }
 
-    // StopLoop and wait for the thread. REQUIRES: m_ControlLock, not the I/O thread.
-    void EndLoopLocked() {
+    // StopLoop and wait for the thread. Not on the I/O thread.
+    void EndLoopLocked() IPC_REQUIRES(m_ControlLock) IPC_EXCLUDES(m_CoreLock) {
         StopLoop();
         if (m_IoThread.joinable())
             m_IoThread.join();
@@ -581,10 +583,10 @@ class CIPCServer final : public IIPCServer {
     const uint32_t m_Identity;
     IIPCServerCallback* const m_pCallback;
     const uint16_t m_Port;
-    std::mutex m_ControlLock;
-    std::thread m_IoThread;
-    std::mutex m_CoreLock;  // leaf; guards m_pCore
-    std::shared_ptr<ServerCore> m_pCore;
+    Mutex m_ControlLock;
+    std::thread m_IoThread IPC_GUARDED_BY(m_ControlLock);
+    Mutex m_CoreLock;  // leaf
+    std::shared_ptr<ServerCore> m_pCore IPC_GUARDED_BY(m_CoreLock);
 };
 
 }  // namespace

@@ -28,8 +28,8 @@ constexpr const char* kProductRoot = "/opt";
 std::atomic<int> g_SendTimeoutMs{kDefaultSendTimeoutMs};
 std::atomic<int> g_HandshakeTimeoutMs{kDefaultHandshakeTimeoutMs};
 
-std::mutex g_RootLock;  // guards Root()
-std::string& Root() {
+Mutex g_RootLock;
+std::string& Root() IPC_REQUIRES(g_RootLock) {
     static std::string* root = new std::string(kProductRoot);  // lives until the process ends
     return *root;
 }
@@ -79,7 +79,7 @@ bool DecodeHello(const uint8_t in[kHelloSize], Hello* hello) {
     return hello->version == kProtocolVersion;
 }
 
-BR_STATUSCODE SendFrame(int fd, std::mutex& sendLock, const void* data, uint32_t length) {
+BR_STATUSCODE SendFrame(int fd, Mutex& sendLock, const void* data, uint32_t length) {
     uint8_t header[4];
     PutLE32(header, length);
     iovec parts[2];
@@ -91,7 +91,7 @@ BR_STATUSCODE SendFrame(int fd, std::mutex& sendLock, const void* data, uint32_t
     message.msg_iov = parts;
     message.msg_iovlen = length > 0 ? 2 : 1;
 
-    std::lock_guard<std::mutex> guard(sendLock);
+    MutexLock guard(sendLock);
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(SendTimeoutMs());
     for (;;) {
@@ -148,7 +148,7 @@ int HandshakeTimeoutMs() {
 }
 
 std::string SocketDirectory() {
-    std::lock_guard<std::mutex> guard(g_RootLock);
+    MutexLock guard(g_RootLock);
     return Root() + "/tarvex/brenlo/tideway/ipc";
 }
 
@@ -162,7 +162,7 @@ void Log(int priority, const char* format, ...) {
 }
 
 void SetSocketRootForTesting(const std::string& root) {
-    std::lock_guard<std::mutex> guard(g_RootLock);
+    MutexLock guard(g_RootLock);
     Root() = root.empty() ? kProductRoot : root;
 }
 

@@ -9,9 +9,9 @@
 #include <stdint.h>
 #include <sys/un.h>
 
-#include <mutex>
 #include <string>
 
+#include "IPCMutex.h"
 #include "ipc/IPCTypes.h"
 
 namespace ipc {
@@ -36,7 +36,8 @@ bool DecodeHello(const uint8_t in[kHelloSize], Hello* hello);
 // most SendTimeoutMs() in all for room in the socket. OK, IPC_STATUS_TIMEOUT or
 // IPC_STATUS_PEER_LOST; on failure part of the frame may have gone out, so the caller must drop
 // the connection.
-BR_STATUSCODE SendFrame(int fd, std::mutex& sendLock, const void* data, uint32_t length);
+BR_STATUSCODE SendFrame(int fd, Mutex& sendLock, const void* data, uint32_t length)
+    IPC_EXCLUDES(sendLock);
 
 // Writes all of `data` to a socket that is expected to take it at once (the handshake).
 bool WriteAll(int fd, const void* data, size_t n);

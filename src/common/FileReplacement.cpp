@@ -14,8 +14,9 @@
 #endif
 
 #include <atomic>
-#include <mutex>
 #include <set>
+
+#include "common/Mutex.h"
 
 namespace {
 
@@ -42,8 +43,8 @@ std::string NextTemporaryName(const std::string& target) {
 // The temporary files this process has reserved and not yet moved or removed, so that the
 // clean-up of leftovers never takes a file that another thread is writing.
 struct LiveTemporaries {
-    std::mutex mutex;
-    std::set<std::string> names;  // guarded by mutex
+    CMutex mutex;
+    std::set<std::string> names GUARDED_BY(mutex);
 };
 
 LiveTemporaries& TheLiveTemporaries() {
@@ -53,13 +54,13 @@ LiveTemporaries& TheLiveTemporaries() {
 
 void Reserve(const std::string& name) {
     LiveTemporaries& live = TheLiveTemporaries();
-    std::lock_guard<std::mutex> lock(live.mutex);
+    CMutexLock lock(live.mutex);
     live.names.insert(name);
 }
 
 void Release(const std::string& name) {
     LiveTemporaries& live = TheLiveTemporaries();
-    std::lock_guard<std::mutex> lock(live.mutex);
+    CMutexLock lock(live.mutex);
     live.names.erase(name);
 }
 
@@ -103,7 +104,7 @@ void RemoveLeftovers(const std::string& target) {
             continue;
         if (pid == self) {
             LiveTemporaries& live = TheLiveTemporaries();
-            std::lock_guard<std::mutex> lock(live.mutex);
+            CMutexLock lock(live.mutex);
             if (live.names.count(target + kTemporaryInfix + rest) != 0)
                 continue;
         } else if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) {

@@ -7,13 +7,13 @@
 #include <string.h>
 #include <time.h>
 
-#include <mutex>
 #include <new>
 
 #include <boost/asio/ip/address_v6.hpp>
 #include <boost/filesystem.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "common/Mutex.h"
 #include "common/VNTrace.h"
 
 namespace {
@@ -22,8 +22,8 @@ constexpr const char* kProductAppDataPath = "/opt";
 
 // The app-data root: fixed in the product, movable by tests while other threads read it.
 struct AppDataRoot {
-    std::mutex mutex;
-    std::string path = kProductAppDataPath;  // guarded by mutex
+    CMutex mutex;
+    std::string path GUARDED_BY(mutex) = kProductAppDataPath;
 };
 
 AppDataRoot& TheAppDataRoot() {
@@ -121,14 +121,14 @@ std::string ConcatPath(const std::string& first, const std::string& second,
 
 bool GetAllUsersAppDataPath(std::string& out) {
     AppDataRoot& root = TheAppDataRoot();
-    std::lock_guard<std::mutex> lock(root.mutex);
+    CMutexLock lock(root.mutex);
     out = root.path;
     return true;
 }
 
 void SetAllUsersAppDataPathForTesting(const std::string& root) {
     AppDataRoot& state = TheAppDataRoot();
-    std::lock_guard<std::mutex> lock(state.mutex);
+    CMutexLock lock(state.mutex);
     state.path = root.empty() ? std::string(kProductAppDataPath) : root;
 }
 

@@ -8,7 +8,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <mutex>
 #include <stdexcept>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -63,7 +62,7 @@ CVNTrace::~CVNTrace() {}
 
 bool CVNTrace::Lock() {
     try {
-        m_Mutex.lock();
+        m_Mutex.Lock();
         return true;
     } catch (...) {
         SyslogError("ERROR: CVNTrace::Lock exception");
@@ -72,7 +71,12 @@ bool CVNTrace::Lock() {
 }
 
 void CVNTrace::Unlock() {
-    m_Mutex.unlock();
+    m_Mutex.Unlock();
+}
+
+std::string CVNTrace::GetPrefix() {
+    CRecursiveLock lock(m_Mutex);
+    return m_Prefix;
 }
 
 int CVNTrace::SetLevelMask(uint32_t mask) {
@@ -111,24 +115,27 @@ void CVNFileTrace::BuildPrefix(int level, std::string& out) {
     // the local time is converted once per second (a leaf lock guards the cached text; no
     // thread-local storage, which a module loaded with dlopen pays for per thread), and the text
     // is assembled without a stream.
-    static std::mutex stampMutex;
-    static time_t stampSecond = static_cast<time_t>(-1);
-    static char stampText[32];
+    struct StampCache {
+        CMutex mutex;
+        time_t second GUARDED_BY(mutex) = static_cast<time_t>(-1);
+        char text[32] GUARDED_BY(mutex) = {};
+    };
+    static StampCache cache;
     char stamp[32];
     const time_t now = time(nullptr);
     {
-        std::lock_guard<std::mutex> lock(stampMutex);
-        if (now != stampSecond) {
+        CMutexLock lock(cache.mutex);
+        if (now != cache.second) {
             struct tm local;
             if (localtime_r(&now, &local) == nullptr) {
                 throw std::runtime_error("could not convert calendar time to local time");
             }
             const std::string iso =
                 boost::posix_time::to_iso_extended_string(boost::posix_time::ptime_from_tm(local));
-            snprintf(stampText, sizeof(stampText), "%s", iso.c_str());
-            stampSecond = now;
+            snprintf(cache.text, sizeof(cache.text), "%s", iso.c_str());
+            cache.second = now;
         }
-        memcpy(stamp, stampText, sizeof(stamp));
+        memcpy(stamp, cache.text, sizeof(stamp));
     }
     char thread[32];
     const pthread_t self = pthread_self();

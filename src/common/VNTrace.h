@@ -4,7 +4,9 @@
 //
 // Thread model: any thread may write. A statement at a disabled level costs one null test and
 // one AND: its arguments are not evaluated. m_Mutex is held only across the assignment of the
-// statement's prefix and level and the write itself; the mask is read without it.
+// statement's prefix and level and the write itself, and guards m_Prefix and m_CurrentLevel;
+// the mask is read without it. m_Mutex is recursive: a statement's arguments are evaluated
+// under it, and an argument that calls something which itself traces re-enters it.
 #ifndef TIDEWAY_COMMON_VNTRACE_H_
 #define TIDEWAY_COMMON_VNTRACE_H_
 
@@ -13,7 +15,8 @@
 #include <atomic>
 #include <string>
 
-#include <boost/thread/recursive_mutex.hpp>
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 // Trace levels: each is also a bit number in the level mask. Level 15 is always off.
 enum VNTraceLevel {
@@ -49,13 +52,14 @@ class CVNTrace {
   public:
     CVNTrace();
     virtual ~CVNTrace();
-    virtual void WriteMessage(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
+    virtual void WriteMessage(const char* format, ...) REQUIRES(m_Mutex)
+        __attribute__((format(printf, 2, 3))) = 0;
     virtual void BuildPrefix(int level, std::string& out) = 0;
 
     // Takes m_Mutex. A failure is reported through SyslogError and the caller goes on without
     // the lock; the result says whether the lock is held.
-    bool Lock();
-    void Unlock();
+    bool Lock() TRY_ACQUIRE(true, m_Mutex);
+    void Unlock() RELEASE(m_Mutex);
 
     // The masked bit of the level (not a bool); 0 for level 15 whatever the mask.
     uint32_t IsLevelEnabled(int level) const {
@@ -70,20 +74,23 @@ class CVNTrace {
     void SetDebugLevel(uint32_t mask);
 
     // Records the prefix and level of the statement about to be written. Called under Lock().
-    void BeginStatement(int level, const std::string& prefix) {
+    void BeginStatement(int level, const std::string& prefix) REQUIRES(m_Mutex) {
         m_Prefix = prefix;
         m_CurrentLevel = level;
     }
 
     uint32_t GetLevelMask() const { return m_LevelMask.load(std::memory_order_relaxed); }
     bool IsInitialized() const { return m_Initialized; }
-    const std::string& GetPrefix() const { return m_Prefix; }
+    // A copy of the last statement's prefix, taken under the lock.
+    std::string GetPrefix();
 
   protected:
-    boost::recursive_mutex m_Mutex;
+    friend class CVNTraceStatementLock;
+
+    CRecursiveMutex m_Mutex;
     std::atomic<uint32_t> m_LevelMask;  // read without the lock, relaxed
-    int32_t m_CurrentLevel;
-    std::string m_Prefix;
+    int32_t m_CurrentLevel GUARDED_BY(m_Mutex);
+    std::string m_Prefix GUARDED_BY(m_Mutex);
     std::atomic<bool> m_Initialized;
 };
 
@@ -94,7 +101,8 @@ class CVNFileTrace : public CVNTrace {
     ~CVNFileTrace() override;
 
     // Writes "format\n" with the current statement's priority; nothing before InitTrace.
-    void WriteMessage(const char* format, ...) override __attribute__((format(printf, 2, 3)));
+    void WriteMessage(const char* format, ...) override REQUIRES(m_Mutex)
+        __attribute__((format(printf, 2, 3)));
     // "<level name> | <thread> | <local time, ISO extended> | ".
     void BuildPrefix(int level, std::string& out) override;
 
@@ -128,11 +136,15 @@ constexpr const char* kTraceIdent = "brtidewayapi";
 // used when there is no trace object and when its lock fails.
 void SyslogError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Holds the trace mutex for one statement, if it could be taken.
-class CVNTraceStatementLock {
+// Holds the trace mutex for one statement, if it could be taken. A statement goes on without
+// the lock when Lock fails (a trace line never fails its caller), so for the analysis the guard
+// counts as holding it either way; its own body is not checked, being conditional.
+class SCOPED_CAPABILITY CVNTraceStatementLock {
   public:
-    explicit CVNTraceStatementLock(CVNTrace& trace) : m_Trace(trace), m_bLocked(trace.Lock()) {}
-    ~CVNTraceStatementLock() {
+    explicit CVNTraceStatementLock(CVNTrace& trace) ACQUIRE(trace.m_Mutex) NO_THREAD_SAFETY_ANALYSIS
+        : m_Trace(trace),
+          m_bLocked(trace.Lock()) {}
+    ~CVNTraceStatementLock() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
         if (m_bLocked)
             m_Trace.Unlock();
     }

@@ -10,7 +10,7 @@
 
 namespace {
 
-using Guard = boost::recursive_mutex::scoped_lock;
+using Guard = CRecursiveLock;
 
 // The product's folder below the app-data root, optionally with the config folder.
 std::string ProductPath(bool configFolder) {

@@ -15,8 +15,9 @@
 #include <string>
 
 #include <boost/property_tree/ptree.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 #include "config/ConfigKeys.h"
 #include "config/XMLReadWrite.h"
 
@@ -69,9 +70,12 @@ class CConfig {
     // base (the destructor is protected for that reason).
     ~CConfig();
 
-    CXMLReadWriteConfig* m_pXml;  // owned; null until initialised and after a failed load
-    boost::recursive_mutex m_Lock;
-    std::map<std::string, std::string> m_Values;
+    // Recursive: every operation holds it, and operations call one another (a getter of a typed
+    // value calls GetString, a reload runs the whole file chain) with it held.
+    CRecursiveMutex m_Lock;
+    // Owned; null until initialised and after a failed load.
+    CXMLReadWriteConfig* m_pXml GUARDED_BY(m_Lock);
+    std::map<std::string, std::string> m_Values GUARDED_BY(m_Lock);
 };
 
 // The log settings a profile asks for, with the clamps applied, ready for SetDebugLevel and

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <set>
 #include <sstream>
@@ -17,10 +16,11 @@
 #include <openssl/evp.h>
 #include <boost/filesystem.hpp>
 
-#include "common/Token.h"
-#include "common/OpenSSLCrypt.h"
-#include "common/Utils.h"
 #include "common/FileReplacement.h"
+#include "common/Mutex.h"
+#include "common/OpenSSLCrypt.h"
+#include "common/Token.h"
+#include "common/Utils.h"
 #include "common/VNTrace.h"
 
 std::atomic<uint32_t> CDnConfigFile::m_ConfigFileType{kConfigFileUnknown};
@@ -28,7 +28,7 @@ std::atomic<int> CDnConfigFile::m_ConfigRole{kConfigRolePlugin};
 
 namespace {
 
-using Guard = boost::recursive_mutex::scoped_lock;
+using Guard = CRecursiveLock;
 
 // Set once GetInstance has initialised its object; cleared by the construction of any
 // CDnConfigFile, so that the next GetInstance runs the file chain again.
@@ -36,8 +36,8 @@ std::atomic<bool> g_bInstanceInitialized{false};
 
 // The store behind ReadFileValue: one per process, owned by no configuration object.
 struct FileValueCache {
-    std::mutex mutex;
-    std::unique_ptr<CXMLReadWrite> store;  // guarded by mutex
+    CMutex mutex;
+    std::unique_ptr<CXMLReadWrite> store GUARDED_BY(mutex);
 };
 
 FileValueCache& TheFileValueCache() {
@@ -200,6 +200,10 @@ bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
     // Nothing to load: the built-in profile becomes the current file.
     if (!FileExists(current) && !FileExists(update)) {
         DeleteIfExists(backup);
+        // The one read of the store pointer in this function that no operation of its own
+        // guards. Reload holds the lock already, but GetInstance runs this again on an object
+        // that other threads may be reading, so it takes the lock like every other access.
+        Guard lock(m_Lock);
         if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
             VNTRACE(TL_WARN, "Config : Failed to load default config file");
             return false;
@@ -590,7 +594,7 @@ bool CDnConfigFile::UpdateData(std::map<std::string, std::string>* values, const
 long CDnConfigFile::ReadFileValue(const std::string& path, const std::string& xpath, bool reload,
                                   std::string& out) {
     FileValueCache& cache = TheFileValueCache();
-    std::lock_guard<std::mutex> lock(cache.mutex);
+    CMutexLock lock(cache.mutex);
     if (cache.store && !reload)
         return static_cast<long>(cache.store->GetValue(xpath, out));
     cache.store.reset(new (std::nothrow) CXMLReadWrite);

@@ -123,18 +123,19 @@ class CDnConfigFile final : public CConfig {
     void AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
                      const std::string& line);
 
-    std::list<std::string> m_HostExceptionNames;
-    std::vector<ExceptionAddress> m_HostExceptionAddrs;
-    std::list<std::string> m_ProxyExceptionNames;
-    std::vector<ExceptionAddress> m_ProxyExceptionAddrs;
-    int32_t m_TunnelType;  // 2 plain, 1 ssl, 0 anything else
-    std::list<std::pair<std::string, TowerInfo>> m_Towers;
-    std::string m_Address;  // ";" followed by the last Address element's text
-    std::map<std::string, std::string> m_DctSettings;
-    int32_t m_TowerConnectTimeout;
-    std::list<std::string> m_HostInclusionNames;
-    std::vector<ExceptionAddress> m_HostInclusionAddrs;
-    bool m_HasHostInclusions;
+    std::list<std::string> m_HostExceptionNames GUARDED_BY(m_Lock);
+    std::vector<ExceptionAddress> m_HostExceptionAddrs GUARDED_BY(m_Lock);
+    std::list<std::string> m_ProxyExceptionNames GUARDED_BY(m_Lock);
+    std::vector<ExceptionAddress> m_ProxyExceptionAddrs GUARDED_BY(m_Lock);
+    int32_t m_TunnelType GUARDED_BY(m_Lock);  // 2 plain, 1 ssl, 0 anything else
+    std::list<std::pair<std::string, TowerInfo>> m_Towers GUARDED_BY(m_Lock);
+    // ";" followed by the last Address element's text.
+    std::string m_Address GUARDED_BY(m_Lock);
+    std::map<std::string, std::string> m_DctSettings GUARDED_BY(m_Lock);
+    int32_t m_TowerConnectTimeout GUARDED_BY(m_Lock);
+    std::list<std::string> m_HostInclusionNames GUARDED_BY(m_Lock);
+    std::vector<ExceptionAddress> m_HostInclusionAddrs GUARDED_BY(m_Lock);
+    bool m_HasHostInclusions GUARDED_BY(m_Lock);
 };
 
 #endif  // TIDEWAY_CONFIG_DNCONFIGFILE_H_

@@ -117,7 +117,7 @@ ConfigStatus CXMLReadWrite::LoadFromString(const std::string& text, bool flag) {
     try {
         pt::ptree parsed;
         ParseInto(text, ReadFlags(flag), parsed);
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         m_XmlTree.swap(parsed);
         ++m_DocumentGeneration;
         // The old document is destroyed with `parsed`, after the lock.
@@ -167,7 +167,7 @@ bool CXMLReadWrite::IsXMLFile(const std::string& path) {
 ConfigStatus CXMLReadWrite::GetXML(std::string& out) {
     std::string error;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         std::ostringstream stream;
         pt::write_xml(stream, m_XmlTree,
                       pt::xml_writer_make_settings<std::string>(' ', 4, "utf-8"));
@@ -184,7 +184,7 @@ ConfigStatus CXMLReadWrite::GetValue(const std::string& path, std::string& out) 
     out.clear();
     std::string error;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         if (!IsLoaded()) {
             VNTRACE(TL_ERR, "XML has not been loaded.");
             return kConfigFail;
@@ -202,7 +202,7 @@ ConfigStatus CXMLReadWrite::GetValue(const std::string& path, std::string& out) 
 ConfigStatus CXMLReadWrite::PutValue(const std::string& path, const std::string& value) {
     std::string error;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         m_XmlTree.put(SlashPath(path), value);
         return kConfigOk;
     } catch (const std::exception& e) {
@@ -214,7 +214,7 @@ ConfigStatus CXMLReadWrite::PutValue(const std::string& path, const std::string&
 bool CXMLReadWrite::GetChild(const std::string& path, pt::ptree& outTree) {
     std::string error;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         if (!IsLoaded()) {
             VNTRACE(TL_ERR, "XMLParser : XML not loaded");
             return false;
@@ -231,7 +231,7 @@ bool CXMLReadWrite::GetChild(const std::string& path, pt::ptree& outTree) {
 
 bool CXMLReadWrite::NodeExists(const std::string& path) {
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         if (!IsLoaded()) {
             VNTRACE(TL_ERR, "XMLParser : XML not loaded");
             return false;
@@ -318,7 +318,7 @@ ConfigStatus CXMLReadWriteConfig::EnumConfig(void* context, EnumConfigCallback c
     bool lockFailed = false;
     std::string lockError;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         status = FindNode("Tideway/ConfigurationParameters", m_XmlTree, m_ConfigNode);
         m_ConfigNodeGeneration = m_DocumentGeneration;
         if (m_ConfigNode == nullptr || m_ConfigNode->empty()) {
@@ -392,7 +392,7 @@ ConfigStatus CXMLReadWriteConfig::EnumConfig(void* context, EnumConfigCallback c
 void CXMLReadWriteConfig::DeleteConfigNode(const std::string& path) {
     std::string lockError;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         pt::ptree* const node = ValidConfigNode();
         if (node == nullptr) {
             VNTRACE(TL_ERR, "Configuration node pointer not valid");
@@ -416,7 +416,7 @@ ConfigStatus CXMLReadWriteConfig::AddTNDServersToConfig(const pt::ptree& servers
     const std::string path = std::string("TrustedNetworkDetection") + "/" + "TrustedServers";
     std::string lockError;
     try {
-        boost::recursive_mutex::scoped_lock lock(m_Mutex);
+        CRecursiveLock lock(m_Mutex);
         pt::ptree* const node = ValidConfigNode();
         if (node == nullptr) {
             VNTRACE(TL_ERR, "Configuration node pointer not valid");
@@ -447,7 +447,7 @@ ConfigStatus CXMLReadWriteConfig::AddTowersToConfig(const std::vector<TowerInfo>
         AddInto("PlainPort", tower.PlainPort, tree);
         std::string lockError;
         try {
-            boost::recursive_mutex::scoped_lock lock(m_Mutex);
+            CRecursiveLock lock(m_Mutex);
             pt::ptree* const node = ValidConfigNode();
             if (node == nullptr) {
                 VNTRACE(TL_ERR, "Configuration node pointer not valid");

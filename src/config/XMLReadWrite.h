@@ -17,8 +17,9 @@
 #include <vector>
 
 #include <boost/property_tree/ptree.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 #include "config/ConfigStatus.h"
 #include "config/TowerInfo.h"
 
@@ -86,13 +87,14 @@ class CXMLReadWrite {
     // Parses `text` into `out` after the nesting check; a text without an element gives an
     // empty tree. Throws std::exception on failure.
     static void ParseInto(const std::string& text, int readFlags, boost::property_tree::ptree& out);
-    bool IsLoaded() const { return !m_XmlTree.empty(); }
+    bool IsLoaded() const REQUIRES(m_Mutex) { return !m_XmlTree.empty(); }
 
-    boost::property_tree::ptree m_XmlTree;
-    boost::recursive_mutex m_Mutex;
+    // Recursive so that an EnumConfig callback may call back into the store on its thread.
+    CRecursiveMutex m_Mutex;
+    boost::property_tree::ptree m_XmlTree GUARDED_BY(m_Mutex);
     // Counts the loads that replaced the document, so that a pointer into an earlier document
     // can be recognised as stale instead of being followed.
-    uint64_t m_DocumentGeneration;
+    uint64_t m_DocumentGeneration GUARDED_BY(m_Mutex);
 };
 
 class CXMLReadWriteConfig : public CXMLReadWrite {
@@ -113,11 +115,13 @@ class CXMLReadWriteConfig : public CXMLReadWrite {
     ConfigStatus AddTowersToConfig(const std::vector<TowerInfo>& towerList);
 
   private:
-    // m_ConfigNode when it points into the current document, else null. Under m_Mutex.
-    boost::property_tree::ptree* ValidConfigNode();
+    // m_ConfigNode when it points into the current document, else null.
+    boost::property_tree::ptree* ValidConfigNode() REQUIRES(m_Mutex);
 
-    boost::property_tree::ptree* m_ConfigNode;  // not owned; null until EnumConfig finds it
-    uint64_t m_ConfigNodeGeneration;            // m_DocumentGeneration when it was found
+    // Not owned; null until EnumConfig finds it.
+    boost::property_tree::ptree* m_ConfigNode GUARDED_BY(m_Mutex);
+    // m_DocumentGeneration when it was found.
+    uint64_t m_ConfigNodeGeneration GUARDED_BY(m_Mutex);
 };
 
 #endif  // TIDEWAY_CONFIG_XMLREADWRITE_H_

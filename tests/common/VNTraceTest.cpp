@@ -81,7 +81,10 @@ TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
     }
     // Mute before initialisation: the gate passes, nothing is written.
     syslog_capture::Clear();
-    trace.WriteMessage("mute");
+    {
+        CVNTraceStatementLock lock(trace);
+        trace.WriteMessage("mute");
+    }
     EXPECT_TRUE(syslog_capture::Records().empty());
     // Only the first initialisation counts.
     trace.InitTrace("first", "/tmp", "x.log", 2, 0x107, false, false, 10, 10000, 100, 1, 0, 60);

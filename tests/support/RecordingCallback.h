@@ -44,7 +44,7 @@ std::string ReadText(Getter get) {
     return ReadTextChecked(get, text) ? text : "<" + text + ">";
 }
 
-class RecordingCallback : public IVantoriaApiCB {
+class RecordingCallback final : public IVantoriaApiCB {
   public:
     // "T:name,name@active"
     int32_t OnTowerList(IVantoriaTowerList* list) override {

@@ -162,7 +162,7 @@ bool ParseServiceState(const std::string& text, SimServiceState& out) {
 }
 
 CAgentSimulator::CAgentSimulator(const AgentSimOptions& options, LogSink log)
-    : m_Options(options), m_LogSink(std::move(log)) {}
+    : m_Port(options.port), m_LogSink(std::move(log)), m_Options(options) {}
 
 CAgentSimulator::~CAgentSimulator() {
     Stop();
@@ -170,7 +170,7 @@ CAgentSimulator::~CAgentSimulator() {
 
 BR_STATUSCODE CAgentSimulator::Start() {
     BR_STATUSCODE status = 0;
-    m_pServer.reset(CIPCFactory::CreateIPCServer(kIdentityAgent, this, status, m_Options.port));
+    m_pServer.reset(CIPCFactory::CreateIPCServer(kIdentityAgent, this, status, m_Port));
     if (!m_pServer)
         return status != 0 ? status : IPC_STATUS_NO_RESOURCES;
     status = m_pServer->Listen();
@@ -179,49 +179,49 @@ BR_STATUSCODE CAgentSimulator::Start() {
         return status;
     }
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         m_bStopping = false;
     }
     m_StatsThread = std::thread(&CAgentSimulator::StatsLoop, this);
-    Log("LISTENING port=" + std::to_string(m_Options.port));
+    Log("LISTENING port=" + std::to_string(m_Port));
     return 0;
 }
 
 void CAgentSimulator::Stop() {
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         m_bStopping = true;
     }
-    m_StatsWake.notify_all();
+    m_StatsWake.NotifyAll();
     if (m_StatsThread.joinable())
         m_StatsThread.join();
     if (m_pServer) {
         m_pServer->TearDown();
         m_pServer.reset();
     }
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CMutexLock lock(m_Mutex);
     m_Clients.clear();
     m_StatsOn.clear();
 }
 
 bool CAgentSimulator::ExitRequested() const {
-    std::lock_guard<std::mutex> lock(const_cast<std::mutex&>(m_Mutex));
+    CMutexLock lock(m_Mutex);
     return m_bExit;
 }
 
 uint32_t CAgentSimulator::ClientCount() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CMutexLock lock(m_Mutex);
     return static_cast<uint32_t>(m_Clients.size());
 }
 
 void CAgentSimulator::Log(const std::string& line) {
-    std::lock_guard<std::mutex> lock(m_LogMutex);
+    CMutexLock lock(m_LogMutex);
     if (m_LogSink)
         m_LogSink(line);
 }
 
 std::vector<uint16_t> CAgentSimulator::ApiSessions() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CMutexLock lock(m_Mutex);
     std::vector<uint16_t> sessions;
     for (const auto& client : m_Clients) {
         if (client.second == kIdentityApiClient)
@@ -262,7 +262,7 @@ int CAgentSimulator::Broadcast(eCOMM_MESSAGE_ID id, const void* data, uint32_t l
 void CAgentSimulator::SendGreeting(uint16_t session) {
     SimServiceState service;
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         service = m_Options.service;
     }
     switch (service) {
@@ -280,7 +280,7 @@ void CAgentSimulator::SendGreeting(uint16_t session) {
 
 void CAgentSimulator::SetService(SimServiceState state) {
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         m_Options.service = state;
         if (state != SimServiceState::kRunning)
             m_StatsOn.clear();
@@ -296,7 +296,7 @@ void CAgentSimulator::SetService(SimServiceState state) {
 }
 
 std::string CAgentSimulator::TowerListText() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CMutexLock lock(m_Mutex);
     std::string text;
     for (size_t i = 0; i < m_Options.towers.size(); ++i) {
         if (i != 0)
@@ -310,7 +310,7 @@ std::string CAgentSimulator::TowerListText() {
 }
 
 ServiceStatistics CAgentSimulator::NextStatistics() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CMutexLock lock(m_Mutex);
     const uint64_t tick = ++m_StatsTick;
     ServiceStatistics s;
     memset(&s, 0, sizeof(s));
@@ -338,29 +338,33 @@ ServiceStatistics CAgentSimulator::NextStatistics() {
 }
 
 void CAgentSimulator::StatsLoop() {
-    std::unique_lock<std::mutex> lock(m_Mutex);
     auto next = std::chrono::steady_clock::now();
-    while (!m_bStopping) {
-        const int interval = m_Options.statsIntervalMs > 0 ? m_Options.statsIntervalMs : 1;
-        next += std::chrono::milliseconds(interval);
-        m_StatsWake.wait_until(lock, next, [this] { return m_bStopping; });
-        if (m_bStopping)
-            break;
+    for (;;) {
         std::vector<uint16_t> sessions;
-        for (const auto& entry : m_StatsOn) {
-            if (entry.second)
-                sessions.push_back(entry.first);
+        {
+            CMutexLock lock(m_Mutex);
+            if (m_bStopping)
+                return;
+            const int interval = m_Options.statsIntervalMs > 0 ? m_Options.statsIntervalMs : 1;
+            next += std::chrono::milliseconds(interval);
+            while (!m_bStopping && m_StatsWake.WaitUntil(m_Mutex, next)) {
+            }
+            if (m_bStopping)
+                return;
+            for (const auto& entry : m_StatsOn) {
+                if (entry.second)
+                    sessions.push_back(entry.first);
+            }
+            if (sessions.empty()) {
+                next = std::chrono::steady_clock::now();
+                continue;
+            }
         }
-        if (sessions.empty()) {
-            next = std::chrono::steady_clock::now();
-            continue;
-        }
-        lock.unlock();
+        // Sent without the lock, which is never held across a send.
         const ServiceStatistics stats = NextStatistics();
         for (uint16_t session : sessions) {
             SendTo(session, COMM_MSG_SERVICE_STATS, &stats, sizeof(stats));
         }
-        lock.lock();
     }
 }
 
@@ -368,7 +372,7 @@ void CAgentSimulator::OnPeerStateChanged(uint32_t peerIdentity, uint32_t session
     const uint16_t id = static_cast<uint16_t>(session);
     if (state == IPC_PEER_CONNECTED) {
         {
-            std::lock_guard<std::mutex> lock(m_Mutex);
+            CMutexLock lock(m_Mutex);
             m_Clients[id] = peerIdentity;
         }
         Log("CONNECT session=" + std::to_string(id) + " identity=" + std::to_string(peerIdentity));
@@ -376,7 +380,7 @@ void CAgentSimulator::OnPeerStateChanged(uint32_t peerIdentity, uint32_t session
             SendGreeting(id);
     } else if (state == IPC_PEER_CLOSED) {
         {
-            std::lock_guard<std::mutex> lock(m_Mutex);
+            CMutexLock lock(m_Mutex);
             m_Clients.erase(id);
             m_StatsOn.erase(id);
         }
@@ -428,7 +432,7 @@ void CAgentSimulator::Handle(uint16_t session, const MSG_QUEUE_MSG& m) {
             const std::string name = FieldText(reinterpret_cast<const char*>(m.m_pData), n);
             bool known = false;
             {
-                std::lock_guard<std::mutex> lock(m_Mutex);
+                CMutexLock lock(m_Mutex);
                 for (const std::string& tower : m_Options.towers) {
                     if (!name.empty() && strcasecmp(tower.c_str(), name.c_str()) == 0) {
                         m_Options.activeTower = tower;
@@ -442,7 +446,7 @@ void CAgentSimulator::Handle(uint16_t session, const MSG_QUEUE_MSG& m) {
         case COMM_MSG_DCT_SETTINGS_REQUEST: {
             DCTSettings settings;
             {
-                std::lock_guard<std::mutex> lock(m_Mutex);
+                CMutexLock lock(m_Mutex);
                 settings = {m_Options.dctMode, m_Options.dctDetectClosest, m_Options.dctGui};
             }
             SendTo(session, COMM_MSG_DCT_SETTINGS_RESPONSE, &settings, sizeof(settings));
@@ -453,7 +457,7 @@ void CAgentSimulator::Handle(uint16_t session, const MSG_QUEUE_MSG& m) {
             if (ok) {
                 DCTSettings settings{0, 0, 0};
                 memcpy(&settings, m.m_pData, n < sizeof(settings) ? n : sizeof(settings));
-                std::lock_guard<std::mutex> lock(m_Mutex);
+                CMutexLock lock(m_Mutex);
                 m_Options.dctMode = settings.nMode;
                 m_Options.dctDetectClosest = settings.nDetectClosest;
             }
@@ -463,17 +467,17 @@ void CAgentSimulator::Handle(uint16_t session, const MSG_QUEUE_MSG& m) {
         case COMM_MSG_SERVICE_STATS_START: {
             bool ok;
             {
-                std::lock_guard<std::mutex> lock(m_Mutex);
+                CMutexLock lock(m_Mutex);
                 ok = m_Options.statsStartOk;
                 if (ok)
                     m_StatsOn[session] = true;
             }
             SendByte(session, COMM_MSG_SERVICE_STATS_START_RESULT, ok ? 1 : 0);
-            m_StatsWake.notify_all();
+            m_StatsWake.NotifyAll();
             break;
         }
         case COMM_MSG_SERVICE_STATS_STOP: {
-            std::lock_guard<std::mutex> lock(m_Mutex);
+            CMutexLock lock(m_Mutex);
             m_StatsOn.erase(session);
             break;
         }
@@ -530,7 +534,7 @@ std::string CAgentSimulator::Control(const std::string& line) {
         if (words.size() != 2)
             return "ERR usage: activate <tower>";
         {
-            std::lock_guard<std::mutex> lock(m_Mutex);
+            CMutexLock lock(m_Mutex);
             m_Options.activeTower = words[1];
         }
         return "OK sent=" + std::to_string(Broadcast(COMM_MSG_DCT_TOWER_ACTIVATED, words[1].data(),
@@ -539,7 +543,7 @@ std::string CAgentSimulator::Control(const std::string& line) {
     if (command == "towers") {
         if (words.size() < 2 || words.size() > 3)
             return "ERR usage: towers <a,b,c> [active]";
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         m_Options.towers = SplitTowers(words[1]);
         if (words.size() == 3)
             m_Options.activeTower = words[2];
@@ -593,7 +597,7 @@ std::string CAgentSimulator::Control(const std::string& line) {
     if (command == "drop") {
         std::vector<uint16_t> sessions;
         {
-            std::lock_guard<std::mutex> lock(m_Mutex);
+            CMutexLock lock(m_Mutex);
             for (const auto& client : m_Clients)
                 sessions.push_back(client.first);
         }
@@ -607,7 +611,7 @@ std::string CAgentSimulator::Control(const std::string& line) {
     if (command == "clients")
         return "OK clients=" + std::to_string(ClientCount());
     if (command == "exit") {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        CMutexLock lock(m_Mutex);
         m_bExit = true;
         return "OK exiting";
     }

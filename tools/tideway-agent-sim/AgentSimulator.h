@@ -16,16 +16,16 @@
 
 #include <stdint.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "comm/MsgQueueMsg.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 #include "ipc/IPCServer.h"
 
 enum class SimServiceState { kRunning, kStopped, kFailed };
@@ -47,7 +47,7 @@ struct AgentSimOptions {
     bool statsStartOk = true;    // answer 1057 with success
 };
 
-class CAgentSimulator : private IIPCServerCallback {
+class CAgentSimulator final : private IIPCServerCallback {
   public:
     using LogSink = std::function<void(const std::string& line)>;
 
@@ -90,17 +90,18 @@ class CAgentSimulator : private IIPCServerCallback {
     void Log(const std::string& line);
     std::vector<uint16_t> ApiSessions();
 
-    AgentSimOptions m_Options;  // towers, active tower, service and DCT state under m_Mutex
-    LogSink m_LogSink;
-    std::mutex m_LogMutex;
+    const uint16_t m_Port;  // the options' port, which never changes: read without the lock
+    CMutex m_LogMutex;
+    LogSink m_LogSink GUARDED_BY(m_LogMutex);
 
-    std::mutex m_Mutex;
-    std::map<uint16_t, uint32_t> m_Clients;  // session -> identity
-    std::map<uint16_t, bool> m_StatsOn;      // sessions that asked for statistics
-    uint64_t m_StatsTick = 0;
-    bool m_bExit = false;
-    bool m_bStopping = false;
-    std::condition_variable m_StatsWake;
+    mutable CMutex m_Mutex;
+    AgentSimOptions m_Options GUARDED_BY(m_Mutex);  // towers, active tower, service, DCT state
+    std::map<uint16_t, uint32_t> m_Clients GUARDED_BY(m_Mutex);  // session -> identity
+    std::map<uint16_t, bool> m_StatsOn GUARDED_BY(m_Mutex);  // sessions that asked for statistics
+    uint64_t m_StatsTick GUARDED_BY(m_Mutex) = 0;
+    bool m_bExit GUARDED_BY(m_Mutex) = false;
+    bool m_bStopping GUARDED_BY(m_Mutex) = false;
+    CCondition m_StatsWake;  // wakes the statistics thread: stopping, or a session asked
     std::thread m_StatsThread;
 
     std::unique_ptr<IIPCServer> m_pServer;
