@@ -247,37 +247,14 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
 
 uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
     const bool sender = data->m_ThreadType == kThreadTypeSender;
-    CMsgQueue* queue = data->m_pQueue;
     bool gone = false;
     try {
         // The queue was emptied by StartSndRcvThreads before this thread began: clearing it
         // here would race with the relay, which may already have handed over a command.
         if (sender) {
-            VNTRACE(TL_IPC, "ClientComm : Sender thread started");
-            m_bSenderStarted = true;
+            SenderLoop(data->m_pQueue);
         } else {
-            VNTRACE(TL_IPC, "ClientComm : Receiver thread started");
-            m_bReceiverStarted = true;
-            m_EventRcvThreadStarted.SetEvent();
-        }
-        // Everything queued before the QUIT of a stop is worked off; only the stop of the whole
-        // communicator ends the loop early.
-        bool quit = false;
-        while (!quit && !IsStopping()) {
-            std::unique_ptr<MSG_QUEUE_MSG> message = queue->GetMessage(true, kQueueReadMs);
-            if (!message || message->m_MessageId == COMM_MSG_NONE)
-                continue;
-            const uint32_t id = message->m_MessageId;
-            if (m_bServiceStopped) {
-                // Until the agent says its service runs, only these three are looked at.
-                if (id != COMM_MSG_SRVC_STARTED && id != COMM_MSG_DISCONNECT &&
-                    id != COMM_MSG_QUIT) {
-                    continue;
-                }
-            } else if (id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE) {
-                continue;
-            }
-            quit = Dispatch(sender, *message);
+            ReceiverLoop(data->m_pQueue);
         }
     } catch (const CCommunicatorGone&) {
         gone = true;
@@ -292,6 +269,44 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
     if (gone)
         throw CCommunicatorGone();
     return 0;
+}
+
+void CClientSideCommunicator::SenderLoop(CMsgQueue* queue) {
+    VNTRACE(TL_IPC, "ClientComm : Sender thread started");
+    m_bSenderStarted = true;
+    // Everything queued before the QUIT of a stop is worked off; only the stop of the whole
+    // communicator ends the loop early.
+    bool quit = false;
+    while (!quit && !IsStopping()) {
+        if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
+            quit = Dispatch(true, *message);
+    }
+}
+
+void CClientSideCommunicator::ReceiverLoop(CMsgQueue* queue) {
+    VNTRACE(TL_IPC, "ClientComm : Receiver thread started");
+    m_bReceiverStarted = true;
+    m_EventRcvThreadStarted.SetEvent();
+    bool quit = false;
+    while (!quit && !IsStopping()) {
+        if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
+            quit = Dispatch(false, *message);
+    }
+}
+
+std::unique_ptr<MSG_QUEUE_MSG> CClientSideCommunicator::NextMessage(CMsgQueue* queue) {
+    std::unique_ptr<MSG_QUEUE_MSG> message = queue->GetMessage(true, kQueueReadMs);
+    if (!message || message->m_MessageId == COMM_MSG_NONE)
+        return nullptr;
+    const uint32_t id = message->m_MessageId;
+    if (m_bServiceStopped) {
+        // Until the agent says its service runs, only these three are looked at.
+        if (id != COMM_MSG_SRVC_STARTED && id != COMM_MSG_DISCONNECT && id != COMM_MSG_QUIT)
+            return nullptr;
+    } else if (id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE) {
+        return nullptr;
+    }
+    return message;
 }
 
 bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message) {

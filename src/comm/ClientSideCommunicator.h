@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 
 #include "comm/Communicator.h"
 
@@ -30,7 +31,14 @@ class CClientSideCommunicator : public CCommunicator {
     COMM_STATUS Connect() override;
 
   private:
-    // Acts on one message read by the sender or the receiver; true ends the thread's loop.
+    // The two thread bodies: each reads its queue until QUIT or the communicator's stop.
+    void SenderLoop(CMsgQueue* queue);
+    void ReceiverLoop(CMsgQueue* queue);
+    // The next message of `queue` that passes the filter (all but three ids while the service
+    // is stopped; only the protocol's range otherwise), or null after a 200 ms read.
+    std::unique_ptr<MSG_QUEUE_MSG> NextMessage(CMsgQueue* queue);
+    // The table both threads share: acts on one message read by the sender or the receiver;
+    // true ends the thread's loop.
     bool Dispatch(bool sender, const MSG_QUEUE_MSG& message);
     // The receiver's handling of a state byte and of an info text.
     void HandleStateByte(int8_t state);

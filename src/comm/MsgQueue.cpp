@@ -4,8 +4,6 @@
 
 #include <new>
 
-#include <boost/thread/lock_guard.hpp>
-
 #include "common/VNTrace.h"
 
 namespace {
@@ -34,7 +32,7 @@ bool CMsgQueue::PutMessage(const MSG_QUEUE_MSG* message) {
         std::unique_ptr<MSG_QUEUE_MSG> copy(new MSG_QUEUE_MSG(*message));
         if (!IsWholeCopy(*copy, *message))
             throw std::bad_alloc();
-        boost::lock_guard<boost::recursive_mutex> guard(m_Mutex);
+        CMutexLock guard(m_Mutex);
         m_Messages.push_back(copy.get());
         copy.release();
         m_Event.SetEvent();
@@ -51,7 +49,7 @@ bool CMsgQueue::PutMessage(const MSG_QUEUE_MSG* message) {
 std::unique_ptr<MSG_QUEUE_MSG> CMsgQueue::PopMessage(uint32_t* status) {
     if (status != nullptr)
         *status = 0;
-    boost::lock_guard<boost::recursive_mutex> guard(m_Mutex);
+    CMutexLock guard(m_Mutex);
     if (m_Messages.empty())
         return nullptr;
     MSG_QUEUE_MSG* const front = m_Messages.front();
@@ -88,13 +86,13 @@ std::unique_ptr<MSG_QUEUE_MSG> CMsgQueue::GetMessage(bool wait, uint32_t timeout
 }
 
 void CMsgQueue::Clear() {
-    boost::lock_guard<boost::recursive_mutex> guard(m_Mutex);
+    CMutexLock guard(m_Mutex);
     for (MSG_QUEUE_MSG* message : m_Messages)
         delete message;
     m_Messages.clear();
 }
 
 size_t CMsgQueue::GetCount() {
-    boost::lock_guard<boost::recursive_mutex> guard(m_Mutex);
+    CMutexLock guard(m_Mutex);
     return m_Messages.size();
 }

@@ -15,10 +15,9 @@
 #include <memory>
 #include <string>
 
-#include <boost/thread/recursive_mutex.hpp>
-
 #include "comm/MsgQueueMsg.h"
 #include "comm/SyncEvent.h"
+#include "common/Mutex.h"
 
 class CMsgQueue {
   public:
@@ -51,9 +50,9 @@ class CMsgQueue {
     size_t GetCount();
 
   private:
-    CSyncEvent m_Event;  // manual reset
-    boost::recursive_mutex m_Mutex;
-    std::list<MSG_QUEUE_MSG*> m_Messages;  // owned
+    CSyncEvent m_Event;                                        // manual reset
+    CMutex m_Mutex;                                            // never re-entered: plain
+    std::list<MSG_QUEUE_MSG*> m_Messages GUARDED_BY(m_Mutex);  // owned
     std::string m_Name;
 };
 

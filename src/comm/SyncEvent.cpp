@@ -5,8 +5,6 @@
 #include <vector>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/locks.hpp>
 
 using SteadyClock = std::chrono::steady_clock;
 
@@ -30,23 +28,23 @@ void CSyncEvent::SetEvent() {
 }
 
 void CSyncEvent::ResetEvent() {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     m_SignalledOne = false;
     m_SignalledAll = false;
 }
 
 bool CSyncEvent::IsSignalled() const {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     return m_SignalledOne || m_SignalledAll;
 }
 
 size_t CSyncEvent::GetWaiterCount() const {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     return m_Waiters.size();
 }
 
 void CSyncEvent::SignalOne() {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     if (!m_Waiters.empty()) {
         CSyncEvent* const waiter = m_Waiters.front();
         m_Waiters.pop_front();
@@ -57,14 +55,14 @@ void CSyncEvent::SignalOne() {
 }
 
 void CSyncEvent::SignalAll() {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     for (CSyncEvent* waiter : m_Waiters)
         waiter->Deliver(this, true);
     m_SignalledAll = true;
 }
 
 void CSyncEvent::Wake(bool all) {
-    boost::lock_guard<boost::mutex> guard(m_WaitMutex);
+    CMutexLock guard(m_WaitMutex);
     if (all) {
         m_Cond.notify_all();
     } else {
@@ -76,7 +74,7 @@ void CSyncEvent::Deliver(CSyncEvent* signaller, bool all) {
     // Runs under the signaller's m_StateMutex, so the waiter, which removes itself from the
     // signaller's list under that mutex before it goes away, is still alive here.
     {
-        boost::lock_guard<boost::mutex> guard(m_StateMutex);
+        CMutexLock guard(m_StateMutex);
         m_Signaller = signaller;
         if (all) {
             m_SignalledAll = true;
@@ -88,12 +86,12 @@ void CSyncEvent::Deliver(CSyncEvent* signaller, bool all) {
 }
 
 void CSyncEvent::AddWaiter(CSyncEvent* waiter) {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     m_Waiters.push_back(waiter);
 }
 
 void CSyncEvent::RemoveWaiter(CSyncEvent* waiter) {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     const auto it = std::find(m_Waiters.begin(), m_Waiters.end(), waiter);
     if (it != m_Waiters.end())
         m_Waiters.erase(it);
@@ -109,7 +107,7 @@ void CSyncEvent::RemoveWaiter(CSyncEvent* waiter) {
 }
 
 bool CSyncEvent::TakeIfSignalled() {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     if (!m_SignalledOne && !m_SignalledAll)
         return false;
     if (m_AutoReset) {
@@ -120,7 +118,7 @@ bool CSyncEvent::TakeIfSignalled() {
 }
 
 CSyncEvent* CSyncEvent::TakeWake() {
-    boost::lock_guard<boost::mutex> guard(m_StateMutex);
+    CMutexLock guard(m_StateMutex);
     CSyncEvent* const signaller = m_Signaller;
     m_Signaller = nullptr;
     m_SignalledOne = false;
@@ -129,12 +127,19 @@ CSyncEvent* CSyncEvent::TakeWake() {
 }
 
 bool CSyncEvent::WaitForWake(bool forever, const SteadyClock::time_point& deadline) {
-    boost::unique_lock<boost::mutex> lock(m_WaitMutex);
+    CMutexLock lock(m_WaitMutex);
+    // Lends the held m_WaitMutex to the condition, which lets go of it while asleep and takes
+    // it again before it returns or throws.
+    struct Lent {
+        CMutex& mutex;
+        void lock() NO_THREAD_SAFETY_ANALYSIS { mutex.Lock(); }
+        void unlock() NO_THREAD_SAFETY_ANALYSIS { mutex.Unlock(); }
+    } lent{m_WaitMutex};
     // Deliver sets the flags before it takes m_WaitMutex to notify, so a flag read false here
     // under m_WaitMutex is followed by a notification this wait receives.
     while (!IsSignalled()) {
         if (forever) {
-            m_Cond.wait(lock);
+            m_Cond.wait(lent);
             continue;
         }
         // The deadline is kept on the steady clock; each wait is given the time left, which the
@@ -143,7 +148,7 @@ bool CSyncEvent::WaitForWake(bool forever, const SteadyClock::time_point& deadli
             std::chrono::duration_cast<std::chrono::microseconds>(deadline - SteadyClock::now());
         if (left.count() <= 0)
             return false;
-        m_Cond.timed_wait(lock, boost::posix_time::microseconds(left.count()));
+        m_Cond.timed_wait(lent, boost::posix_time::microseconds(left.count()));
     }
     return true;
 }

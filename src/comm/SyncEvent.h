@@ -16,7 +16,8 @@
 #include <list>
 
 #include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
+
+#include "common/Mutex.h"
 
 constexpr uint32_t kWaitTimeout = 258;          // result of a wait whose time ran out
 constexpr uint32_t kWaitFailed = 0xFFFFFFFF;    // result of a wait that failed
@@ -51,11 +52,11 @@ class CSyncEvent {
 
     // Signal-one and signal-all: set the flag and hand the wake-up to the waiters, under
     // m_StateMutex.
-    void SignalOne();
-    void SignalAll();
+    void SignalOne() EXCLUDES(m_StateMutex);
+    void SignalAll() EXCLUDES(m_StateMutex);
     // Notifies m_Cond under m_WaitMutex, so that a waiter between its check and its wait
     // cannot miss it.
-    void Wake(bool all);
+    void Wake(bool all) EXCLUDES(m_WaitMutex);
     // Called by a signalled event on one of its waiters (a local event of WaitForObjects).
     void Deliver(CSyncEvent* signaller, bool all);
 
@@ -69,14 +70,16 @@ class CSyncEvent {
     // On a waiter: blocks until woken or past `deadline` (unless `forever`). False on time-out.
     bool WaitForWake(bool forever, const std::chrono::steady_clock::time_point& deadline);
 
+    mutable CMutex m_StateMutex;
+    CMutex m_WaitMutex;  // a waiter reads its own flags with this held
+    // Waited on with m_WaitMutex. Boost's, so that a wait is an interruption point of a
+    // boost::thread, which ends it with kWaitFailed.
     boost::condition_variable_any m_Cond;
-    bool m_SignalledOne;
-    bool m_SignalledAll;
+    bool m_SignalledOne GUARDED_BY(m_StateMutex);
+    bool m_SignalledAll GUARDED_BY(m_StateMutex);
     const bool m_AutoReset;
-    mutable boost::mutex m_StateMutex;
-    boost::mutex m_WaitMutex;
-    std::list<CSyncEvent*> m_Waiters;
-    CSyncEvent* m_Signaller;
+    std::list<CSyncEvent*> m_Waiters GUARDED_BY(m_StateMutex);
+    CSyncEvent* m_Signaller GUARDED_BY(m_StateMutex);
 };
 
 // Waits for `count` events of the array `events`. Wait-any: the index of the first event (in
