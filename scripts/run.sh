@@ -19,16 +19,11 @@ if [ "$#" -ne 0 ]; then
   exec "$host" "$@"
 fi
 
+. "$root/scripts/lib/agent-sim.sh"
 agent_log="$root/build/agent-sim.log"
-rm -f "$agent_log"
-"$root/build/tools/tideway-agent-sim/tideway-agent-sim" --daemon --stats-interval-ms 1000 \
-  --log "$agent_log" &
-agent=$!
-trap 'kill "$agent" 2>/dev/null || true; wait "$agent" 2>/dev/null || true' EXIT
-for _ in $(seq 100); do
-  grep -q '^LISTENING' "$agent_log" 2>/dev/null && break
-  sleep 0.1
-done
+trap stop_agent_sim EXIT
+start_agent_sim "$root/build/tools/tideway-agent-sim/tideway-agent-sim" "$agent_log" \
+  --stats-interval-ms 1000
 
 status=0
 "$host" --api "$root/build/src/libtidewayapi.so" || status=$?

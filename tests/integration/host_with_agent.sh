@@ -7,16 +7,11 @@ set -euo pipefail
 host=${1:?tideway-host}
 agent=${2:?tideway-agent-sim}
 module=${3:?libtidewayapi.so}
+. "$(dirname "$0")/../../scripts/lib/agent-sim.sh"
 work=$(mktemp -d)
 log="$work/agent.log"
-"$agent" --daemon --stats-interval-ms 200 --log "$log" &
-pid=$!
-trap 'kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; rm -rf "$work"' EXIT
-for _ in $(seq 100); do
-  grep -q '^LISTENING' "$log" 2>/dev/null && break
-  sleep 0.1
-done
-grep -q '^LISTENING' "$log"
+trap 'stop_agent_sim; rm -rf "$work"' EXIT
+start_agent_sim "$agent" "$log" --stats-interval-ms 200
 
 # Kept loaded so that the sanitizer build's leak check at exit sees the module's memory.
 "$host" --api --keep-loaded "$module" > "$work/host.out"
