@@ -26,6 +26,19 @@ void Notify(uint32_t status) {
         CallOut([&] { api->StatusNotificationCB(status); });
 }
 
+// A record of the agent's for one notification entry: with no live API nothing happens, and a
+// record of length 0 calls nothing; `before` runs just before the call (a log line).
+using DataEntry = bool (IApiNotifications::*)(const uint8_t*, uint32_t);
+void NotifyData(DataEntry entry, const uint8_t* data, uint32_t length,
+                const char* before = nullptr) {
+    IApiNotifications* api = LiveApi();
+    if (api == nullptr || length == 0)
+        return;
+    if (before != nullptr)
+        VNTRACE(TL_IPC, "%s", before);
+    CallOut([&] { (api->*entry)(data, length); });
+}
+
 // A result byte: length 0 has no effect at all.
 void NotifyResult(const MSG_QUEUE_MSG& message, uint32_t success, uint32_t failure,
                   const char* failureText) {
@@ -358,20 +371,14 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
                 HandleStateByte(static_cast<int8_t>(data[0]));
             break;
         case COMM_MSG_TOWERS_RESPONSE_INFO:
-            if (IApiNotifications* api = LiveApi()) {
-                if (length != 0)
-                    CallOut([&] { api->TowerListNotificationCB(data, length); });
-            }
+            NotifyData(&IApiNotifications::TowerListNotificationCB, data, length);
             break;
         case COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS:
             NotifyResult(message, kStatusTowerChanged, kStatusTowerChangeFailed,
                          "Tower change failed");
             break;
         case COMM_MSG_DCT_SETTINGS_RESPONSE:
-            if (IApiNotifications* api = LiveApi()) {
-                if (length != 0)
-                    CallOut([&] { api->DCTSettingNotificationCB(data, length); });
-            }
+            NotifyData(&IApiNotifications::DCTSettingNotificationCB, data, length);
             break;
         case COMM_MSG_DCT_SETTINGS_UPDATED:
             NotifyResult(message, kStatusDctChanged, kStatusDctFailed,
@@ -379,19 +386,12 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
             break;
         case COMM_MSG_DCT_TOWER_ACTIVATED:
             VNTRACE(TL_IPC, "ClientComm: COMM_MSG_DCT_TOWER_ACTIVATED");
-            if (IApiNotifications* api = LiveApi()) {
-                if (length != 0) {
-                    VNTRACE(TL_IPC, "ClientComm: calling DCTActiveTowerNotificationCB");
-                    CallOut([&] { api->DCTActiveTowerNotificationCB(data, length); });
-                }
-            }
+            NotifyData(&IApiNotifications::DCTActiveTowerNotificationCB, data, length,
+                       "ClientComm: calling DCTActiveTowerNotificationCB");
             break;
         case COMM_MSG_PROXY_CRED_REQUEST:
             VNTRACE(TL_IPC, "ClientComm: COMM_MSG_PROXY_CRED_REQUEST");
-            if (IApiNotifications* api = LiveApi()) {
-                if (length != 0)
-                    CallOut([&] { api->ProxyCredReqCB(data, length); });
-            }
+            NotifyData(&IApiNotifications::ProxyCredReqCB, data, length);
             break;
         case COMM_MSG_SERVICE_STATS_START_RESULT:
             VNTRACE(TL_IPC, "ClientComm : COMM_MSG_SERVICE_STATS_START_RESULT");
