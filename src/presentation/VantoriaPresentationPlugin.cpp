@@ -41,6 +41,10 @@ constexpr const char kBasicScheme[] = "Basic";
 constexpr size_t kMaxUser = sizeof(ProxyCredInfo::szUser);
 constexpr size_t kMaxPassword = sizeof(ProxyCredInfo::szPassword);
 
+// The longest text taken from the translator, terminator included. A catalogue text is a
+// caption or a sentence; a larger size is a translator fault and gives no text.
+constexpr uint32_t kMaxTranslation = 64 * 1024;
+
 // Copies `text` into a fixed field, filling the rest with NULs; a text of the field's full size
 // leaves no terminator.
 template <size_t N>
@@ -280,13 +284,24 @@ int32_t CVantoriaPresentationPlugin::OnStatus(IVantoriaStatus* status) {
     // A status is acted on only when it changes.
     if (static_cast<int64_t>(code) == lastStatus)
         return 0;
-    lastStatus = static_cast<int64_t>(code);
+    // Codes 1 to 9, 16 and 17 describe the agent's state and are kept; the answers 10 to 15
+    // are not. The tower stays only while the service runs (2, 9).
+    const bool stored = (code >= 1 && code <= 9) || code == 16 || code == 17;
+    if (stored) {
+        lastStatus = static_cast<int64_t>(code);
+        if (code != 2 && code != 9)
+            towerName.clear();
+    }
     if (code == 2 || code == 9) {
         // The service runs: ask for the data of the tower page.
         if (api.GetTowerList() != 0)
             VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
         if (api.GetDCTSettings() != 0)
             VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
+    }
+    if (code == 9) {
+        api.StartStatsCollecting();
+        api.QueryProxyState();
     }
     SendNotice(notice);
     return 0;
@@ -402,11 +417,10 @@ std::string CVantoriaPresentationPlugin::Translate(uint32_t key) {
         return std::string();
     }
     uint32_t size = 0;
-    if (texts->TranslateText(key, nullptr, size) != -3 || size == 0)
+    if (texts->TranslateText(key, nullptr, size) != -3 || size == 0 || size > kMaxTranslation)
         return std::string();
-    // A size the process cannot hold is a translator fault, not a reason to end the host: no
-    // text. The block is zeroed and read only within its own size, so a text without its
-    // terminator cannot run past it.
+    // The block is zeroed and read only within its own size, so a text without its terminator
+    // cannot run past it.
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[size]());
     if (!buffer)
         return std::string();
