@@ -39,6 +39,10 @@ CVantoriaApi::CVantoriaApi()
     : m_pCallback(nullptr), m_bInitialized(false), m_pClientComm(nullptr) {}
 
 CVantoriaApi::~CVantoriaApi() {
+    StopCommunicator();
+}
+
+void CVantoriaApi::StopCommunicator() {
     // The communicator's destructor runs the whole stop sequence.
     delete m_pClientComm;
     m_pClientComm = nullptr;

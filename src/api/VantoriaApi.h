@@ -69,6 +69,10 @@ class CVantoriaApi : public IVantoriaApi, public IApiNotifications {
     // `factory`, the IPC library's when empty), then its main thread.
     bool Initialize(uint16_t port, IPCClientFactory factory = nullptr);
     bool StartCommunicator();
+    // Runs the communicator's stop sequence now, as the destructor would, and drops it: for an
+    // owner whose callback object is destroyed before the API (the presentation plug-in holds
+    // the API by value). Not while a command may run on another thread.
+    void StopCommunicator();
     // The one road from the commands to the communicator.
     bool SendCommMessage(const MSG_QUEUE_MSG* message);
 

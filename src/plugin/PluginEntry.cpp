@@ -10,6 +10,7 @@
 #include "common/VNTrace.h"
 #include "config/DnConfigFile.h"
 #include "plugin/LoggingSettings.h"
+#include "presentation/VantoriaPresentationPlugin.h"
 
 namespace {
 
@@ -29,26 +30,34 @@ void StartTrace() {
 // object, which for a presentation plug-in is not the API that g_pVantoriaApi points into.
 Plugin* g_pLivePlugin = nullptr;
 
-// Makes, initialises and starts the API object of row 0, connecting on `port`. Null on failure,
-// with the reason in the log and nothing left running.
-Plugin* CreateApiPlugin(uint16_t port) {
-    CVantoriaApi* api = new CVantoriaApi();
-    g_pVantoriaApi = api;
-    VNTRACE(TL_TRACE, "Created plugin IVANTORIA_API (%p)", static_cast<void*>(api));
+// Connects the API of a new plug-in on `port`: `api` is the plug-in itself for row 0 and the
+// API held inside it for row 1, `whole` the object the host gets. Null on failure, with the
+// reason in the log, the whole plug-in destroyed and nothing left running.
+Plugin* StartPlugin(Plugin* whole, CVantoriaApi* api, uint16_t port) {
     if (!api->Initialize(port)) {
         g_pVantoriaApi = nullptr;
-        delete api;
+        delete whole;
         VNTRACE(TL_ERR, "CreatePlugin failed. CVantoriaApi initialize failed.");
         return nullptr;
     }
     if (!api->StartCommunicator()) {
         g_pVantoriaApi = nullptr;
-        delete api;
+        delete whole;
         VNTRACE(TL_ERR, "CreatePlugin failed. StartCommunicator failed.");
         return nullptr;
     }
     VNTRACE(TL_TRACE, "CreatePlugin created new CVantoriaApi");
-    return api;
+    return whole;
+}
+
+// Disposes the live plug-in as DisposePlugin(g_pVantoriaApi) does, but whole: for a
+// presentation plug-in g_pVantoriaApi points into the object, which is freed as one.
+void DisposeLivePlugin() {
+    VNTRACE(TL_API, "DisposePlugin %p called\n", static_cast<void*>(g_pVantoriaApi.load()));
+    g_pVantoriaApi = nullptr;
+    Plugin* whole = g_pLivePlugin;
+    g_pLivePlugin = nullptr;
+    delete whole;
 }
 
 // Makes the plug-in for a non-null name. The names are compared whole, byte for byte.
@@ -57,18 +66,22 @@ Plugin* CreateNamedPlugin(const char* interfaceName, uint16_t port) {
         VNTRACE(TL_WARN,
                 "CreatePlugin called while Plugin already appears to have been created.  "
                 "Existing Plugin will be disposed.");
-        DisposePluginImpl(g_pLivePlugin);
+        DisposeLivePlugin();
     }
     if (strcmp(interfaceName, kVantoriaApiInterfaceName) == 0) {
-        g_pLivePlugin = CreateApiPlugin(port);
+        CVantoriaApi* api = new CVantoriaApi();
+        g_pVantoriaApi = api;
+        VNTRACE(TL_TRACE, "Created plugin IVANTORIA_API (%p)", static_cast<void*>(api));
+        g_pLivePlugin = StartPlugin(api, api, port);
         return g_pLivePlugin;
     }
     if (strcmp(interfaceName, kPresentationInterfaceName) == 0) {
-        // The presentation plug-in is not part of this build yet: refuse rather than hand out
-        // an object that cannot do anything.
-        VNTRACE(TL_ERR, "CreatePlugin failed. Interface %s cannot be created in this build.",
-                interfaceName);
-        return nullptr;
+        CVantoriaPresentationPlugin* plugin = new CVantoriaPresentationPlugin();
+        CVantoriaApi* api = &plugin->GetApi();
+        g_pVantoriaApi = api;
+        VNTRACE(TL_TRACE, "Created plugin PRESENTATION_PLUGIN (%p)", static_cast<void*>(api));
+        g_pLivePlugin = StartPlugin(plugin, api, port);
+        return g_pLivePlugin;
     }
     VNTRACE(TL_ERR, "Unknown interface name: %s", interfaceName);
     return nullptr;

@@ -8,8 +8,12 @@
 #include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
+#include "AgentSimulator.h"
+#include "IPresentationPlugin.h"
 #include "Plugin.h"
+#include "RecordingHost.h"
 #include "SyslogCapture.h"
+#include "TestEnv.h"
 #include "api/VantoriaApi.h"
 #include "common/VNTrace.h"
 #include "plugin/PluginEntry.h"
@@ -66,7 +70,7 @@ TEST_F(LoadedModule, NamesMustMatchWholeAndByteForByte) {
     }
 }
 
-TEST_F(LoadedModule, ApiNameMakesALiveApiAndPresentationIsRefusedForNow) {
+TEST_F(LoadedModule, ApiNameMakesALiveApiAndASecondCreationDisposesIt) {
     // The API object comes up and starts connecting on its own; no agent is needed for that.
     Plugin* api = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(api, nullptr);
@@ -81,12 +85,60 @@ TEST_F(LoadedModule, ApiNameMakesALiveApiAndPresentationIsRefusedForNow) {
                                     "been created.  Existing Plugin will be disposed.\n"),
               1u);
     EXPECT_TRUE(dispose_(second));
+}
 
+// The address in the creation line "Created plugin <kind> (<address>)" of the log.
+std::string CreatedAddress(const char* kind) {
+    const std::string prefix = std::string("Created plugin ") + kind + " (";
+    for (const std::string& line : syslog_capture::Texts())
+        if (line.rfind(prefix, 0) == 0)
+            return line.substr(prefix.size(), line.size() - prefix.size() - 2);
+    return "<none>";
+}
+
+TEST_F(LoadedModule, PresentationPluginLivesThroughTheHostInterfacesAndIsDisposedWhole) {
+    // An agent on the product's port, so that callbacks follow the setup notice.
+    AgentSimOptions options;
+    options.statsIntervalMs = 600000;
+    SimLog log;
+    CAgentSimulator sim(options, log.Sink());
+    ASSERT_EQ(sim.Start(), 0);
+    const int baseline = ThreadBaseline();
+
+    Plugin* plugin = create_("com.tarvex.brenlo.presentation");
+    ASSERT_NE(plugin, nullptr);
+    const std::string embedded = CreatedAddress("PRESENTATION_PLUGIN");
+    EXPECT_NE(embedded, "<none>");
+    EXPECT_EQ(plugin->SupportsInterface("com.tarvex.brenlo.presentation", 12), 1);
+    EXPECT_EQ(plugin->SupportsInterface("com.tarvex.brenlo.tideway.api", 3), 0);
+    IPresentationPlugin* p = static_cast<IPresentationPlugin*>(plugin);
+    RecordingHost host;
+    int context = 0;
+    ASSERT_EQ(p->Initialize(&context, 5, &host, &host), 0);
+    ASSERT_EQ(p->Start(), 0);
+    ASSERT_TRUE(host.WaitForNotice("type=\"update\""));
+    EXPECT_NE(host.Notices()[0].find("type=\"setup\""), std::string::npos);
+    ASSERT_TRUE(log.WaitFor("RECV session=1 COMM_MSG_TOWERS_REQUEST_INFO len=0"));
+    const std::string event =
+        "<brguiEvent id=\"tower_list_combobox_OnSelect\"><combobox id=\"tower_list_combobox\" "
+        "value=\"east-1\"/></brguiEvent>";
+    EXPECT_EQ(p->HandleEvent(event.c_str()), 0);
+    ASSERT_TRUE(log.WaitFor("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower=\"east-1\""));
+    EXPECT_EQ(p->Stop(), 0);
+    EXPECT_EQ(host.Notices().back(), "<stopped>");
+    EXPECT_EQ(p->Shutdown(), 0);
+
+    // A second creation, of either kind, disposes the live plug-in whole; the line names the
+    // API that the global pointed to.
     syslog_capture::Clear();
-    EXPECT_EQ(create_("com.tarvex.brenlo.presentation"), nullptr);
-    EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. Interface com.tarvex.brenlo.presentation "
-                                    "cannot be created in this build.\n"),
-              1u);
+    Plugin* api = create_("com.tarvex.brenlo.tideway.api");
+    ASSERT_NE(api, nullptr);
+    EXPECT_EQ(syslog_capture::Count("DisposePlugin " + embedded + " called\n\n"), 1u);
+    Plugin* again = create_("com.tarvex.brenlo.presentation");
+    ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(dispose_(again));
+    EXPECT_EQ(ThreadCount(), baseline) << "a disposed plug-in left a thread";
+    sim.Stop();
 }
 
 // A plug-in that notes the global API pointer as its destructor saw it.

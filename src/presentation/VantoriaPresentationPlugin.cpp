@@ -1,0 +1,497 @@
+#include "presentation/VantoriaPresentationPlugin.h"
+
+#include <string.h>
+
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "VantoriaRecords.h"
+#include "common/Utils.h"
+#include "common/VNTrace.h"
+#include "presentation/UiVocabulary.h"
+#include "presentation/XmlUIEvent.h"
+#include "presentation/XmlUINotice.h"
+
+namespace {
+
+// Text keys of the host's catalogue used here.
+constexpr uint32_t kKeyDisplayName = 167;
+constexpr uint32_t kKeyManualMode = 360;
+constexpr uint32_t kKeyAutomaticMode = 361;
+constexpr uint32_t kKeyTowerLabel = 375;
+constexpr uint32_t kKeyTowerUpdatePending = 377;
+constexpr uint32_t kKeyTowerSelectLabel = 394;
+constexpr uint32_t kKeyTowerListLabel = 395;
+
+// The credential dialog's own texts, which do not go through the translator.
+constexpr const char kDialogTitle[] = "Tarvex Brenlo Tideway";
+constexpr const char kDialogPrompt[] = "Please enter the requested proxy credentials.";
+constexpr const char kDialogServerPrefix[] = "Proxy Server:  ";
+constexpr const char kDialogRealmPrefix[] = "Proxy Realm:  ";
+constexpr const char kDialogUser[] = "Proxy User:";
+constexpr const char kDialogPassword[] = "Proxy Password:";
+constexpr const char kDialogOk[] = "Ok";
+constexpr const char kDialogCancel[] = "Cancel";
+constexpr const char kDialogMaxLength[] = "32";
+constexpr const char kCredentialControls[] = "proxyuser,proxypswd";
+constexpr const char kBasicScheme[] = "Basic";
+
+// Limits of the credential fields, in bytes without a terminator.
+constexpr size_t kMaxUser = sizeof(ProxyCredInfo::szUser);
+constexpr size_t kMaxPassword = sizeof(ProxyCredInfo::szPassword);
+
+// The longest text taken from the translator, terminator included. A catalogue text is a
+// caption or a sentence; a larger size is a translator fault and gives no text.
+constexpr uint32_t kMaxTranslation = 64 * 1024;
+
+// Copies `text` into a fixed field, filling the rest with NULs; a text of the field's full size
+// leaves no terminator.
+template <size_t N>
+void CopyField(char (&field)[N], const std::string& text) {
+    const size_t length = strnlen(text.c_str(), N);
+    memset(field, 0, N);
+    memcpy(field, text.c_str(), length);
+}
+
+}  // namespace
+
+CVantoriaPresentationPlugin::CVantoriaPresentationPlugin()
+    : lastStatus(0),
+      automaticMode(false),
+      detectClosest(false),
+      apiRunning(false),
+      clientId(0),
+      presentation(nullptr),
+      translator(nullptr) {}
+
+CVantoriaPresentationPlugin::~CVantoriaPresentationPlugin() {
+    // A callback already under way on the API's receiver thread finishes against live fields;
+    // none can start afterwards, since the threads are gone.
+    api.StopCommunicator();
+}
+
+int CVantoriaPresentationPlugin::SupportsInterface(const char* name, uint64_t /*version*/) {
+    // Any version of the presentation interface. A null name is answered with 0 rather than
+    // read.
+    return name != nullptr && strcmp(name, kPresentationInterfaceName) == 0 ? 1 : 0;
+}
+
+int32_t CVantoriaPresentationPlugin::Initialize(void* hostContext, uint32_t client,
+                                                IPresentationHost* host, ITranslator* texts) {
+    CRecursiveLock guard(lock);
+    if (presentation.load() != nullptr)
+        return -9;
+    if (host == nullptr)
+        return -6;
+    if (hostContext == nullptr || texts == nullptr)
+        return -4;
+    clientId = client;
+    presentation = host;
+    translator = texts;
+    apiRunning = false;
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::Start() {
+    CRecursiveLock guard(lock);
+    if (presentation.load() == nullptr)
+        return -10;
+    if (apiRunning) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : API is already running");
+        return -10;
+    }
+    // The page goes first, so that the first callback finds its controls defined.
+    BuildStartupUi();
+    if (api.Register(static_cast<IVantoriaApiCB*>(this)) != 0) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : Error registering API");
+        return -10;
+    }
+    api.Start();  // replays the saved statuses on this thread
+    apiRunning = true;
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::Stop() {
+    CRecursiveLock guard(lock);
+    if (!apiRunning) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : Error API is not running");
+        return -10;
+    }
+    if (api.StopStatsCollecting() != 0)
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : StopStatsCollecting returned failure");
+    api.Disconnect();
+    const int32_t result = api.Unregister(static_cast<IVantoriaApiCB*>(this));
+    if (result != 0) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : Error stopping API");
+        return result;
+    }
+    apiRunning = false;
+    if (IPresentationHost* host = presentation.load())
+        host->NotifyStopped(clientId);
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::Shutdown() {
+    CRecursiveLock guard(lock);
+    if (presentation.load() == nullptr)
+        return -10;
+    int32_t result = 0;
+    if (apiRunning) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : API is still running, shutting down API");
+        Stop();
+        result = -10;  // the caller came too early, whatever Stop did
+    }
+    presentation = nullptr;
+    translator = nullptr;
+    return result;
+}
+
+bool CVantoriaPresentationPlugin::IsReady() {
+    return true;
+}
+
+int32_t CVantoriaPresentationPlugin::GetInterfaceName(char* buffer, uint32_t& size) {
+    const size_t length = strlen(kUiModuleIdentity);
+    if (buffer != nullptr && size > length)
+        return strcpy_s(buffer, size, kUiModuleIdentity) == 0 ? 0 : -10;
+    size = static_cast<uint32_t>(length + 1);
+    return -3;
+}
+
+int32_t CVantoriaPresentationPlugin::GetDisplayName(char* buffer, uint32_t& size) {
+    const std::string name = Translate(kKeyDisplayName);
+    if (buffer != nullptr && size > name.size())
+        return strcpy_s(buffer, size, name.c_str()) == 0 ? 0 : -10;
+    size = static_cast<uint32_t>(name.size() + 1);
+    return -3;
+}
+
+int32_t CVantoriaPresentationPlugin::GetTextCopy(const char* text, void* /*reserved*/,
+                                                 char* buffer, uint32_t& size) {
+    // A null text is taken as an empty one.
+    const size_t length = text != nullptr ? strlen(text) : 0;
+    if (buffer == nullptr) {
+        size = static_cast<uint32_t>(length + 1);
+        return -3;
+    }
+    if (length == 0)
+        return -2;
+    return strcpy_s(buffer, size, text) == 0 ? 0 : -2;
+}
+
+int32_t CVantoriaPresentationPlugin::HandleEvent(const char* xml) {
+    CRecursiveLock guard(lock);
+    XmlUIEvent event(xml);
+    if (!event.valid) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin : Invalid incoming XML");
+        return -1;
+    }
+    int32_t action;
+    {
+        // An id the table does not know is entered with action 0; such an event carries no
+        // mode radio group, so that action ends at once.
+        CMutexLock table(m_TableLock);
+        action = eventTable[event.GetId()];
+    }
+    switch (action) {
+        case kActionModeRadio:
+            OnModeRadio(event);
+            break;
+        case kActionTowerCombobox:
+            OnTowerCombobox(event);
+            break;
+        case kActionCredentialCancel:
+            OnCredentialCancel();
+            break;
+        case kActionCredentialSubmit:
+            OnCredentialSubmit(event);
+            break;
+        default:
+            break;
+    }
+    return 0;
+}
+
+void CVantoriaPresentationPlugin::OnModeRadio(const XmlUIEvent& event) {
+    // The host returns the selected radio's label as the group's value.
+    const std::string value = event.GetControl(kIdModeRadioGroup).GetAttribute(kUiValue);
+    if (value.empty())
+        return;
+    // Only a change of mode does anything; the mode itself follows the agent's answer.
+    const uint32_t wanted = automaticMode ? kKeyManualMode : kKeyAutomaticMode;
+    if (value != Translate(wanted))
+        return;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending)
+        .SetAttribute(kUiHidden, automaticMode ? kUiTrue : kUiFalse);
+    SendNotice(notice);
+    api.SetDCTSettings(automaticMode ? 0 : 1, detectClosest ? 1 : 0);
+}
+
+void CVantoriaPresentationPlugin::OnTowerCombobox(const XmlUIEvent& event) {
+    if (automaticMode)
+        return;
+    const std::string tower = event.GetComboValue(event.GetControl(kIdTowerListCombobox));
+    if (!tower.empty())
+        api.SetTower(tower.c_str());  // the page changes when the agent reports the new tower
+}
+
+void CVantoriaPresentationPlugin::OnCredentialCancel() {
+    XmlUINotice notice(kNoticePopup, nullptr, kUiModuleIdentity);
+    notice.root.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiDispose, kUiTrue);
+    SendNotice(notice);  // the dialog goes before the agent hears of the cancel
+    api.CancelProxyCred();
+}
+
+void CVantoriaPresentationPlugin::OnCredentialSubmit(const XmlUIEvent& event) {
+    XmlUINotice notice(kNoticePopup, nullptr, kUiModuleIdentity);
+    notice.root.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiDispose, kUiTrue);
+    const std::string user = event.GetControl(kIdProxyUser).GetAttribute(kUiValue);
+    std::string password = event.GetControl(kIdProxyPswd).GetAttribute(kUiValue);
+    // Refused input leaves the dialog open and tells the agent nothing.
+    const bool acceptable = !user.empty() && !password.empty() && password.size() <= kMaxPassword &&
+                            user.size() <= kMaxUser;
+    if (acceptable) {
+        ProxyCredInfo info;
+        CopyField(info.szUser, user);
+        CopyField(info.szPassword, password);
+        CopyField(info.szReserved, std::string());
+        std::string scheme;
+        {
+            CMutexLock table(m_TableLock);
+            scheme = authScheme;
+        }
+        if (!scheme.empty() && scheme == kBasicScheme)
+            api.SendProxyInfo(&info);  // the credentials go before the dialog does
+        explicit_bzero(info.szPassword, sizeof(info.szPassword));
+        SendNotice(notice);
+    }
+    explicit_bzero(&password[0], password.size());
+}
+
+int32_t CVantoriaPresentationPlugin::OnTowerList(IVantoriaTowerList* /*list*/) {
+    CRecursiveLock guard(lock);
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::OnStatus(IVantoriaStatus* status) {
+    CRecursiveLock guard(lock);
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    uint64_t code = 0;
+    if (status == nullptr || status->GetStatus(code) != 0)
+        return -1;
+    // A status is acted on only when it changes.
+    if (static_cast<int64_t>(code) == lastStatus)
+        return 0;
+    // Codes 1 to 9, 16 and 17 describe the agent's state and are kept; the answers 10 to 15
+    // are not. The tower stays only while the service runs (2, 9).
+    const bool stored = (code >= 1 && code <= 9) || code == 16 || code == 17;
+    if (stored) {
+        lastStatus = static_cast<int64_t>(code);
+        if (code != 2 && code != 9)
+            towerName.clear();
+    }
+    if (code == 2 || code == 9) {
+        // The service runs: ask for the data of the tower page.
+        if (api.GetTowerList() != 0)
+            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
+        if (api.GetDCTSettings() != 0)
+            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
+    }
+    if (code == 9) {
+        api.StartStatsCollecting();
+        api.QueryProxyState();
+    }
+    SendNotice(notice);
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::OnDCTSettings(IVantoriaDCT* dct) {
+    CRecursiveLock guard(lock);
+    if (dct == nullptr || (lastStatus != 2 && lastStatus != 9))
+        return 0;
+    bool changed = false;
+    dct->ActiveTowerChanged(changed);
+    if (!changed) {
+        uint32_t detect = 0, mode = 0;
+        dct->GetDetectClosest(detect);
+        dct->GetMode(mode);
+        automaticMode = mode != 0;
+        detectClosest = detect == 1;
+    }
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* /*statistics*/) {
+    CRecursiveLock guard(lock);
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* /*message*/) {
+    CRecursiveLock guard(lock);
+    return 0;
+}
+
+int32_t CVantoriaPresentationPlugin::OnProxyCredRequest(std::string& proxyHost,
+                                                        std::string& proxyPort,
+                                                        std::string& authType,
+                                                        std::string& realm) {
+    // No `lock` here: only the event table and the scheme are touched, behind their leaf lock.
+    {
+        CMutexLock table(m_TableLock);
+        authScheme = authType;
+    }
+    XmlUINotice notice(kNoticePopup, nullptr, kUiModuleIdentity);
+    XmlNode popup = notice.root;
+    popup.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiType, kUiCustom);
+    popup.AddChild(kUiTitle).SetAttribute(kUiValue, kDialogTitle);
+    XmlNode layout = popup.AddChild(kUiLayout);
+
+    notice.GetControl(kCtrlLabel, kIdCredentialPromptHeader, layout.AddChild(kUiRow))
+        .SetAttribute(kUiValue, kDialogPrompt);
+
+    const std::string server = kDialogServerPrefix + proxyHost + ":" + proxyPort;
+    notice.GetControl(kCtrlLabel, kIdProxyHostDataLbl, layout.AddChild(kUiRow))
+        .SetAttribute(kUiValue, server.c_str())
+        .SetAttribute(kUiDisabled, kUiFalse)
+        .SetAttribute(kUiHidden, kUiFalse);
+
+    if (authType == kBasicScheme) {
+        const std::string line = kDialogRealmPrefix + (realm.empty() ? authType : realm);
+        notice.GetControl(kCtrlLabel, kIdProxyRealmLbl, layout.AddChild(kUiRow))
+            .SetAttribute(kUiValue, line.c_str())
+            .SetAttribute(kUiDisabled, kUiFalse)
+            .SetAttribute(kUiHidden, kUiFalse);
+    }
+
+    XmlNode userRow = layout.AddChild(kUiRow);
+    notice.GetControl(kCtrlLabel, kIdProxyUserLbl, userRow)
+        .SetAttribute(kUiValue, kDialogUser)
+        .SetAttribute(kUiDisabled, kUiFalse)
+        .SetAttribute(kUiHidden, kUiFalse);
+    notice.GetControl(kCtrlTextBox, kIdProxyUser, userRow)
+        .SetAttribute(kUiValue, "")
+        .SetAttribute(kUiDisabled, kUiFalse)
+        .SetAttribute(kUiHidden, kUiFalse)
+        .SetAttribute(kUiMaxLength, kDialogMaxLength)
+        .SetAttribute(kUiAudible, kDialogUser)
+        .SetAttribute(kUiFocus, kUiTrue);
+
+    XmlNode passwordRow = layout.AddChild(kUiRow);
+    notice.GetControl(kCtrlLabel, kIdProxyPswdLbl, passwordRow)
+        .SetAttribute(kUiValue, kDialogPassword)
+        .SetAttribute(kUiDisabled, kUiFalse)
+        .SetAttribute(kUiHidden, kUiFalse);
+    notice.GetControl(kCtrlPasswordBox, kIdProxyPswd, passwordRow)
+        .SetAttribute(kUiValue, "")
+        .SetAttribute(kUiDisabled, kUiFalse)
+        .SetAttribute(kUiHidden, kUiFalse)
+        .SetAttribute(kUiMaxLength, kDialogMaxLength)
+        .SetAttribute(kUiAudible, kDialogPassword);
+
+    EnterEvent(notice.SetControlEvent(kIdProxyUser, kEventOnPressEnter, kCredentialControls),
+               kActionCredentialSubmit);
+    EnterEvent(notice.SetControlEvent(kIdProxyPswd, kEventOnPressEnter, kCredentialControls),
+               kActionCredentialSubmit);
+
+    XmlNode buttonRow = layout.AddChild(kUiRow);
+    XmlUICtrl ok = notice.GetControl(kCtrlButton, kIdCredentialOkBtn, buttonRow);
+    ok.SetAttribute(kUiLabel, kDialogOk);
+    EnterEvent(ok.SetEvent(kEventOnPress, kCredentialControls), kActionCredentialSubmit);
+    XmlUICtrl cancel = notice.GetControl(kCtrlButton, kIdCredentialCancelBtn, buttonRow);
+    cancel.SetAttribute(kUiLabel, kDialogCancel);
+    EnterEvent(cancel.SetEvent(kEventOnPress, nullptr), kActionCredentialCancel);
+
+    XmlUICtrl close = notice.GetControl(kCtrlCloseButton, kIdCredentialClose, popup);
+    EnterEvent(close.SetEvent(kEventOnClose, nullptr), kActionCredentialCancel);
+
+    SendNotice(notice);
+    return 0;
+}
+
+std::string CVantoriaPresentationPlugin::Translate(uint32_t key) {
+    ITranslator* texts = translator.load();
+    if (texts == nullptr) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin: NULL translator pointer");
+        return std::string();
+    }
+    uint32_t size = 0;
+    if (texts->TranslateText(key, nullptr, size) != -3 || size == 0 || size > kMaxTranslation)
+        return std::string();
+    // The block is zeroed and read only within its own size, so a text without its terminator
+    // cannot run past it.
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[size]());
+    if (!buffer)
+        return std::string();
+    uint32_t given = size;
+    if (texts->TranslateText(key, buffer.get(), given) != 0)
+        return std::string();
+    return std::string(buffer.get(), strnlen(buffer.get(), size));
+}
+
+void CVantoriaPresentationPlugin::SendNotice(const XmlUINotice& notice) {
+    IPresentationHost* host = presentation.load();
+    if (host == nullptr) {
+        VNTRACE(TL_API, "CVantoriaPresentationPlugin: NULL presentation pointer");
+        return;
+    }
+    const std::string text = notice.ToString();
+    host->DeliverXml(clientId, text.c_str());
+}
+
+void CVantoriaPresentationPlugin::SetLabelValue(XmlUINotice& notice, const char* id,
+                                                const char* value) {
+    notice.GetControl(kCtrlLabel, id).SetAttribute(kUiValue, value);
+}
+
+void CVantoriaPresentationPlugin::EnterEvent(const std::string& eventId, int32_t action) {
+    CMutexLock table(m_TableLock);
+    eventTable[eventId] = action;
+}
+
+XmlUICtrl CVantoriaPresentationPlugin::BuildModeRadioGroup(XmlUINotice& notice) {
+    // The automatic radio always comes first.
+    XmlUICtrl group = notice.GetControl(kCtrlRadioGroup, kIdModeRadioGroup);
+    const std::string automatic = Translate(kKeyAutomaticMode);
+    const std::string manual = Translate(kKeyManualMode);
+    group.AddChild(kUiRadio)
+        .SetAttribute(kUiLabel, automatic.c_str())
+        .SetAttribute(kUiSelected, automaticMode ? kUiTrue : kUiFalse);
+    group.AddChild(kUiRadio)
+        .SetAttribute(kUiLabel, manual.c_str())
+        .SetAttribute(kUiSelected, automaticMode ? kUiFalse : kUiTrue);
+    return group;
+}
+
+void CVantoriaPresentationPlugin::BuildStartupUi() {
+    XmlUINotice notice(kNoticeSetup, nullptr, kUiModuleIdentity);
+
+    // The status tile.
+    const std::string tile = Translate(kKeyDisplayName) + ":";
+    SetLabelValue(notice, kIdSimpleTileLabel, tile.c_str());
+    for (const char* id : {kIdSimpleStatus, kIdSimpleSubstatusLeft, kIdSimpleSubstatusRight,
+                           kIdSimpleSubstatusFull})
+        SetLabelValue(notice, id, "");
+    notice.CreateNode(kUiPreferences);
+
+    // The tower page, its two events entered as they are armed.
+    SetLabelValue(notice, kIdTowerLbl, Translate(kKeyTowerLabel).c_str());
+    SetLabelValue(notice, kIdTower, "");
+    SetLabelValue(notice, kIdTowerSelectLbl, Translate(kKeyTowerSelectLabel).c_str());
+    notice.GetControl(kCtrlLabel, kIdTowerSelectLbl).SetAttribute(kUiDisabled, kUiTrue);
+    SetLabelValue(notice, kIdTowerUpdatePending, Translate(kKeyTowerUpdatePending).c_str());
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending)
+        .SetAttribute(kUiDisabled, kUiTrue)
+        .SetAttribute(kUiHidden, kUiTrue);
+    SetLabelValue(notice, kIdTowerListLbl, Translate(kKeyTowerListLabel).c_str());
+    notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiDisabled, kUiTrue);
+    XmlUICtrl group = BuildModeRadioGroup(notice);
+    group.SetAttribute(kUiDisabled, kUiTrue);
+    EnterEvent(group.SetEvent(kEventOnSelect, kIdModeRadioGroup), kActionModeRadio);
+    XmlUICtrl combobox = notice.GetControl(kCtrlComboBox, kIdTowerListCombobox);
+    combobox.SetAttribute(kUiDisabled, kUiTrue);
+    EnterEvent(combobox.SetEvent(kEventOnSelect, kIdTowerListCombobox), kActionTowerCombobox);
+
+    SendNotice(notice);
+}

@@ -1,0 +1,95 @@
+// A UI host for the presentation plug-in in tests: records every notice and NotifyStopped in
+// order, can run a hook inside DeliverXml (on the delivering thread), and translates keys from a
+// small catalogue ("text <key>" for any key) or, with `translatorFault`, answers wrongly.
+// Calls come from the plug-in's and the module's threads: `mutex` guards the records.
+#ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
+#define TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
+
+#include <stdint.h>
+#include <string.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "IPresentationHost.h"
+#include "ITranslator.h"
+
+class RecordingHost final : public IPresentationHost, public ITranslator {
+  public:
+    enum Fault { kNone, kSizeAnswer0, kSizeZero, kHugeSize, kNoTerminator, kFillFails };
+
+    int32_t DeliverXml(uint32_t clientId, const char* xml) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            notices.push_back(xml);
+            ids.push_back(clientId);
+        }
+        changed.notify_all();
+        if (deliverHook)
+            deliverHook(xml);
+        return 0;
+    }
+    int32_t NotifyStopped(uint32_t clientId) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            notices.push_back("<stopped>");
+            ids.push_back(clientId);
+        }
+        changed.notify_all();
+        return 0;
+    }
+    int32_t TranslateText(uint32_t key, char* buffer, uint32_t& size) override {
+        const std::string text = Text(key);
+        if (buffer == nullptr) {
+            switch (translatorFault) {
+                case kSizeAnswer0: size = uint32_t(text.size() + 1); return 0;
+                case kSizeZero: size = 0; return -3;
+                case kHugeSize: size = 0xFFFFFFFFu; return -3;
+                default: size = uint32_t(text.size() + 1); return -3;
+            }
+        }
+        if (translatorFault == kFillFails)
+            return -10;
+        if (translatorFault == kNoTerminator) {  // fills the whole buffer, no NUL
+            memset(buffer, 'x', size);
+            return 0;
+        }
+        if (size < text.size() + 1)
+            return -3;
+        memcpy(buffer, text.c_str(), text.size() + 1);
+        return 0;
+    }
+    static std::string Text(uint32_t key) { return "text " + std::to_string(key); }
+
+    std::vector<std::string> Notices() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return notices;
+    }
+    bool WaitForCount(size_t n, std::chrono::seconds limit = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, limit, [&] { return notices.size() >= n; });
+    }
+    // Waits for a notice holding `part`; true when one came.
+    bool WaitForNotice(const std::string& part) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] {
+            for (const auto& n : notices)
+                if (n.find(part) != std::string::npos)
+                    return true;
+            return false;
+        });
+    }
+
+    Fault translatorFault = kNone;
+    std::function<void(const char*)> deliverHook;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> notices;
+    std::vector<uint32_t> ids;
+};
+
+#endif  // TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
