@@ -91,8 +91,9 @@ class CDnConfigFile final : public CConfig {
     // store.
     int GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks);
 
-    // Exception lists: entries without "/" go to `names`, valid subnets to `addrs`; the rest
-    // costs a warning each. Entries are visited sorted and without repeats.
+    // Exception lists (ExceptionList.cpp): the text at `key` parsed by ParseExceptionList.
+    // Entries without "/" go to `names`, valid subnets to `addrs`; the rest costs a warning
+    // each. Entries are visited sorted and without repeats.
     void ParseExceptions(const char* key, std::list<std::string>& names,
                          std::vector<ExceptionAddress>& addrs);
     void LoadHostExceptions();
