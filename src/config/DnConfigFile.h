@@ -87,8 +87,8 @@ class CDnConfigFile final : public CConfig {
     bool HasHostInclusions();
     int GetKdfListenPort(uint16_t& out);
     int GetConfigParams(ConfigParams& out);
-    // One line per running setting for diagnostics, each with a 0 in `marks`. -1 without a
-    // store.
+    // One line per running setting for diagnostics, each with a 0 in `marks` (ConfigDump.cpp).
+    // -1 without a store.
     int GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks);
 
     // Exception lists (ExceptionList.cpp): the text at `key` parsed by ParseExceptionList.
@@ -121,8 +121,6 @@ class CDnConfigFile final : public CConfig {
     void FinishLoad();
     bool EnsureStore();
     void DropStore();
-    void AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
-                     const std::string& line);
 
     std::list<std::string> m_HostExceptionNames GUARDED_BY(m_Lock);
     std::vector<ExceptionAddress> m_HostExceptionAddrs GUARDED_BY(m_Lock);
