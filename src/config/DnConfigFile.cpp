@@ -178,99 +178,105 @@ bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
     const std::string& update = files[1];
     const std::string& backup = files[2];
 
-    // The agent throws away a current file it cannot decode; it is rebuilt below.
-    if (checkUpdate && !updateOnly && FileExists(current)) {
-        std::string text;
-        const long code = ReadObfuscatedFile(current, text, false);
-        if (code != 0) {
-            VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
-            VNTRACE(TL_ERR, "Config : deleting the file");
-            DeleteIfExists(current);
-        }
-    }
-
-    // Nothing to load: the built-in profile becomes the current file.
-    if (!FileExists(current) && !FileExists(update)) {
-        DeleteIfExists(backup);
-        // The one read of the store pointer in this function that no operation of its own
-        // guards. Reload holds the lock already, but GetInstance runs this again on an object
-        // that other threads may be reading, so it takes the lock like every other access.
-        Guard lock(m_Lock);
-        if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
-            VNTRACE(TL_WARN, "Config : Failed to load default config file");
-            return false;
-        }
-        m_ConfigFileType = kConfigFileObfuscated;
-        if (!CommitConfig()) {
-            VNTRACE(TL_WARN, "Config : Failed to create default config file");
-            return false;
-        }
-    }
-
+    // Current file undecodable, in the agent's branch: deleted, then handled as absent.
+    if (checkUpdate && !updateOnly)
+        DeleteUndecodableCurrentFile(current);
+    // None of the files exists: the default profile becomes the new current file.
+    if (!FileExists(current) && !FileExists(update) && !CreateDefaultCurrentFile(backup))
+        return false;
     ResetFileAttributes(files);
+    // Update differs from the backup, in the agent's branch: it runs, adopted unless wanted alone.
+    if (checkUpdate && (updateOnly || IsUpdateAvailable()))
+        return RunNewUpdate(update, current, backup, updateOnly);
+    // Update present alone: it runs in place of the missing current file, copied nowhere.
+    if (!FileExists(current))
+        return RunUpdateInPlace();
+    // Otherwise the current file runs as it is; one that does not decode leaves no profile.
+    return RunCurrentFile();
+}
 
-    // Loads the update into the store and the maps; false (after its message) on failure.
-    auto loadUpdate = [this]() {
-        if (LoadConfigFile(true) != 0) {
-            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration file");
-            return false;
-        }
-        if (LoadConfigKeys() < 0) {
-            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration keys");
-            return false;
-        }
+void CDnConfigFile::DeleteUndecodableCurrentFile(const std::string& current) {
+    if (!FileExists(current))
+        return;
+    std::string text;
+    const long code = ReadObfuscatedFile(current, text, false);
+    if (code != 0) {
+        VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
+        VNTRACE(TL_ERR, "Config : deleting the file");
+        DeleteIfExists(current);
+    }
+}
+
+bool CDnConfigFile::CreateDefaultCurrentFile(const std::string& backup) {
+    DeleteIfExists(backup);
+    // The one read of the store pointer in the file chain that no operation of its own guards.
+    // Reload holds the lock already, but GetInstance runs the chain again on an object that
+    // other threads may be reading, so it takes the lock like every other access.
+    Guard lock(m_Lock);
+    if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
+        VNTRACE(TL_WARN, "Config : Failed to load default config file");
+        return false;
+    }
+    m_ConfigFileType = kConfigFileObfuscated;
+    if (!CommitConfig()) {
+        VNTRACE(TL_WARN, "Config : Failed to create default config file");
+        return false;
+    }
+    return true;
+}
+
+bool CDnConfigFile::RunNewUpdate(const std::string& update, const std::string& current,
+                                 const std::string& backup, bool updateOnly) {
+    if (!LoadUpdateFile()) {
+        DropStore();
+        return !updateOnly && RunCurrentFile();  // a bad update falls back to the current file
+    }
+    if (!updateOnly && !CopyUpdateOverCurrentAndBackup(update, current, backup))
+        return false;
+    FinishLoad();
+    return true;
+}
+
+bool CDnConfigFile::CopyUpdateOverCurrentAndBackup(const std::string& update,
+                                                   const std::string& current,
+                                                   const std::string& backup) {
+    std::string error;
+    bool copied = true;
+    try {
+        PreserveCopyUpdateToConfig(update, current);
+    } catch (const std::exception& e) {
+        copied = false;
+        error = e.what();
+    }
+    if (!copied) {
+        // The update stays loaded, but the files could not follow it.
+        VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to current config: %s",
+                error.c_str());
+        return false;
+    }
+    VNTRACE(TL_TRACE, "CONFIG : Loaded and copied update config to current config");
+    boost::system::error_code ec;
+    boost::filesystem::copy_file(update, backup,
+                                 boost::filesystem::copy_options::overwrite_existing, ec);
+    if (ec)
+        VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to backup config");
+    else
+        VNTRACE(TL_TRACE, "CONFIG : Copied update config to backup config");
+    return true;
+}
+
+bool CDnConfigFile::RunUpdateInPlace() {
+    if (!EnsureStore())
+        return false;
+    if (LoadUpdateFile()) {
+        FinishLoad();
         return true;
-    };
-
-    bool tryUpdateInPlace = true;  // step over to the update when the current file is gone
-    if (checkUpdate && (updateOnly || IsUpdateAvailable())) {
-        if (loadUpdate()) {
-            if (updateOnly) {
-                FinishLoad();
-                return true;
-            }
-            std::string error;
-            bool copied = true;
-            try {
-                PreserveCopyUpdateToConfig(update, current);
-            } catch (const std::exception& e) {
-                copied = false;
-                error = e.what();
-            }
-            if (!copied) {
-                // The update stays loaded, but the files could not follow it.
-                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to current config: %s",
-                        error.c_str());
-                return false;
-            }
-            VNTRACE(TL_TRACE, "CONFIG : Loaded and copied update config to current config");
-            boost::system::error_code ec;
-            boost::filesystem::copy_file(update, backup,
-                                         boost::filesystem::copy_options::overwrite_existing, ec);
-            if (ec)
-                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to backup config");
-            else
-                VNTRACE(TL_TRACE, "CONFIG : Copied update config to backup config");
-            FinishLoad();
-            return true;
-        }
-        DropStore();
-        if (updateOnly)
-            return false;
-        tryUpdateInPlace = false;  // a bad update falls back to the current file
     }
+    DropStore();
+    return RunCurrentFile();
+}
 
-    if (tryUpdateInPlace && !FileExists(current)) {
-        // An update that was not adopted runs in place of the missing current file.
-        if (!EnsureStore())
-            return false;
-        if (loadUpdate()) {
-            FinishLoad();
-            return true;
-        }
-        DropStore();
-    }
-
+bool CDnConfigFile::RunCurrentFile() {
     if (!EnsureStore())
         return false;
     if (LoadConfigFile(false) != 0) {
@@ -284,6 +290,18 @@ bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
         return false;
     }
     FinishLoad();
+    return true;
+}
+
+bool CDnConfigFile::LoadUpdateFile() {
+    if (LoadConfigFile(true) != 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration file");
+        return false;
+    }
+    if (LoadConfigKeys() < 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration keys");
+        return false;
+    }
     return true;
 }
 
