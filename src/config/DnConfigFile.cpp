@@ -10,7 +10,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <set>
 #include <sstream>
 
 #include <openssl/evp.h>
@@ -19,7 +18,6 @@
 #include "common/FileReplacement.h"
 #include "common/Mutex.h"
 #include "common/OpenSSLCrypt.h"
-#include "common/Token.h"
 #include "common/Utils.h"
 #include "common/VNTrace.h"
 
@@ -140,12 +138,6 @@ int32_t ParseDecimal(const std::string& text) {
     return static_cast<int32_t>(value);
 }
 
-std::string Hex(uint32_t value) {
-    char buffer[16];
-    snprintf(buffer, sizeof(buffer), "%X", value);
-    return buffer;
-}
-
 }  // namespace
 
 CDnConfigFile::CDnConfigFile()
@@ -186,99 +178,105 @@ bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
     const std::string& update = files[1];
     const std::string& backup = files[2];
 
-    // The agent throws away a current file it cannot decode; it is rebuilt below.
-    if (checkUpdate && !updateOnly && FileExists(current)) {
-        std::string text;
-        const long code = ReadObfuscatedFile(current, text, false);
-        if (code != 0) {
-            VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
-            VNTRACE(TL_ERR, "Config : deleting the file");
-            DeleteIfExists(current);
-        }
-    }
-
-    // Nothing to load: the built-in profile becomes the current file.
-    if (!FileExists(current) && !FileExists(update)) {
-        DeleteIfExists(backup);
-        // The one read of the store pointer in this function that no operation of its own
-        // guards. Reload holds the lock already, but GetInstance runs this again on an object
-        // that other threads may be reading, so it takes the lock like every other access.
-        Guard lock(m_Lock);
-        if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
-            VNTRACE(TL_WARN, "Config : Failed to load default config file");
-            return false;
-        }
-        m_ConfigFileType = kConfigFileObfuscated;
-        if (!CommitConfig()) {
-            VNTRACE(TL_WARN, "Config : Failed to create default config file");
-            return false;
-        }
-    }
-
+    // Current file undecodable, in the agent's branch: deleted, then handled as absent.
+    if (checkUpdate && !updateOnly)
+        DeleteUndecodableCurrentFile(current);
+    // None of the files exists: the default profile becomes the new current file.
+    if (!FileExists(current) && !FileExists(update) && !CreateDefaultCurrentFile(backup))
+        return false;
     ResetFileAttributes(files);
+    // Update differs from the backup, in the agent's branch: it runs, adopted unless wanted alone.
+    if (checkUpdate && (updateOnly || IsUpdateAvailable()))
+        return RunNewUpdate(update, current, backup, updateOnly);
+    // Update present alone: it runs in place of the missing current file, copied nowhere.
+    if (!FileExists(current))
+        return RunUpdateInPlace();
+    // Otherwise the current file runs as it is; one that does not decode leaves no profile.
+    return RunCurrentFile();
+}
 
-    // Loads the update into the store and the maps; false (after its message) on failure.
-    auto loadUpdate = [this]() {
-        if (LoadConfigFile(true) != 0) {
-            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration file");
-            return false;
-        }
-        if (LoadConfigKeys() < 0) {
-            VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration keys");
-            return false;
-        }
+void CDnConfigFile::DeleteUndecodableCurrentFile(const std::string& current) {
+    if (!FileExists(current))
+        return;
+    std::string text;
+    const long code = ReadObfuscatedFile(current, text, false);
+    if (code != 0) {
+        VNTRACE(TL_ERR, "Config : '%s' is corrupt: Result: %ld", current.c_str(), code);
+        VNTRACE(TL_ERR, "Config : deleting the file");
+        DeleteIfExists(current);
+    }
+}
+
+bool CDnConfigFile::CreateDefaultCurrentFile(const std::string& backup) {
+    DeleteIfExists(backup);
+    // The one read of the store pointer in the file chain that no operation of its own guards.
+    // Reload holds the lock already, but GetInstance runs the chain again on an object that
+    // other threads may be reading, so it takes the lock like every other access.
+    Guard lock(m_Lock);
+    if (m_pXml->LoadFromString(kDefaultConfigXml, true) != kConfigOk) {
+        VNTRACE(TL_WARN, "Config : Failed to load default config file");
+        return false;
+    }
+    m_ConfigFileType = kConfigFileObfuscated;
+    if (!CommitConfig()) {
+        VNTRACE(TL_WARN, "Config : Failed to create default config file");
+        return false;
+    }
+    return true;
+}
+
+bool CDnConfigFile::RunNewUpdate(const std::string& update, const std::string& current,
+                                 const std::string& backup, bool updateOnly) {
+    if (!LoadUpdateFile()) {
+        DropStore();
+        return !updateOnly && RunCurrentFile();  // a bad update falls back to the current file
+    }
+    if (!updateOnly && !CopyUpdateOverCurrentAndBackup(update, current, backup))
+        return false;
+    FinishLoad();
+    return true;
+}
+
+bool CDnConfigFile::CopyUpdateOverCurrentAndBackup(const std::string& update,
+                                                   const std::string& current,
+                                                   const std::string& backup) {
+    std::string error;
+    bool copied = true;
+    try {
+        PreserveCopyUpdateToConfig(update, current);
+    } catch (const std::exception& e) {
+        copied = false;
+        error = e.what();
+    }
+    if (!copied) {
+        // The update stays loaded, but the files could not follow it.
+        VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to current config: %s",
+                error.c_str());
+        return false;
+    }
+    VNTRACE(TL_TRACE, "CONFIG : Loaded and copied update config to current config");
+    boost::system::error_code ec;
+    boost::filesystem::copy_file(update, backup,
+                                 boost::filesystem::copy_options::overwrite_existing, ec);
+    if (ec)
+        VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to backup config");
+    else
+        VNTRACE(TL_TRACE, "CONFIG : Copied update config to backup config");
+    return true;
+}
+
+bool CDnConfigFile::RunUpdateInPlace() {
+    if (!EnsureStore())
+        return false;
+    if (LoadUpdateFile()) {
+        FinishLoad();
         return true;
-    };
-
-    bool tryUpdateInPlace = true;  // step over to the update when the current file is gone
-    if (checkUpdate && (updateOnly || IsUpdateAvailable())) {
-        if (loadUpdate()) {
-            if (updateOnly) {
-                FinishLoad();
-                return true;
-            }
-            std::string error;
-            bool copied = true;
-            try {
-                PreserveCopyUpdateToConfig(update, current);
-            } catch (const std::exception& e) {
-                copied = false;
-                error = e.what();
-            }
-            if (!copied) {
-                // The update stays loaded, but the files could not follow it.
-                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to current config: %s",
-                        error.c_str());
-                return false;
-            }
-            VNTRACE(TL_TRACE, "CONFIG : Loaded and copied update config to current config");
-            boost::system::error_code ec;
-            boost::filesystem::copy_file(update, backup,
-                                         boost::filesystem::copy_options::overwrite_existing, ec);
-            if (ec)
-                VNTRACE(TL_ERR, "CONFIG : Failed to copy update config to backup config");
-            else
-                VNTRACE(TL_TRACE, "CONFIG : Copied update config to backup config");
-            FinishLoad();
-            return true;
-        }
-        DropStore();
-        if (updateOnly)
-            return false;
-        tryUpdateInPlace = false;  // a bad update falls back to the current file
     }
+    DropStore();
+    return RunCurrentFile();
+}
 
-    if (tryUpdateInPlace && !FileExists(current)) {
-        // An update that was not adopted runs in place of the missing current file.
-        if (!EnsureStore())
-            return false;
-        if (loadUpdate()) {
-            FinishLoad();
-            return true;
-        }
-        DropStore();
-    }
-
+bool CDnConfigFile::RunCurrentFile() {
     if (!EnsureStore())
         return false;
     if (LoadConfigFile(false) != 0) {
@@ -292,6 +290,18 @@ bool CDnConfigFile::InitializeConfig(bool checkUpdate, bool updateOnly) {
         return false;
     }
     FinishLoad();
+    return true;
+}
+
+bool CDnConfigFile::LoadUpdateFile() {
+    if (LoadConfigFile(true) != 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration file");
+        return false;
+    }
+    if (LoadConfigKeys() < 0) {
+        VNTRACE(TL_ERR, "ERROR : Failed to load Update Configuration keys");
+        return false;
+    }
     return true;
 }
 
@@ -673,188 +683,6 @@ int CDnConfigFile::GetConfigParams(ConfigParams& out) {
     }
     out.address = m_Address + ";";
     return 0;
-}
-
-void CDnConfigFile::AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
-                                const std::string& line) {
-    lines.push_back(line);
-    marks.push_back(0);
-}
-
-int CDnConfigFile::GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks) {
-    Guard lock(m_Lock);
-    if (m_pXml == nullptr) {
-        VNTRACE(TL_ERR, "Config : Not initialized");
-        return -1;
-    }
-    const bool owner = m_ConfigRole == kConfigRoleOwner;
-    // A text from the store, or `fallback` when it is empty.
-    auto fromStore = [this](const char* key, const char* fallback) {
-        std::string text = GetXmlValue(key);
-        return text.empty() ? std::string(fallback) : text;
-    };
-    auto line = [&](const std::string& text) { AddDumpLine(lines, marks, text); };
-
-    uint32_t mask = 0;
-    std::istringstream(fromStore(cfgkey::kDebugLevel, "107")) >> std::hex >> mask;
-    if (mask >= 0x8000)
-        mask &= 0x7FFF;
-    if ((mask & 0x6) != 0x6)
-        mask |= 0x6;  // WARN and ERR are always on
-    line(std::string(cfgkey::kDebugLevel) + " = " + Hex(mask));
-
-    uint32_t size = 0;
-    std::istringstream(GetXmlValue(cfgkey::kLogFileSize)) >> size;
-    line(std::string(cfgkey::kLogFileSize) + " = " + std::to_string(ClampLogFileSize(size)));
-    line(std::string(cfgkey::kNumLogFilesToRetain) + " = " +
-         fromStore(cfgkey::kNumLogFilesToRetain, "1"));
-    line(std::string(cfgkey::kRetentionDays) + "\t= " + fromStore(cfgkey::kRetentionDays, "0"));
-    line(std::string(cfgkey::kRetentionHours) + "\t= " + fromStore(cfgkey::kRetentionHours, "0"));
-    line(std::string(cfgkey::kRetentionMinutes) +
-         "\t= " + fromStore(cfgkey::kRetentionMinutes, "0"));
-
-    if (owner)
-        line(std::string(cfgkey::kKdfListenPort) + " = " +
-             std::to_string(GetPort(cfgkey::kKdfListenPort)));
-    line(std::string(cfgkey::kIpcPort) + " = " + std::to_string(GetPort(cfgkey::kIpcPort)));
-    if (owner)
-        line(std::string(cfgkey::kKdfPortIncluded) + " = " + GetString(cfgkey::kKdfPortIncluded));
-    const std::string tunnel = GetString(cfgkey::kTunnelType);
-    line(std::string(cfgkey::kTunnelType) + " = " + (tunnel.empty() ? "ssl" : tunnel));
-    for (const char* key :
-         {cfgkey::kMaxConnections, cfgkey::kMinConnections, cfgkey::kHostExceptions,
-          cfgkey::kProxyExceptions, cfgkey::kStaticExceptions, cfgkey::kEnterpriseDomains})
-        line(std::string(key) + " = " + GetString(key));
-    if (owner) {
-        line(std::string(cfgkey::kAuthenticatedUser) + " = " +
-             GetString(cfgkey::kAuthenticatedUser));
-        line(std::string(cfgkey::kAuthenticatedGroups) + " = " +
-             GetString(cfgkey::kAuthenticatedGroups));
-    }
-    unsigned long cleanup = GetInteger(cfgkey::kConnectionCleanupInterval);
-    if (cleanup == 0)
-        cleanup = 3000;
-    line(std::string(cfgkey::kConnectionCleanupInterval) + " = " + std::to_string(cleanup));
-    line(std::string(cfgkey::kActiveTowerDisplayName) + " = " +
-         GetString(cfgkey::kActiveTowerDisplayName));
-    line(std::string(cfgkey::kActiveTowerHostName) + " = " +
-         GetString(cfgkey::kActiveTowerHostName));
-    line(std::string(cfgkey::kTndEnabled) + " = " + GetXmlValue(cfgkey::kTndEnabled));
-    line(std::string(cfgkey::kDctDetectClosest) + " = " + GetXmlValue(cfgkey::kDctDetectClosest));
-    return 0;
-}
-
-void CDnConfigFile::ParseExceptions(const char* key, std::list<std::string>& names,
-                                    std::vector<ExceptionAddress>& addrs) {
-    Guard lock(m_Lock);
-    names.clear();
-    addrs.clear();
-    const std::string value = GetString(key);
-    if (value.empty())
-        return;
-    std::set<std::string> entries;
-    CToken::SplitSet(value, ";", entries);
-    for (const std::string& entry : entries) {
-        const size_t slash = entry.find('/');
-        if (slash == std::string::npos) {
-            names.push_back(entry);  // a host name or a bare address, taken as it stands
-            continue;
-        }
-        const std::string addressText = entry.substr(0, slash);
-        uint32_t address4 = 0;
-        uint8_t address6[16] = {};
-        const bool isV4 = ParseIPv4(addressText, address4);
-        if (!isV4 && !ParseIPv6(addressText, address6)) {
-            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Address part incorrect",
-                    entry.c_str());
-            continue;
-        }
-        const std::string subnet = entry.substr(slash + 1);
-        if (subnet.empty()) {
-            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Subnet part not specified",
-                    entry.c_str());
-            continue;
-        }
-        uint32_t prefix = 0;
-        std::istringstream(subnet) >> prefix;  // trailing text is not noticed: "8x" is 8
-        const uint32_t widest = isV4 ? 32 : 128;
-        const bool valid = (prefix >= 1 && prefix <= widest) || (prefix == 0 && subnet == "0");
-        if (!valid) {
-            VNTRACE(TL_WARN, "Config : Exception = %s is invalid. Subnet part incorrect",
-                    entry.c_str());
-            continue;
-        }
-        ExceptionAddress parsed;
-        if (isV4) {
-            parsed.family = kExceptionFamilyIPv4;
-            parsed.mask = prefix == 0 ? 0 : 0xFFFFFFFFu << (32 - prefix);
-            parsed.address = address4 & parsed.mask;
-        } else {
-            parsed.family = kExceptionFamilyIPv6;
-            parsed.address = 0;
-            parsed.mask = prefix;
-            memcpy(parsed.address6, address6, sizeof(parsed.address6));
-            const uint8_t* b = address6;
-            VNTRACE(
-                TL_TRACE,
-                "Config : IPv6 exception: %.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:"
-                "%.2x%.2x:%.2x%.2x mask:%d",
-                b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
-                b[13], b[14], b[15], static_cast<int>(prefix));
-        }
-        addrs.push_back(parsed);
-    }
-}
-
-void CDnConfigFile::LoadHostExceptions() {
-    Guard lock(m_Lock);
-    ParseExceptions(cfgkey::kHostExceptions, m_HostExceptionNames, m_HostExceptionAddrs);
-}
-
-void CDnConfigFile::LoadProxyExceptions() {
-    Guard lock(m_Lock);
-    ParseExceptions(cfgkey::kProxyExceptions, m_ProxyExceptionNames, m_ProxyExceptionAddrs);
-}
-
-void CDnConfigFile::LoadHostInclusions() {
-    Guard lock(m_Lock);
-    ParseExceptions(cfgkey::kHostInclusions, m_HostInclusionNames, m_HostInclusionAddrs);
-    // Assigned rather than only raised, so that a reload without inclusions clears it.
-    m_HasHostInclusions = !m_HostInclusionNames.empty() || !m_HostInclusionAddrs.empty();
-}
-
-int CDnConfigFile::GetExceptionCount(int kind) {
-    Guard lock(m_Lock);
-    switch (kind) {
-        case 1:
-            return static_cast<int>(m_HostExceptionNames.size() + m_HostExceptionAddrs.size());
-        case 2:
-            return static_cast<int>(m_ProxyExceptionNames.size() + m_ProxyExceptionAddrs.size());
-        default:
-            VNTRACE(TL_ERR, "Invalid Exception passed");
-            return 0;
-    }
-}
-
-void CDnConfigFile::GetHostExceptions(std::list<std::string>& names,
-                                      std::vector<ExceptionAddress>& addrs) {
-    Guard lock(m_Lock);
-    names = m_HostExceptionNames;
-    addrs = m_HostExceptionAddrs;
-}
-
-void CDnConfigFile::GetProxyExceptions(std::list<std::string>& names,
-                                       std::vector<ExceptionAddress>& addrs) {
-    Guard lock(m_Lock);
-    names = m_ProxyExceptionNames;
-    addrs = m_ProxyExceptionAddrs;
-}
-
-void CDnConfigFile::GetHostInclusions(std::list<std::string>& names,
-                                      std::vector<ExceptionAddress>& addrs) {
-    Guard lock(m_Lock);
-    names = m_HostInclusionNames;
-    addrs = m_HostInclusionAddrs;
 }
 
 std::list<std::pair<std::string, TowerInfo>> CDnConfigFile::GetTowers() {

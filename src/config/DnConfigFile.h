@@ -87,12 +87,13 @@ class CDnConfigFile final : public CConfig {
     bool HasHostInclusions();
     int GetKdfListenPort(uint16_t& out);
     int GetConfigParams(ConfigParams& out);
-    // One line per running setting for diagnostics, each with a 0 in `marks`. -1 without a
-    // store.
+    // One line per running setting for diagnostics, each with a 0 in `marks` (ConfigDump.cpp).
+    // -1 without a store.
     int GetConfigDump(std::vector<std::string>& lines, std::vector<int>& marks);
 
-    // Exception lists: entries without "/" go to `names`, valid subnets to `addrs`; the rest
-    // costs a warning each. Entries are visited sorted and without repeats.
+    // Exception lists (ExceptionList.cpp): the text at `key` parsed by ParseExceptionList.
+    // Entries without "/" go to `names`, valid subnets to `addrs`; the rest costs a warning
+    // each. Entries are visited sorted and without repeats.
     void ParseExceptions(const char* key, std::list<std::string>& names,
                          std::vector<ExceptionAddress>& addrs);
     void LoadHostExceptions();
@@ -116,12 +117,32 @@ class CDnConfigFile final : public CConfig {
     static void SetConfigRoleForTesting(int role) { m_ConfigRole = role; }
 
   private:
+    // The steps of InitializeConfig, in the order it takes them. Like it, they take no lock of
+    // their own; the operations they call do.
+    // Deletes the current file when it exists and does not decode (the agent's branch).
+    void DeleteUndecodableCurrentFile(const std::string& current);
+    // Deletes the backup and writes the built-in profile, loaded, as the new current file.
+    // False when it does not parse or cannot be written; the store keeps what was parsed.
+    bool CreateDefaultCurrentFile(const std::string& backup);
+    // Runs the update and, unless `updateOnly`, copies it over the current file (keeping user
+    // and groups) and the backup. An update that does not load falls back to the current file,
+    // or to nothing with `updateOnly`; a failed copy to the current file returns false.
+    bool RunNewUpdate(const std::string& update, const std::string& current,
+                      const std::string& backup, bool updateOnly);
+    // The copies of RunNewUpdate; false only when the current file could not be replaced.
+    bool CopyUpdateOverCurrentAndBackup(const std::string& update, const std::string& current,
+                                        const std::string& backup);
+    // Runs the update in place of a missing current file. If it does not load, the current
+    // file is tried all the same, which reports it missing and returns false.
+    bool RunUpdateInPlace();
+    // Runs the current file; on failure the store is dropped and the result is false.
+    bool RunCurrentFile();
+    // Loads the update file and its keys; false, after its message, on failure.
+    bool LoadUpdateFile();
     // The last step of a successful initialisation: tunnel type, lists, connect time-out.
     void FinishLoad();
     bool EnsureStore();
     void DropStore();
-    void AddDumpLine(std::vector<std::string>& lines, std::vector<int>& marks,
-                     const std::string& line);
 
     std::list<std::string> m_HostExceptionNames GUARDED_BY(m_Lock);
     std::vector<ExceptionAddress> m_HostExceptionAddrs GUARDED_BY(m_Lock);

@@ -180,23 +180,33 @@ ConfigStatus CXMLReadWrite::GetXML(std::string& out) {
     return kConfigFail;
 }
 
-ConfigStatus CXMLReadWrite::GetValue(const std::string& path, std::string& out) {
-    out.clear();
-    std::string error;
+template <typename Result, typename Operation, typename OnError>
+Result CXMLReadWrite::OnLoadedDocument(const char* notLoaded, Result failed, Operation operation,
+                                       OnError onError) {
     try {
         CRecursiveLock lock(m_Mutex);
         if (!IsLoaded()) {
-            VNTRACE(TL_ERR, "XML has not been loaded.");
-            return kConfigFail;
+            VNTRACE(TL_ERR, "%s", notLoaded);
+            return failed;
         }
-        out = m_XmlTree.get_child(SlashPath(path)).data();
-        return kConfigOk;
+        return operation(m_XmlTree);
     } catch (const std::exception& e) {
-        // A missing node is an ordinary answer: every optional key is read this way.
-        error = e.what();
-        out.clear();
-        return kConfigFail;
+        // The lock is gone by now: the guard was destroyed before the handler was entered.
+        onError(e);
+        return failed;
     }
+}
+
+ConfigStatus CXMLReadWrite::GetValue(const std::string& path, std::string& out) {
+    out.clear();
+    return OnLoadedDocument(
+        "XML has not been loaded.", kConfigFail,
+        [&](const pt::ptree& document) {
+            out = document.get_child(SlashPath(path)).data();
+            return kConfigOk;
+        },
+        // A missing node is an ordinary answer: every optional key is read this way.
+        [&](const std::exception&) { out.clear(); });
 }
 
 ConfigStatus CXMLReadWrite::PutValue(const std::string& path, const std::string& value) {
@@ -212,34 +222,25 @@ ConfigStatus CXMLReadWrite::PutValue(const std::string& path, const std::string&
 }
 
 bool CXMLReadWrite::GetChild(const std::string& path, pt::ptree& outTree) {
-    std::string error;
-    try {
-        CRecursiveLock lock(m_Mutex);
-        if (!IsLoaded()) {
-            VNTRACE(TL_ERR, "XMLParser : XML not loaded");
-            return false;
-        }
-        pt::ptree copy = m_XmlTree.get_child(SlashPath(path));
-        outTree.swap(copy);
-        return true;
-    } catch (const std::exception& e) {
-        error = e.what();
-    }
-    VNTRACE(TL_ERR, "XMLParser : Error getting child node %s : %s", path.c_str(), error.c_str());
-    return false;
+    return OnLoadedDocument(
+        "XMLParser : XML not loaded", false,
+        [&](const pt::ptree& document) {
+            pt::ptree copy = document.get_child(SlashPath(path));
+            outTree.swap(copy);
+            return true;
+        },
+        [&](const std::exception& e) {
+            VNTRACE(TL_ERR, "XMLParser : Error getting child node %s : %s", path.c_str(), e.what());
+        });
 }
 
 bool CXMLReadWrite::NodeExists(const std::string& path) {
-    try {
-        CRecursiveLock lock(m_Mutex);
-        if (!IsLoaded()) {
-            VNTRACE(TL_ERR, "XMLParser : XML not loaded");
-            return false;
-        }
-        return static_cast<bool>(m_XmlTree.get_child_optional(SlashPath(path)));
-    } catch (const std::exception&) {
-        return false;
-    }
+    return OnLoadedDocument(
+        "XMLParser : XML not loaded", false,
+        [&](const pt::ptree& document) {
+            return static_cast<bool>(document.get_child_optional(SlashPath(path)));
+        },
+        [](const std::exception&) {});
 }
 
 ConfigStatus CXMLReadWrite::FindNode(const std::string& path, pt::ptree& root,
@@ -389,49 +390,47 @@ ConfigStatus CXMLReadWriteConfig::EnumConfig(void* context, EnumConfigCallback c
     return status;
 }
 
-void CXMLReadWriteConfig::DeleteConfigNode(const std::string& path) {
-    std::string lockError;
+template <typename Result, typename Operation>
+Result CXMLReadWriteConfig::OnConfigNode(const char* lockContext, Result noNode, Result noLock,
+                                         Operation operation) {
     try {
         CRecursiveLock lock(m_Mutex);
         pt::ptree* const node = ValidConfigNode();
         if (node == nullptr) {
             VNTRACE(TL_ERR, "Configuration node pointer not valid");
-            return;
+            return noNode;
         }
-        if (node->empty()) {
+        return operation(*node);
+    } catch (const boost::lock_error& e) {
+        // The lock is gone by now: the guard was destroyed before the handler was entered.
+        const std::string line = std::string(lockContext) + "boost::lock_error : " + e.what();
+        VNTRACE(TL_ERR, "%s", line.c_str());
+        return noLock;
+    }
+}
+
+void CXMLReadWriteConfig::DeleteConfigNode(const std::string& path) {
+    OnConfigNode("", false, false, [&](pt::ptree& node) {
+        if (node.empty()) {
             VNTRACE(TL_ERR, "Configuration node is empty, nothing to remove.");
-            return;
+            return false;
         }
         // A missing child is kConfigFail, which is not negative: it passes without a word.
-        if (ClearNode(path, node) < 0)
+        if (ClearNode(path, &node) < 0)
             VNTRACE(TL_ERR, "Error deleting node.");
-        return;
-    } catch (const boost::lock_error& e) {
-        lockError = std::string("boost::lock_error : ") + e.what();
-    }
-    VNTRACE(TL_ERR, "%s", lockError.c_str());
+        return true;
+    });
 }
 
 ConfigStatus CXMLReadWriteConfig::AddTNDServersToConfig(const pt::ptree& serversTree) {
     const std::string path = std::string("TrustedNetworkDetection") + "/" + "TrustedServers";
-    std::string lockError;
-    try {
-        CRecursiveLock lock(m_Mutex);
-        pt::ptree* const node = ValidConfigNode();
-        if (node == nullptr) {
-            VNTRACE(TL_ERR, "Configuration node pointer not valid");
-            return kConfigFail;
-        }
-        const ConfigStatus status = AddChildNode(path, node, serversTree);
+    return OnConfigNode("AddTNDServersToConfig: ", kConfigFail, kConfigFail, [&](pt::ptree& node) {
+        const ConfigStatus status = AddChildNode(path, &node, serversTree);
         // kConfigFail is not negative and passes here as success.
         if (status < 0)
             VNTRACE(TL_ERR, "Error appending TND.");
         return status;
-    } catch (const boost::lock_error& e) {
-        lockError = std::string("boost::lock_error : ") + e.what();
-    }
-    VNTRACE(TL_ERR, "AddTNDServersToConfig: %s", lockError.c_str());
-    return kConfigFail;
+    });
 }
 
 ConfigStatus CXMLReadWriteConfig::AddTowersToConfig(const std::vector<TowerInfo>& towerList) {
@@ -445,21 +444,14 @@ ConfigStatus CXMLReadWriteConfig::AddTowersToConfig(const std::vector<TowerInfo>
         AddInto("HostName", tower.HostName, tree);
         AddInto("SSLPort", tower.SSLPort, tree);
         AddInto("PlainPort", tower.PlainPort, tree);
-        std::string lockError;
-        try {
-            CRecursiveLock lock(m_Mutex);
-            pt::ptree* const node = ValidConfigNode();
-            if (node == nullptr) {
-                VNTRACE(TL_ERR, "Configuration node pointer not valid");
-                return kConfigFail;
-            }
-            if (AddChildNode(path, node, tree) < 0)
+        // A node that is gone ends the list; a failure to lock skips this tower only.
+        const bool goOn = OnConfigNode("AddTowersToConfig: ", false, true, [&](pt::ptree& node) {
+            if (AddChildNode(path, &node, tree) < 0)
                 VNTRACE(TL_ERR, "Error appending Tower.");
-            continue;
-        } catch (const boost::lock_error& e) {
-            lockError = std::string("boost::lock_error : ") + e.what();
-        }
-        VNTRACE(TL_ERR, "AddTowersToConfig: %s", lockError.c_str());
+            return true;
+        });
+        if (!goOn)
+            return kConfigFail;
     }
     return kConfigOk;
 }

@@ -95,6 +95,15 @@ class CXMLReadWrite {
     // Counts the loads that replaced the document, so that a pointer into an earlier document
     // can be recognised as stale instead of being followed.
     uint64_t m_DocumentGeneration GUARDED_BY(m_Mutex);
+
+  private:
+    // The frame of the by-path reads: under m_Mutex, a document that is not loaded logs
+    // `notLoaded` at ERR and gives `failed`; otherwise `operation(document)` gives the result.
+    // A std::exception (a failure to lock among them) gives `failed` after `onError(exception)`,
+    // which runs once the lock is gone. `operation` must not keep the document reference.
+    template <typename Result, typename Operation, typename OnError>
+    Result OnLoadedDocument(const char* notLoaded, Result failed, Operation operation,
+                            OnError onError);
 };
 
 class CXMLReadWriteConfig : public CXMLReadWrite {
@@ -117,6 +126,14 @@ class CXMLReadWriteConfig : public CXMLReadWrite {
   private:
     // m_ConfigNode when it points into the current document, else null.
     boost::property_tree::ptree* ValidConfigNode() REQUIRES(m_Mutex);
+    // The frame of the edits of the configuration node: under m_Mutex, a node that EnumConfig
+    // has not found in the current document logs "Configuration node pointer not valid" at ERR
+    // and gives `noNode`; otherwise `operation(node)` gives the result. A failure to lock is
+    // logged at ERR, after the lock, as `lockContext` followed by "boost::lock_error : " and its
+    // text, and gives `noLock`; other exceptions pass through. `operation` must not keep the
+    // node reference.
+    template <typename Result, typename Operation>
+    Result OnConfigNode(const char* lockContext, Result noNode, Result noLock, Operation operation);
 
     // Not owned; null until EnumConfig finds it.
     boost::property_tree::ptree* m_ConfigNode GUARDED_BY(m_Mutex);
