@@ -1,8 +1,9 @@
 // tideway-host: loads libtidewayapi.so the way the suite's UI host does (dlopen, then the three
 // exported functions by name), lists the interfaces it offers and checks that a creation without
 // a name is refused. With --api it then creates the API plug-in and holds a short conversation
-// with a running agent, printing every notification. Exit status 0 when the module behaved,
-// 1 otherwise, 2 for a usage error.
+// with a running agent, printing every notification; with --presentation it hosts the
+// presentation plug-in on the console (PresentationFace.cpp). Exit status 0 when the module
+// behaved, 1 otherwise, 2 for a usage error.
 #include <dlfcn.h>
 #include <inttypes.h>
 #include <stdio.h>
@@ -18,16 +19,17 @@
 #include "IVantoriaApi.h"
 
 #include "Plugin.h"
+#include "PresentationFace.h"
 
 namespace {
 
 using GetAvailableInterfacesFn = PluginInterfaceList (*)();
-using CreatePluginFn = Plugin* (*)(const char*);
-using DisposePluginFn = bool (*)(Plugin*);
+
+enum class Face { kCheck, kApi, kPresentation };
 
 void PrintUsage(const char* program) {
     printf(
-        "Usage: %s [--api] [--keep-loaded] [MODULE]\n"
+        "Usage: %s [--api | --presentation [--catalogue FILE]] [--keep-loaded] [MODULE]\n"
         "\n"
         "Loads the plug-in module MODULE with dlopen, as the UI host does, and\n"
         "  - lists every interface from GetAvailableInterfaces with its version,\n"
@@ -37,6 +39,12 @@ void PrintUsage(const char* program) {
         "    towers and closest-tower settings, switches the tower, collects statistics for\n"
         "    a few seconds, then disposes of the plug-in (an agent must listen on port 5003,\n"
         "    e.g. tideway-agent-sim),\n"
+        "  - with --presentation: creates \"com.tarvex.brenlo.presentation\" as the UI host\n"
+        "    does, with the English texts of FILE (default: tideway-host.catalogue beside\n"
+        "    this program, one key<TAB>text line each), starts it and prints every notice\n"
+        "    after a \"--- notice\" line; then reads events from stdin: brguiEvent\n"
+        "    documents, or the commands select-tower NAME, mode automatic|manual, help,\n"
+        "    quit (end of input quits too); then stops, shuts down and disposes of it,\n"
         "  - unloads the module (not with --keep-loaded, which leak checkers need to see\n"
         "    the module's memory at exit).\n"
         "The module's diagnostics go to the system log.\n"
@@ -207,7 +215,8 @@ bool Converse(CreatePluginFn createPlugin, DisposePluginFn disposePlugin) {
     return ok;
 }
 
-int Run(const std::string& modulePath, bool converse, bool keepLoaded) {
+int Run(const std::string& modulePath, Face face, const std::string& cataloguePath,
+        bool keepLoaded) {
     void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
         fprintf(stderr, "tideway-host: cannot load %s: %s\n", modulePath.c_str(), dlerror());
@@ -238,7 +247,10 @@ int Run(const std::string& modulePath, bool converse, bool keepLoaded) {
             disposePlugin(plugin);
             status = 1;
         }
-        if (converse && !Converse(createPlugin, disposePlugin))
+        if (face == Face::kApi && !Converse(createPlugin, disposePlugin))
+            status = 1;
+        if (face == Face::kPresentation &&
+            !RunPresentation(createPlugin, disposePlugin, cataloguePath))
             status = 1;
     }
 
@@ -253,7 +265,8 @@ int Run(const std::string& modulePath, bool converse, bool keepLoaded) {
 
 int main(int argc, char** argv) {
     std::string modulePath = TIDEWAY_DEFAULT_MODULE_PATH;
-    bool converse = false;
+    Face face = Face::kCheck;
+    std::string cataloguePath;
     bool keepLoaded = false;
     bool havePath = false;
     for (int i = 1; i < argc; ++i) {
@@ -261,8 +274,12 @@ int main(int argc, char** argv) {
             PrintUsage(argv[0]);
             return 0;
         }
-        if (strcmp(argv[i], "--api") == 0) {
-            converse = true;
+        if (strcmp(argv[i], "--api") == 0 && face == Face::kCheck) {
+            face = Face::kApi;
+        } else if (strcmp(argv[i], "--presentation") == 0 && face == Face::kCheck) {
+            face = Face::kPresentation;
+        } else if (strcmp(argv[i], "--catalogue") == 0 && i + 1 < argc) {
+            cataloguePath = argv[++i];
         } else if (strcmp(argv[i], "--keep-loaded") == 0) {
             keepLoaded = true;
         } else if (!havePath && argv[i][0] != '-') {
@@ -273,5 +290,11 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    return Run(modulePath, converse, keepLoaded);
+    if (!cataloguePath.empty() && face != Face::kPresentation) {
+        PrintUsage(argv[0]);
+        return 2;
+    }
+    if (cataloguePath.empty())
+        cataloguePath = DefaultCataloguePath();
+    return Run(modulePath, face, cataloguePath, keepLoaded);
 }

@@ -1,0 +1,268 @@
+// The UI host's side of the presentation plug-in, on a console: notices are printed as they
+// arrive, and events are typed on stdin, either as whole "brguiEvent" documents or as short
+// commands that build them.
+#include "PresentationFace.h"
+
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "IPresentationHost.h"
+#include "IPresentationPlugin.h"
+#include "ITranslator.h"
+
+namespace {
+
+constexpr uint32_t kClientId = 1;
+constexpr uint32_t kKeyManual = 360;
+constexpr uint32_t kKeyAutomatic = 361;
+
+// Printing is shared by the host's thread and the module's notification threads; one lock
+// keeps each notice whole.
+std::mutex g_printMutex;
+
+void PrintBlock(const std::string& header, const std::string& body) {
+    std::lock_guard<std::mutex> lock(g_printMutex);
+    fputs(header.c_str(), stdout);
+    fputc('\n', stdout);
+    if (!body.empty()) {
+        fputs(body.c_str(), stdout);
+        if (body.back() != '\n')
+            fputc('\n', stdout);
+    }
+    fflush(stdout);
+}
+
+// key<TAB>text lines; empty lines and lines starting with '#' are skipped.
+class Catalogue : public ITranslator {
+  public:
+    bool Load(const std::string& path) {
+        std::ifstream in(path);
+        if (!in) {
+            fprintf(stderr, "tideway-host: cannot read the catalogue %s\n", path.c_str());
+            return false;
+        }
+        std::string line;
+        for (unsigned number = 1; std::getline(in, line); ++number) {
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            if (line.empty() || line[0] == '#')
+                continue;
+            const size_t tab = line.find('\t');
+            const std::string key = line.substr(0, tab);
+            char* end = nullptr;
+            const unsigned long value = strtoul(key.c_str(), &end, 10);
+            if (tab == std::string::npos || key.empty() ||
+                key.find_first_not_of("0123456789") != std::string::npos || value > UINT32_MAX) {
+                fprintf(stderr, "tideway-host: %s:%u: not a key<TAB>text line\n", path.c_str(),
+                        number);
+                return false;
+            }
+            texts_[static_cast<uint32_t>(value)] = line.substr(tab + 1);
+        }
+        return true;
+    }
+
+    // The text for `key`, empty when the catalogue has none.
+    std::string Text(uint32_t key) const {
+        const auto it = texts_.find(key);
+        return it != texts_.end() ? it->second : std::string();
+    }
+
+    // A key without a text answers -1, so the plug-in shows an empty text; the key is reported
+    // once on stderr so that a gap in the catalogue is seen.
+    int32_t TranslateText(uint32_t key, char* buffer, uint32_t& size) override {
+        const auto it = texts_.find(key);
+        if (it == texts_.end()) {
+            std::lock_guard<std::mutex> lock(missingMutex_);
+            if (missing_.insert(key).second)
+                fprintf(stderr, "tideway-host: no text for key %u in the catalogue\n", key);
+            return -1;
+        }
+        const uint32_t needed = static_cast<uint32_t>(it->second.size() + 1);
+        if (buffer == nullptr || size < needed) {
+            size = needed;
+            return -3;
+        }
+        memcpy(buffer, it->second.c_str(), needed);
+        return 0;
+    }
+
+  private:
+    std::map<uint32_t, std::string> texts_;
+    std::mutex missingMutex_;
+    std::set<uint32_t> missing_;
+};
+
+class PrintingHost : public IPresentationHost {
+  public:
+    int32_t DeliverXml(uint32_t clientId, const char* xml) override {
+        PrintBlock(Header("--- notice", clientId), xml != nullptr ? xml : "(null)");
+        return 0;
+    }
+    int32_t NotifyStopped(uint32_t clientId) override {
+        PrintBlock(Header("--- stopped", clientId), "");
+        return 0;
+    }
+
+  private:
+    static std::string Header(const char* what, uint32_t clientId) {
+        if (clientId == kClientId)
+            return what;
+        return std::string(what) + " (for client " + std::to_string(clientId) + ", not " +
+               std::to_string(kClientId) + ")";
+    }
+};
+
+std::string EscapeAttribute(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        switch (c) {
+            case '&': out += "&amp;"; break;
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '"': out += "&quot;"; break;
+            default: out += c;
+        }
+    }
+    return out;
+}
+
+// The event the host sends when the user picks `tower` in the tower combobox.
+std::string TowerEvent(const std::string& tower) {
+    return "<brguiEvent id=\"tower_list_combobox_OnSelect\"><combobox id=\"tower_list_combobox\" "
+           "value=\"" + EscapeAttribute(tower) + "\"/></brguiEvent>";
+}
+
+// The event the host sends when the user picks a mode radio: the group's value is the label.
+std::string ModeEvent(const std::string& label) {
+    return "<brguiEvent id=\"mode_radio_group_OnSelect\"><radiogroup id=\"mode_radio_group\" "
+           "value=\"" + EscapeAttribute(label) + "\"/></brguiEvent>";
+}
+
+std::string Trim(const std::string& text) {
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos)
+        return "";
+    const size_t last = text.find_last_not_of(" \t\r");
+    return text.substr(first, last - first + 1);
+}
+
+bool EndsWith(const std::string& text, const char* tail) {
+    const size_t n = strlen(tail);
+    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
+}
+
+// A typed document is complete at "</brguiEvent>", or at once when it is one empty element.
+bool DocumentComplete(const std::string& document) {
+    return EndsWith(document, "</brguiEvent>") ||
+           (EndsWith(document, "/>") && document.find('<', 1) == std::string::npos);
+}
+
+void PrintHelp() {
+    PrintBlock("--- commands",
+               "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines\n"
+               "  select-tower NAME                 pick NAME in the tower list\n"
+               "  mode automatic|manual             pick a mode radio (by its translated label)\n"
+               "  help                              this list\n"
+               "  quit                              stop the plug-in and leave (also end of input)");
+}
+
+void Deliver(IPresentationPlugin* plugin, const std::string& document) {
+    PrintBlock("--- event", document);
+    const int32_t result = plugin->HandleEvent(document.c_str());
+    PrintBlock("HandleEvent -> " + std::to_string(result), "");
+}
+
+// Reads stdin until "quit" or its end and hands every event to the plug-in.
+void ReadEvents(IPresentationPlugin* plugin, const Catalogue& catalogue) {
+    std::string document;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        const std::string text = Trim(line);
+        if (!document.empty() || (!text.empty() && text[0] == '<')) {
+            document += document.empty() ? text : "\n" + text;
+            if (DocumentComplete(document)) {
+                Deliver(plugin, document);
+                document.clear();
+            }
+            continue;
+        }
+        if (text.empty())
+            continue;
+        if (text == "quit")
+            return;
+        if (text == "help") {
+            PrintHelp();
+        } else if (text.compare(0, 13, "select-tower ") == 0 && !Trim(text.substr(13)).empty()) {
+            Deliver(plugin, TowerEvent(Trim(text.substr(13))));
+        } else if (text == "mode automatic" || text == "mode manual") {
+            const std::string label =
+                catalogue.Text(text == "mode automatic" ? kKeyAutomatic : kKeyManual);
+            Deliver(plugin, ModeEvent(label));
+        } else {
+            PrintBlock("--- not understood: " + text + " (try help)", "");
+        }
+    }
+    if (!document.empty())
+        PrintBlock("--- incomplete event document dropped at end of input", document);
+}
+
+}  // namespace
+
+std::string DefaultCataloguePath() {
+    char path[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (n <= 0)
+        return "tideway-host.catalogue";
+    std::string self(path, static_cast<size_t>(n));
+    const size_t slash = self.rfind('/');
+    return (slash == std::string::npos ? std::string(".") : self.substr(0, slash)) +
+           "/tideway-host.catalogue";
+}
+
+bool RunPresentation(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
+                     const std::string& cataloguePath) {
+    Catalogue catalogue;
+    if (!catalogue.Load(cataloguePath))
+        return false;
+    PrintingHost host;
+
+    Plugin* created = createPlugin("com.tarvex.brenlo.presentation");
+    if (created == nullptr) {
+        printf("CreatePlugin(presentation) failed; see the system log\n");
+        return false;
+    }
+    IPresentationPlugin* plugin = static_cast<IPresentationPlugin*>(created);
+    // The host context is only tested against null; the host object serves.
+    const int32_t initialized = plugin->Initialize(&host, kClientId, &host, &catalogue);
+    PrintBlock("Initialize -> " + std::to_string(initialized), "");
+    bool ok = initialized == 0;
+    if (ok) {
+        const int32_t started = plugin->Start();
+        PrintBlock("Start -> " + std::to_string(started), "");
+        ok = started == 0;
+        if (ok)
+            ReadEvents(plugin, catalogue);
+        if (ok) {
+            const int32_t stopped = plugin->Stop();
+            PrintBlock("Stop -> " + std::to_string(stopped), "");
+            ok = stopped == 0;
+        }
+        const int32_t shutDown = plugin->Shutdown();
+        PrintBlock("Shutdown -> " + std::to_string(shutDown), "");
+        ok = ok && shutDown == 0;
+    }
+    disposePlugin(created);
+    PrintBlock("Plug-in disposed", "");
+    return ok;
+}
