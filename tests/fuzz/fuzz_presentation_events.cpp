@@ -80,6 +80,16 @@ Harness& TheHarness() {
     h->fake->Deliver(COMM_MSG_SRVC_STARTED);
     if (!h->host.WaitForNotice("type=\"update\""))
         Fail("no status notice after the service started");
+    // Status 9 makes the plug-in ask for towers, settings, statistics and the proxy state, the
+    // last of them after its notice: wait for that one, so that none of them (a tower-list
+    // request among them) is taken for the marker or for an event's command.
+    if (!h->fake->WaitFor([&] {
+            for (uint32_t id : h->fake->sentIds)
+                if (id == COMM_MSG_PROXY_STATE_QUERY)
+                    return true;
+            return false;
+        }))
+        Fail("the requests of the start never went out");
     std::string host = "proxy", port = "8080", scheme = "Basic", realm = "r";
     h->plugin->OnProxyCredRequest(host, port, scheme, realm);  // arms the dialog's events
     g_Harness = h;
