@@ -7,6 +7,10 @@
 // - BM_RawBuildPrintStream: the raw build printed through rapidxml's stream overload instead;
 // - BM_EventParse / BM_RawParse: an event from the host read with XmlUIEvent (copy, depth scan,
 //   parse, index) and with a bare rapidxml parse of a copy.
+// - BM_HandleEventTowerSelection: a tower selection from the host through HandleEvent of a
+//   started plug-in whose API is connected (through a stand-in IPC client that accepts every
+//   send), up to the command on the communicator's main queue: parse, table lookup, combobox
+//   value, SetTower.
 // Before running, the program checks that both builds print the same bytes. At the end it
 // prints the ratios layer / raw, of real and of CPU time (of the medians when run with
 // --benchmark_repetitions).
@@ -26,8 +30,17 @@
 #include <rapidxml/rapidxml.hpp>
 #include <rapidxml/rapidxml_print.hpp>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "IPresentationHost.h"
+#include "ITranslator.h"
+#include "comm/ChannelPacket.h"
+#include "comm/ClientSideCommunicator.h"
 #include "common/VNTrace.h"
 #include "presentation/UiVocabulary.h"
+#include "presentation/VantoriaPresentationPlugin.h"
 #include "presentation/XmlUIEvent.h"
 #include "presentation/XmlUINotice.h"
 
@@ -168,11 +181,100 @@ void BM_RawParse(benchmark::State& state) {
     }
 }
 
+// The IPC library's place: connects at once, accepts every packet.
+struct AcceptingClient : IIPCClient {
+    std::atomic<IIPCCallback*>* callback;
+    std::atomic<int>* connects;
+    std::atomic<uint64_t>* towerChanges;
+    BR_STATUSCODE ConnectAsync(uint32_t, uint32_t, uint32_t, uint16_t) override {
+        ++*connects;
+        return 0;
+    }
+    BR_STATUSCODE SendData(IPCBuffer* buffer) override {
+        MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
+        if (ParsePacket(buffer->m_pData, buffer->m_Length, message) &&
+            message.m_MessageId == COMM_MSG_CHANGE_ACTIVE_TOWER)
+            ++*towerChanges;
+        return 0;
+    }
+    BR_STATUSCODE ReservedSlot2() override { return 16; }
+    BR_STATUSCODE ReservedSlot3() override { return 16; }
+    BR_STATUSCODE TearDown() override { return 0; }
+    BR_STATUSCODE ReservedSlot5() override { return 16; }
+    BR_STATUSCODE ReservedSlot6() override { return 16; }
+};
+
+struct QuietHost : IPresentationHost, ITranslator {
+    int32_t DeliverXml(uint32_t, const char*) override { return 0; }
+    int32_t NotifyStopped(uint32_t) override { return 0; }
+    int32_t TranslateText(uint32_t, char*, uint32_t&) override { return -1; }
+};
+
+const char kTowerSelection[] =
+    "<brguiEvent id=\"tower_list_combobox_OnSelect\">"
+    "<combobox id=\"tower_list_combobox\" value=\"east-1\"/></brguiEvent>";
+
+void BM_HandleEventTowerSelection(benchmark::State& state) {
+    std::atomic<IIPCCallback*> callback{nullptr};
+    std::atomic<int> connects{0};
+    std::atomic<uint64_t> towerChanges{0};
+    QuietHost host;
+    int context = 0;
+    auto plugin = std::make_unique<CVantoriaPresentationPlugin>();
+    CVantoriaApi& api = plugin->GetApi();
+    g_pVantoriaApi = &api;
+    const bool made = api.Initialize(5003, [&](uint32_t, IIPCCallback* cb) -> IIPCClient* {
+        callback = cb;
+        auto* client = new AcceptingClient;
+        client->callback = &callback;
+        client->connects = &connects;
+        client->towerChanges = &towerChanges;
+        return client;
+    }) && api.StartCommunicator();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (made && connects == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    bool ready = made && connects > 0 && plugin->Initialize(&context, 1, &host, &host) == 0 &&
+                 plugin->Start() == 0;
+    if (ready) {
+        callback.load()->OnPeerStateChanged(8, 1, 2);
+        MSG_QUEUE_MSG started(COMM_MSG_SRVC_STARTED, 0, 1, 0);
+        CWirePacket packet;
+        MakeWirePacket(&started, packet);
+        callback.load()->OnReqMsgRecv(&packet.m_Buffer);
+        while (!api.GetCommunicator()->IsConnected() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ready = api.GetCommunicator()->IsConnected();
+    }
+    if (!ready) {
+        state.SkipWithError("the plug-in did not come up");
+    } else {
+        uint64_t events = 0;
+        for (auto _ : state) {
+            if (plugin->HandleEvent(kTowerSelection) != 0) {
+                state.SkipWithError("HandleEvent failed");
+                break;
+            }
+            ++events;
+        }
+        // Every selection must have become a tower change on the channel.
+        const auto drained = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (towerChanges < events && std::chrono::steady_clock::now() < drained)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        state.counters["tower_changes_sent"] = static_cast<double>(towerChanges.load());
+        if (towerChanges < events)
+            state.SkipWithError("a selection did not reach the channel");
+    }
+    g_pVantoriaApi = nullptr;
+    plugin.reset();
+}
+
 BENCHMARK(BM_NoticeBuildPrint)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RawBuildPrint)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RawBuildPrintStream)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EventParse)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RawParse)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HandleEventTowerSelection)->Unit(benchmark::kMicrosecond);
 
 // Keeps real and CPU time per iteration of every run (the median with --benchmark_repetitions):
 // on a machine shared with other builds the CPU time is the steadier of the two.
