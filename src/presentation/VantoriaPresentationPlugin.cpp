@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <new>
+#include <sstream>
 #include <vector>
 
 #include "VantoriaRecords.h"
@@ -16,7 +17,30 @@
 namespace {
 
 // Text keys of the host's catalogue used here.
+constexpr uint32_t kKeyErrorTitle = 5;
+constexpr uint32_t kKeyDetectOnLan = 77;
+constexpr uint32_t kKeyServiceStatus = 79;
+constexpr uint32_t kKeyOff = 81;
 constexpr uint32_t kKeyDisplayName = 167;
+constexpr uint32_t kKeyUnknown = 171;
+constexpr uint32_t kKeyOnLanYes = 176;
+constexpr uint32_t kKeyOnLanNo = 177;
+constexpr uint32_t kKeyOnLanNotApplicable = 178;
+constexpr uint32_t kKeyModePlaceholder = 362;
+constexpr uint32_t kKeyOn = 369;
+constexpr uint32_t kKeyCurrentTower = 374;
+constexpr uint32_t kKeyLastSwitch = 381;
+constexpr uint32_t kKeyFiltered = 382;
+constexpr uint32_t kKeyBypassed = 383;
+constexpr uint32_t kKeySelectionMode = 384;
+constexpr uint32_t kKeyGroupActive = 385;
+constexpr uint32_t kKeyGroupTower = 386;
+constexpr uint32_t kKeyGroupTotal = 387;
+constexpr uint32_t kKeyEnabledSince = 389;
+constexpr uint32_t kKeyGroupService = 390;
+constexpr uint32_t kKeyOnLan = 391;
+constexpr uint32_t kKeyClosestFailed = 392;
+constexpr uint32_t kKeyTowerChangeFailed = 393;
 constexpr uint32_t kKeyManualMode = 360;
 constexpr uint32_t kKeyAutomaticMode = 361;
 constexpr uint32_t kKeyTowerLabel = 375;
@@ -44,6 +68,46 @@ constexpr size_t kMaxPassword = sizeof(ProxyCredInfo::szPassword);
 // The longest text taken from the translator, terminator included. A catalogue text is a
 // caption or a sentence; a larger size is a translator fault and gives no text.
 constexpr uint32_t kMaxTranslation = 64 * 1024;
+
+// Statistics values shown before the first report.
+constexpr const char kZeroCount[] = "0";
+constexpr const char kStatsTag[] = "stat_update";
+constexpr const char kTwoColumns[] = "2";
+
+// A text of a result object through its buffer protocol: the size query must answer -3, the
+// copy 0. The text ends at the first NUL inside the buffer.
+template <typename Getter>
+bool FetchText(Getter getter, std::string& text) {
+    uint32_t size = 0;
+    if (getter(nullptr, size) != -3)
+        return false;
+    // One byte more than asked and zeroed, so that a text without terminator stays in bounds.
+    std::vector<char> buffer(static_cast<size_t>(size) + 1, '\0');
+    uint32_t given = size;
+    if (getter(buffer.data(), given) != 0)
+        return false;
+    text.assign(buffer.data(), strnlen(buffer.data(), size));
+    return true;
+}
+
+// A group of an outline list box with its caption column.
+XmlNode AddListGroup(XmlNode box, const char* id, const std::string& caption) {
+    XmlNode group = box.AddChild(kUiListGroup);
+    group.SetAttribute(kUiId, id);
+    group.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, caption.c_str());
+    return group;
+}
+
+// A row of a group: the caption column, and the value column when `value` is given.
+XmlNode AddListRow(XmlNode group, const char* id, const std::string& caption,
+                   const char* value) {
+    XmlNode row = group.AddChild(kUiListRow);
+    row.SetAttribute(kUiId, id);
+    row.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, caption.c_str());
+    if (value != nullptr)
+        row.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, value);
+    return row;
+}
 
 // Copies `text` into a fixed field, filling the rest with NULs; a text of the field's full size
 // leaves no terminator.
@@ -323,8 +387,91 @@ int32_t CVantoriaPresentationPlugin::OnDCTSettings(IVantoriaDCT* dct) {
     return 0;
 }
 
-int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* /*statistics*/) {
+int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* statistics) {
     CRecursiveLock guard(lock);
+    if (statistics == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, kStatsTag, kUiModuleIdentity);
+    auto text = [statistics](int32_t (IVantoriaStatistics::*get)(char*, uint32_t&),
+                             std::string& out) {
+        return FetchText([&](char* b, uint32_t& n) { return (statistics->*get)(b, n); }, out);
+    };
+    // Any text getter that fails ends the report: the host never gets a half-built panel.
+    XmlUICtrl box = notice.GetControl(kCtrlOutlineListBox, kIdStatOutlineListBox);
+    box.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+
+    XmlNode tower = AddListGroup(box, kIdGroupTowerInfo, Translate(kKeyGroupTower));
+    XmlNode modeRow = AddListRow(tower, kIdSelectionMode, Translate(kKeySelectionMode), nullptr);
+    uint64_t mode = 0;
+    statistics->GetSelectionMode(mode);
+    if (mode <= 2) {  // 0 manual, 1 automatic, 2 the third mode; others show no value
+        static const uint32_t kModeKeys[] = {kKeyManualMode, kKeyAutomaticMode,
+                                             kKeyModePlaceholder};
+        modeRow.AddChild(kUiListRowColumn)
+            .SetAttribute(kUiLabel, Translate(kModeKeys[mode]).c_str());
+    }
+    std::string value;
+    if (!text(&IVantoriaStatistics::GetActiveTowerName, value))
+        return -1;
+    AddListRow(tower, kIdCurTower, Translate(kKeyCurrentTower), value.c_str());
+    if (!text(&IVantoriaStatistics::GetTimeSinceLastTowerSelect, value))
+        return -1;
+    AddListRow(tower, kIdLastSwitch, Translate(kKeyLastSwitch), value.c_str());
+
+    XmlNode service = AddListGroup(box, kIdGroupServiceInfo, Translate(kKeyGroupService));
+    auto serviceWord = [statistics]() {
+        uint64_t state = 0;
+        statistics->GetServiceStatus(state);
+        return state == 2 ? kKeyOn : state == 4 ? kKeyOff : kKeyUnknown;
+    };
+    AddListRow(service, kIdServiceStatus, Translate(kKeyServiceStatus),
+               Translate(serviceWord()).c_str());
+    if (!text(&IVantoriaStatistics::GetTimeServiceEnabled, value))
+        return -1;
+    AddListRow(service, kIdEnabledSince, Translate(kKeyEnabledSince), value.c_str());
+    XmlNode detectRow = AddListRow(service, kIdDetectOnLan, Translate(kKeyDetectOnLan), nullptr);
+    XmlNode onLanRow = AddListRow(service, kIdOnLan, Translate(kKeyOnLan), nullptr);
+    uint64_t detect = 0, onLan = 0;
+    statistics->GetLanState(detect, onLan);
+    const uint32_t onLanKey =
+        detect == 0 ? kKeyOnLanNotApplicable : onLan != 0 ? kKeyOnLanYes : kKeyOnLanNo;
+    detectRow.AddChild(kUiListRowColumn)
+        .SetAttribute(kUiLabel, Translate(detect != 0 ? kKeyOn : kKeyOff).c_str());
+    onLanRow.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, Translate(onLanKey).c_str());
+
+    // Counts in plain decimal through one stream, emptied between rows.
+    std::ostringstream digits;
+    auto count = [&digits](uint64_t n) {
+        digits.str(std::string());
+        digits.clear();
+        digits << n;
+        return digits.str();
+    };
+    uint64_t filtered = 0, bypassed = 0, other = 0;
+    XmlNode active = AddListGroup(box, kIdGroupActiveConnections, Translate(kKeyGroupActive));
+    statistics->GetConnectionCounts(filtered, bypassed, other);
+    AddListRow(active, kIdActiveFiltered, Translate(kKeyFiltered), count(filtered).c_str());
+    AddListRow(active, kIdActiveBypassed, Translate(kKeyBypassed), count(bypassed).c_str());
+    XmlNode total = AddListGroup(box, kIdGroupTotalConnections, Translate(kKeyGroupTotal));
+    statistics->GetTotalCounts(filtered, bypassed, other);
+    AddListRow(total, kIdTotalFiltered, Translate(kKeyFiltered), count(filtered).c_str());
+    AddListRow(total, kIdTotalBypassed, Translate(kKeyBypassed), count(bypassed).c_str());
+
+    // The overview reads its values from the object again.
+    XmlUICtrl overview = notice.GetControl(kCtrlOutlineListBox, kIdOverviewStatOutlineListBox);
+    overview.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+    const std::string caption =
+        Translate(kKeyDisplayName) + " (" + Translate(serviceWord()) + ")";
+    XmlNode group = AddListGroup(overview, kIdGroupTideway, caption);
+    const std::string towerCaption = Translate(kKeyCurrentTower);
+    if (!text(&IVantoriaStatistics::GetActiveTowerName, value))
+        return -1;
+    AddListRow(group, kIdCurTower, towerCaption, value.c_str());
+    const std::string detectCaption = Translate(kKeyDetectOnLan);
+    statistics->GetLanState(detect, onLan);
+    AddListRow(group, kIdDetectOnLan, detectCaption,
+               Translate(detect != 0 ? kKeyOn : kKeyOff).c_str());
+    SendNotice(notice);
     return 0;
 }
 
@@ -493,5 +640,36 @@ void CVantoriaPresentationPlugin::BuildStartupUi() {
     combobox.SetAttribute(kUiDisabled, kUiTrue);
     EnterEvent(combobox.SetEvent(kEventOnSelect, kIdTowerListCombobox), kActionTowerCombobox);
 
+    BuildStatisticsSetup(notice);
     SendNotice(notice);
+}
+
+void CVantoriaPresentationPlugin::BuildStatisticsSetup(XmlUINotice& notice) {
+    const std::string unknown = Translate(kKeyUnknown);
+    const std::string pending = Translate(kKeyModePlaceholder);
+    XmlUICtrl box = notice.GetControl(kCtrlOutlineListBox, kIdStatOutlineListBox);
+    box.SetAttribute(kUiUpdateRows, kUiFalse).SetAttribute(kUiNumColumns, kTwoColumns);
+    XmlNode tower = AddListGroup(box, kIdGroupTowerInfo, Translate(kKeyGroupTower));
+    AddListRow(tower, kIdSelectionMode, Translate(kKeySelectionMode), pending.c_str());
+    AddListRow(tower, kIdCurTower, Translate(kKeyCurrentTower), pending.c_str());
+    AddListRow(tower, kIdLastSwitch, Translate(kKeyLastSwitch), unknown.c_str());
+    XmlNode service = AddListGroup(box, kIdGroupServiceInfo, Translate(kKeyGroupService));
+    AddListRow(service, kIdServiceStatus, Translate(kKeyServiceStatus), unknown.c_str());
+    AddListRow(service, kIdEnabledSince, Translate(kKeyEnabledSince), unknown.c_str());
+    AddListRow(service, kIdDetectOnLan, Translate(kKeyDetectOnLan), unknown.c_str());
+    AddListRow(service, kIdOnLan, Translate(kKeyOnLan), unknown.c_str());
+    XmlNode active = AddListGroup(box, kIdGroupActiveConnections, Translate(kKeyGroupActive));
+    AddListRow(active, kIdActiveFiltered, Translate(kKeyFiltered), kZeroCount);
+    AddListRow(active, kIdActiveBypassed, Translate(kKeyBypassed), kZeroCount);
+    XmlNode total = AddListGroup(box, kIdGroupTotalConnections, Translate(kKeyGroupTotal));
+    AddListRow(total, kIdTotalFiltered, Translate(kKeyFiltered), kZeroCount);
+    AddListRow(total, kIdTotalBypassed, Translate(kKeyBypassed), kZeroCount);
+
+    // The overview box says "true" even here; the host reads the two boxes differently.
+    XmlUICtrl overview = notice.GetControl(kCtrlOutlineListBox, kIdOverviewStatOutlineListBox);
+    overview.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+    const std::string caption = Translate(kKeyDisplayName) + " (" + unknown + ")";
+    XmlNode group = AddListGroup(overview, kIdGroupTideway, caption);
+    AddListRow(group, kIdCurTower, Translate(kKeyCurrentTower), unknown.c_str());
+    AddListRow(group, kIdDetectOnLan, Translate(kKeyDetectOnLan), unknown.c_str());
 }

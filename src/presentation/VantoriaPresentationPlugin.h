@@ -80,6 +80,8 @@ class CVantoriaPresentationPlugin : public IPresentationPlugin, public IVantoria
     // The setup notice: the whole page, sent once per Start before the API is registered.
     void BuildStartupUi() REQUIRES(lock);
     XmlUICtrl BuildModeRadioGroup(XmlUINotice& notice) REQUIRES(lock);
+    // The two statistics boxes of the setup notice, with placeholder values.
+    void BuildStatisticsSetup(XmlUINotice& notice) REQUIRES(lock);
     void EnterEvent(const std::string& eventId, int32_t action);
 
     // The four actions of HandleEvent.
