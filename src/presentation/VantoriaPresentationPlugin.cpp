@@ -41,6 +41,15 @@ constexpr uint32_t kKeyGroupService = 390;
 constexpr uint32_t kKeyOnLan = 391;
 constexpr uint32_t kKeyClosestFailed = 392;
 constexpr uint32_t kKeyTowerChangeFailed = 393;
+constexpr uint32_t kKeyTileTrusted = 238;
+constexpr uint32_t kKeyTileStatus3 = 367;
+constexpr uint32_t kKeyTileStatus4 = 365;
+constexpr uint32_t kKeyTileStatus5 = 366;
+constexpr uint32_t kKeyTileStatus7 = 371;
+constexpr uint32_t kKeyTileStatus8 = 373;
+constexpr uint32_t kKeyTileStatus9 = 372;
+constexpr uint32_t kKeyTileStatus16 = 398;
+constexpr uint32_t kKeyTileStatus17 = 399;
 constexpr uint32_t kKeyManualMode = 360;
 constexpr uint32_t kKeyAutomaticMode = 361;
 constexpr uint32_t kKeyTowerLabel = 375;
@@ -68,6 +77,44 @@ constexpr size_t kMaxPassword = sizeof(ProxyCredInfo::szPassword);
 // The longest text taken from the translator, terminator included. A catalogue text is a
 // caption or a sentence; a larger size is a translator fault and gives no text.
 constexpr uint32_t kMaxTranslation = 64 * 1024;
+
+// How the tile shows a status: its text alone, its text with the tower (also in the history
+// line), or on the tile only, with no tray text and no history line.
+enum TileKind { kTilePlain, kTileWithTower, kTileOnly };
+
+// One status code that describes the agent's state: kept in lastStatus, shown on the tile.
+struct StatusRow {
+    uint64_t code;
+    bool keepTower;
+    int32_t trayState;
+    uint32_t key;
+    TileKind kind;
+};
+
+constexpr StatusRow kStatusRows[] = {
+    {1, false, kTrayNeutral, kKeyOff, kTilePlain},
+    {2, true, kTrayGood, kKeyOn, kTileWithTower},
+    {3, false, kTrayNeutral, kKeyTileStatus3, kTilePlain},
+    {4, false, kTrayNeutral, kKeyTileStatus4, kTilePlain},
+    {5, false, kTrayNeutral, kKeyTileStatus5, kTilePlain},
+    {6, false, kTrayTrusted, kKeyTileTrusted, kTilePlain},
+    {7, false, kTrayError, kKeyTileStatus7, kTilePlain},
+    {8, false, kTrayError, kKeyTileStatus8, kTilePlain},
+    {9, true, kTrayGood, kKeyTileStatus9, kTileWithTower},
+    {16, false, kTrayNeutral, kKeyTileStatus16, kTileOnly},
+    {17, false, kTrayNeutral, kKeyTileStatus17, kTileOnly},
+};
+
+// The row of a stored status code, or null for the answers 10 to 15 and unknown codes.
+const StatusRow* FindStatusRow(uint64_t code) {
+    for (const StatusRow& row : kStatusRows)
+        if (row.code == code)
+            return &row;
+    return nullptr;
+}
+
+// The first size tried for an information message.
+constexpr uint32_t kInfoMessageFirstSize = 128;
 
 // Statistics values shown before the first report.
 constexpr const char kZeroCount[] = "0";
@@ -345,30 +392,74 @@ int32_t CVantoriaPresentationPlugin::OnStatus(IVantoriaStatus* status) {
     uint64_t code = 0;
     if (status == nullptr || status->GetStatus(code) != 0)
         return -1;
-    // A status is acted on only when it changes.
+    // A status is acted on only when it changes; a repeat sends nothing at all.
     if (static_cast<int64_t>(code) == lastStatus)
         return 0;
     // Codes 1 to 9, 16 and 17 describe the agent's state and are kept; the answers 10 to 15
-    // are not. The tower stays only while the service runs (2, 9).
-    const bool stored = (code >= 1 && code <= 9) || code == 16 || code == 17;
-    if (stored) {
+    // are not, so a second failure of the same kind is shown again.
+    if (const StatusRow* row = FindStatusRow(code)) {
         lastStatus = static_cast<int64_t>(code);
-        if (code != 2 && code != 9)
-            towerName.clear();
+        if (!row->keepTower)
+            towerName.clear();  // the tower stays only while the service runs
+        if (code == 2 || code == 9) {
+            // The service runs: ask for the data of the tower page.
+            if (api.GetTowerList() != 0)
+                VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
+            if (api.GetDCTSettings() != 0)
+                VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
+        }
+        if (code == 9) {
+            api.StartStatsCollecting();
+            api.QueryProxyState();
+        }
+        notice.SetState(row->trayState);
+        UpdateStatusText(notice);
+        // A page for "Good" is set up by the DCT report that the request above brings.
+        if (row->trayState != kTrayGood)
+            DisableTowerControls(notice);
+    } else if (code == 10 || code == 12) {
+        SendErrorPopup(code == 10 ? kKeyTowerChangeFailed : kKeyClosestFailed);
     }
-    if (code == 2 || code == 9) {
-        // The service runs: ask for the data of the tower page.
-        if (api.GetTowerList() != 0)
-            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
-        if (api.GetDCTSettings() != 0)
-            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
-    }
-    if (code == 9) {
-        api.StartStatsCollecting();
-        api.QueryProxyState();
-    }
+    // Sent whatever it holds: for the answers and unknown codes an empty update.
     SendNotice(notice);
     return 0;
+}
+
+void CVantoriaPresentationPlugin::SendErrorPopup(uint32_t textKey) {
+    XmlUINotice popup(kNoticePopup, nullptr, kUiModuleIdentity);
+    popup.root.SetAttribute(kUiId, kIdErrorPopup).SetAttribute(kUiType, kUiError);
+    popup.root.AddChild(kUiTitle).SetAttribute(kUiValue, Translate(kKeyErrorTitle).c_str());
+    popup.root.AddChild(kUiText).SetAttribute(kUiValue, Translate(textKey).c_str());
+    SendNotice(popup);
+}
+
+void CVantoriaPresentationPlugin::UpdateStatusText(XmlUINotice& notice) {
+    const StatusRow* row = lastStatus > 0 ? FindStatusRow(static_cast<uint64_t>(lastStatus))
+                                          : nullptr;
+    if (row == nullptr)
+        return;
+    const std::string text = Translate(row->key);
+    std::string trayText, history;
+    switch (row->kind) {
+        case kTilePlain:
+            trayText = history = text;
+            SetLabelValue(notice, kIdSimpleStatus, text.c_str());
+            break;
+        case kTileWithTower:
+            trayText = history = text;
+            if (!towerName.empty())
+                history += " (" + towerName + ")";
+            SetLabelValue(notice, kIdSimpleStatus, history.c_str());
+            break;
+        case kTileOnly:
+            SetLabelValue(notice, kIdSimpleStatus, text.c_str());
+            break;
+    }
+    if (!trayText.empty())
+        notice.GetControl(kCtrlTrayState, kIdTrayStateString)
+            .SetAttribute(kUiValue, trayText.c_str());
+    if (!history.empty())
+        notice.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, history.c_str());
 }
 
 int32_t CVantoriaPresentationPlugin::OnDCTSettings(IVantoriaDCT* dct) {
@@ -475,8 +566,24 @@ int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* statistic
     return 0;
 }
 
-int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* /*message*/) {
+int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* message) {
     CRecursiveLock guard(lock);
+    if (message == nullptr)
+        return 0;
+    // One more zeroed byte than offered, so that a text without terminator stays in bounds.
+    std::vector<char> buffer(kInfoMessageFirstSize + 1, '\0');
+    uint32_t size = kInfoMessageFirstSize;
+    int32_t result = message->GetMessageText(buffer.data(), size);
+    if (result == -3) {
+        buffer.assign(static_cast<size_t>(size) + 1, '\0');
+        result = message->GetMessageText(buffer.data(), size);
+    }
+    if (result != 0)
+        return 0;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    const std::string text(buffer.data(), strnlen(buffer.data(), buffer.size() - 1));
+    notice.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, text.c_str());
+    SendNotice(notice);
     return 0;
 }
 
@@ -595,6 +702,17 @@ void CVantoriaPresentationPlugin::SetLabelValue(XmlUINotice& notice, const char*
 void CVantoriaPresentationPlugin::EnterEvent(const std::string& eventId, int32_t action) {
     CMutexLock table(m_TableLock);
     eventTable[eventId] = action;
+}
+
+void CVantoriaPresentationPlugin::DisableTowerControls(XmlUINotice& notice) {
+    // Only greyed: controls made visible stay visible.
+    notice.GetControl(kCtrlLabel, kIdTowerSelectLbl).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending)
+        .SetAttribute(kUiHidden, kUiTrue)
+        .SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlRadioGroup, kIdModeRadioGroup).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlComboBox, kIdTowerListCombobox).SetAttribute(kUiDisabled, kUiTrue);
 }
 
 XmlUICtrl CVantoriaPresentationPlugin::BuildModeRadioGroup(XmlUINotice& notice) {

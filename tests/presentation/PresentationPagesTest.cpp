@@ -3,13 +3,18 @@
 // documents on what the host acts on.
 #include <string.h>
 
+#include <fstream>
 #include <map>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "RecordingHost.h"
+#include "SyslogCapture.h"
+#include "common/VNTrace.h"
 #include "api/VantoriaResultObjects.h"
 #include "presentation/UiVocabulary.h"
 #include "presentation/VantoriaPresentationPlugin.h"
@@ -41,9 +46,54 @@ std::map<std::string, std::vector<std::string>> Rows(const std::string& xml, con
     return rows;
 }
 
+// The attributes of a notice that the host acts on, "-" for one that is missing.
+struct Shown {
+    std::string state, status, tray, log;
+    bool operator==(const Shown& o) const {
+        return state == o.state && status == o.status && tray == o.tray && log == o.log;
+    }
+};
+std::ostream& operator<<(std::ostream& out, const Shown& s) {
+    return out << "{" << s.state << "|" << s.status << "|" << s.tray << "|" << s.log << "}";
+}
+std::string AttributeOr(const XmlNode& node, const char* name) {
+    bool exists = false;
+    const std::string value = node.GetAttribute(name, exists);
+    return node.IsNull() || !exists ? "-" : value;
+}
+Shown ShownBy(XmlUINotice& notice) {
+    return {AttributeOr(notice.root, kUiState),
+            AttributeOr(notice.controls[kIdSimpleStatus], kUiValue),
+            AttributeOr(notice.controls[kIdTrayStateString], kUiValue),
+            AttributeOr(notice.root.FirstChild(kUiLog), kUiMessageHistory)};
+}
+
 class PresentationPages : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(plugin_.Initialize(&context_, 3, &host_, &host_), 0); }
+    void SetUp() override {
+        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
+                          10, 10000, 100, 1, 0, 60);
+        savedMask_ = g_Trace.GetLevelMask();
+        g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_API));
+        syslog_capture::Clear();
+        ASSERT_EQ(plugin_.Initialize(&context_, 3, &host_, &host_), 0);
+    }
+    void TearDown() override { g_Trace.SetLevelMask(savedMask_); }
+    // The plug-in's own trace lines and the API requests it made, in order.
+    std::vector<std::string> TakeLines() {
+        std::vector<std::string> lines;
+        for (const std::string& l : syslog_capture::Texts())
+            if (l.find("CVantoriaPresentationPlugin") != std::string::npos ||
+                l.find("CVantoriaApi") != std::string::npos)
+                lines.push_back(l.substr(0, l.find_last_not_of('\n') + 1));
+        syslog_capture::Clear();
+        return lines;
+    }
+    int32_t Status(uint64_t code) {
+        CVantoriaStatus status(code);
+        return plugin_.OnStatus(&status);
+    }
+    uint32_t savedMask_ = 0;
     std::vector<std::string> TakeNotices() {
         std::vector<std::string> taken = host_.Notices();
         std::lock_guard<std::mutex> lock(host_.mutex);
@@ -170,6 +220,156 @@ TEST_F(PresentationPages, StatisticsWithAFailingTextGetterSendNothing) {
     }
     EXPECT_EQ(plugin_.OnStatistics(nullptr), -1);
     EXPECT_TRUE(TakeNotices().empty());
+}
+
+TEST_F(PresentationPages, StatusCodesDriveTileTrayAndHistory) {
+    const std::string none = "-";
+    struct Case {
+        uint64_t code;
+        Shown shown;            // of the update notice; all "-" for an empty one
+        uint32_t popupText;     // key of the error pop-up before it, 0 for none
+        bool disablesPage;
+    };
+    const std::vector<Case> cases = {
+        {2, {"Good", T(369), T(369), T(369)}, 0, false},
+        {10, {none, none, none, none}, 393, false},
+        {10, {none, none, none, none}, 393, false},  // not stored: acted on again
+        {12, {none, none, none, none}, 392, false},
+        {11, {none, none, none, none}, 0, false},
+        {13, {none, none, none, none}, 0, false},
+        {14, {none, none, none, none}, 0, false},
+        {15, {none, none, none, none}, 0, false},
+        {0, {none, none, none, none}, 0, false},
+        {18, {none, none, none, none}, 0, false},
+        {9, {"Good", T(372), T(372), T(372)}, 0, false},
+        {3, {"Neutral", T(367), T(367), T(367)}, 0, true},
+        {1, {"Neutral", T(81), T(81), T(81)}, 0, true},
+        {4, {"Neutral", T(365), T(365), T(365)}, 0, true},
+        {5, {"Neutral", T(366), T(366), T(366)}, 0, true},
+        {6, {"Trusted", T(238), T(238), T(238)}, 0, true},
+        {7, {"Error", T(371), T(371), T(371)}, 0, true},
+        {8, {"Error", T(373), T(373), T(373)}, 0, true},
+        {16, {"Neutral", T(398), none, none}, 0, true},
+        {17, {"Neutral", T(399), none, none}, 0, true},
+    };
+    for (const Case& c : cases) {
+        ASSERT_EQ(Status(c.code), 0);
+        const std::vector<std::string> notices = TakeNotices();
+        ASSERT_EQ(notices.size(), c.popupText != 0 ? 2u : 1u) << "code " << c.code;
+        if (c.popupText != 0) {
+            XmlUINotice popup(notices[0].c_str());
+            EXPECT_EQ(popup.type, kNoticePopup);
+            XmlNode element = popup.root.FirstChild(kUiPopup);
+            EXPECT_EQ(element.GetAttribute(kUiId), "error_popup");
+            EXPECT_EQ(element.GetAttribute(kUiType), "error");
+            EXPECT_EQ(element.FirstChild(kUiTitle).GetAttribute(kUiValue), T(5));
+            EXPECT_EQ(element.FirstChild(kUiText).GetAttribute(kUiValue), T(c.popupText));
+        }
+        XmlUINotice update(notices.back().c_str());
+        EXPECT_EQ(update.type, kNoticeUpdate);
+        EXPECT_EQ(ShownBy(update), c.shown) << "code " << c.code;
+        if (c.shown.state == none) {
+            EXPECT_TRUE(update.root.FirstChild().IsNull()) << "code " << c.code;
+        }
+        const std::string disabled =
+            AttributeOr(update.controls[kIdModeRadioGroup], kUiDisabled);
+        EXPECT_EQ(disabled, c.disablesPage ? "true" : "-") << "code " << c.code;
+        // The same stored code again: nothing sent, nothing asked.
+        TakeLines();
+        if (c.shown.state != none) {
+            ASSERT_EQ(Status(c.code), 0);
+            EXPECT_TRUE(TakeNotices().empty()) << "code " << c.code;
+            EXPECT_TRUE(TakeLines().empty()) << "code " << c.code;
+        }
+    }
+}
+
+TEST_F(PresentationPages, RunningStatusesAskTheAgentInOrderAndTraceFailedRequests) {
+    // No agent: every request fails, which shows each one in its order.
+    const std::vector<std::pair<uint64_t, std::vector<std::string>>> cases = {
+        {2, {"CVantoriaApi :GetTowerList failed",
+             "CVantoriaPresentationPlugin : Tower list request issue",
+             "CVantoriaApi: GetDCTSettings failed",
+             "CVantoriaPresentationPlugin : Get DCT Settings request issue"}},
+        {9, {"CVantoriaApi :GetTowerList failed",
+             "CVantoriaPresentationPlugin : Tower list request issue",
+             "CVantoriaApi: GetDCTSettings failed",
+             "CVantoriaPresentationPlugin : Get DCT Settings request issue",
+             "CVantoriaApi :StartStatsCollecting failed",
+             "CVantoriaApi: Proxystate query  failed"}},
+        {3, {}},
+    };
+    for (const auto& c : cases) {
+        TakeLines();
+        ASSERT_EQ(Status(c.first), 0);
+        EXPECT_EQ(TakeLines(), c.second) << "code " << c.first;
+    }
+}
+
+// The real message object, counting the calls for its text.
+class CountingMessage : public CVantoriaInfoMessage {
+  public:
+    CountingMessage(const std::string& text, int32_t fault)
+        : CVantoriaInfoMessage(1, text), fault_(fault) {}
+    int32_t GetMessageText(char* buffer, uint32_t& length) override {
+        ++calls;
+        sizes.push_back(length);
+        return fault_ != 0 ? fault_ : CVantoriaInfoMessage::GetMessageText(buffer, length);
+    }
+    int calls = 0;
+    std::vector<uint32_t> sizes;
+
+  private:
+    int32_t fault_;
+};
+
+TEST_F(PresentationPages, InfoMessagesGoToTheHistory) {
+    const std::string longText(200, 'm');
+    struct Case {
+        std::string text;
+        int32_t fault;
+        std::vector<uint32_t> sizes;  // offered on each call
+        std::string log;              // "-" when nothing is sent
+    };
+    const std::vector<Case> cases = {
+        {"agent restarted", 0, {128}, "agent restarted"},
+        {std::string(127, 'a'), 0, {128}, std::string(127, 'a')},
+        {std::string(128, 'b'), 0, {128, 129}, std::string(128, 'b')},
+        {longText, 0, {128, 201}, longText},
+        {"x", -10, {128}, "-"},
+    };
+    for (const Case& c : cases) {
+        CountingMessage message(c.text, c.fault);
+        EXPECT_EQ(plugin_.OnInfoMessage(&message), 0);
+        EXPECT_EQ(message.sizes, c.sizes) << c.text.size();
+        const std::vector<std::string> notices = TakeNotices();
+        if (c.log == "-") {
+            EXPECT_TRUE(notices.empty());
+            continue;
+        }
+        ASSERT_EQ(notices.size(), 1u);
+        XmlUINotice notice(notices[0].c_str());
+        EXPECT_EQ(notice.type, kNoticeUpdate);
+        EXPECT_EQ(ShownBy(notice), (Shown{"-", "-", "-", c.log}));
+    }
+}
+
+TEST_F(PresentationPages, SetupNoticeMatchesTheReference) {
+    ASSERT_EQ(plugin_.Start(), 0);
+    const std::vector<std::string> notices = TakeNotices();
+    if (getenv("PAGES_WRITE_REFERENCE") != nullptr)
+        std::ofstream(PAGES_DATA_DIR "/setup_notice.xml")
+            << std::regex_replace(notices.at(0), std::regex("timestamp=\"[^\"]*\""),
+                                  "timestamp=\"*\"");
+    ASSERT_FALSE(notices.empty());
+    const std::string masked =
+        std::regex_replace(notices[0], std::regex("timestamp=\"[^\"]*\""), "timestamp=\"*\"");
+    std::ifstream file(PAGES_DATA_DIR "/setup_notice.xml");
+    ASSERT_TRUE(file.good());
+    std::stringstream reference;
+    reference << file.rdbuf();
+    EXPECT_EQ(masked, reference.str());
+    EXPECT_EQ(plugin_.Stop(), 0);
 }
 
 }  // namespace
