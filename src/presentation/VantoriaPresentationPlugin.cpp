@@ -381,8 +381,36 @@ void CVantoriaPresentationPlugin::OnCredentialSubmit(const XmlUIEvent& event) {
     explicit_bzero(&password[0], password.size());
 }
 
-int32_t CVantoriaPresentationPlugin::OnTowerList(IVantoriaTowerList* /*list*/) {
+int32_t CVantoriaPresentationPlugin::OnTowerList(IVantoriaTowerList* list) {
     CRecursiveLock guard(lock);
+    if (list == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    // An empty list answers GetCount with an error: the page keeps what it shows.
+    uint64_t count = 0;
+    if (list->GetCount(count) != 0)
+        return -1;
+    int64_t active = -1;
+    if (list->GetActiveIndex(active) != 0)
+        return -1;
+    XmlUICtrl combobox = notice.GetControl(kCtrlComboBox, kIdTowerListCombobox);
+    // The whole list or nothing: a name refused halfway sends no notice.
+    for (uint64_t index = 0; index < count; ++index) {
+        std::string name;
+        if (!FetchText([&](char* b, uint32_t& n) { return list->GetAt(index, b, n); }, name))
+            return -1;
+        XmlNode item = combobox.AddChild(kUiComboItem);
+        item.SetAttribute(kUiLabel, name.c_str());
+        if (active >= 0 && index == static_cast<uint64_t>(active)) {
+            item.SetAttribute(kUiSelected, kUiTrue);
+            if (name != towerName) {
+                towerName = name;
+                SetLabelValue(notice, kIdTower, towerName.c_str());
+                UpdateStatusText(notice);
+            }
+        }
+    }
+    SendNotice(notice);
     return 0;
 }
 
@@ -464,17 +492,59 @@ void CVantoriaPresentationPlugin::UpdateStatusText(XmlUINotice& notice) {
 
 int32_t CVantoriaPresentationPlugin::OnDCTSettings(IVantoriaDCT* dct) {
     CRecursiveLock guard(lock);
-    if (dct == nullptr || (lastStatus != 2 && lastStatus != 9))
+    if (dct == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    // Outside a running service the report has no bearing on the page.
+    if (lastStatus != 2 && lastStatus != 9) {
+        DisableTowerControls(notice);
+        SendNotice(notice);
         return 0;
+    }
     bool changed = false;
     dct->ActiveTowerChanged(changed);
     if (!changed) {
-        uint32_t detect = 0, mode = 0;
+        // A settings report: only mode 0 is manual selection.
+        uint32_t detect = 0, mode = 0, gui = 0;
         dct->GetDetectClosest(detect);
         dct->GetMode(mode);
+        dct->GetGUI(gui);
         automaticMode = mode != 0;
         detectClosest = detect == 1;
+        const char* listDisabled = automaticMode ? kUiTrue : kUiFalse;
+        notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiDisabled, listDisabled);
+        notice.GetControl(kCtrlComboBox, kIdTowerListCombobox)
+            .SetAttribute(kUiDisabled, listDisabled);
+        if (gui == 0) {
+            // The user may not choose: everything grey, whatever the mode.
+            DisableTowerControls(notice);
+        } else {
+            notice.GetControl(kCtrlLabel, kIdTowerSelectLbl)
+                .SetAttribute(kUiHidden, kUiFalse)
+                .SetAttribute(kUiDisabled, kUiFalse);
+            BuildModeRadioGroup(notice)
+                .SetAttribute(kUiHidden, kUiFalse)
+                .SetAttribute(kUiDisabled, kUiFalse);
+            notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiHidden, kUiFalse);
+            notice.GetControl(kCtrlComboBox, kIdTowerListCombobox)
+                .SetAttribute(kUiHidden, kUiFalse);
+        }
+        SendNotice(notice);
+        return 0;
     }
+    // A new active tower.
+    std::string name;
+    if (!FetchText([&](char* b, uint32_t& n) { return dct->GetActivatedTower(b, n); }, name))
+        return -1;
+    // Containment, not equality: a name already part of the shown one changes nothing shown.
+    if (towerName.find(name) == std::string::npos) {
+        towerName = name;
+        SetLabelValue(notice, kIdTower, towerName.c_str());
+        UpdateStatusText(notice);
+    }
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending).SetAttribute(kUiHidden, kUiTrue);
+    api.GetTowerList();  // the fresh list comes as its own callback
+    SendNotice(notice);
     return 0;
 }
 

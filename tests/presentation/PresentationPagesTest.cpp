@@ -3,7 +3,10 @@
 // documents on what the host acts on.
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -370,6 +373,174 @@ TEST_F(PresentationPages, SetupNoticeMatchesTheReference) {
     reference << file.rdbuf();
     EXPECT_EQ(masked, reference.str());
     EXPECT_EQ(plugin_.Stop(), 0);
+}
+
+// The tower page's controls in a notice: disabled/hidden of each ("-" when absent) and the
+// radios' selection.
+std::string Page(const std::string& xml) {
+    XmlUINotice notice(xml.c_str());
+    std::string out;
+    for (const char* id : {kIdTowerSelectLbl, kIdTowerUpdatePending, kIdModeRadioGroup,
+                           kIdTowerListLbl, kIdTowerListCombobox}) {
+        const XmlUICtrl& control = notice.controls[id];
+        out += std::string(id) + ":" + AttributeOr(control, kUiDisabled) + "/" +
+               AttributeOr(control, kUiHidden);
+        for (XmlNode r = control.FirstChild(kUiRadio); !r.IsNull(); r = r.NextSibling(kUiRadio))
+            out += "," + r.GetAttribute(kUiLabel) + "=" + r.GetAttribute(kUiSelected);
+        out += " ";
+    }
+    return out;
+}
+
+TEST_F(PresentationPages, DctReportsSetUpTheTowerPage) {
+    const std::string allGrey =
+        "tower_select_lbl:true/- tower_update_pending:true/true mode_radio_group:true/- "
+        "tower_list_lbl:true/- tower_list_combobox:true/- ";
+    // Before any running status the report only greys the page and leaves the mode alone.
+    CVantoriaDCT early(1, 1, 1);
+    ASSERT_EQ(plugin_.OnDCTSettings(&early), 0);
+    std::vector<std::string> notices = TakeNotices();
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_EQ(Page(notices[0]), allGrey);
+
+    ASSERT_EQ(Status(2), 0);
+    TakeNotices();
+    const std::string manualRadios = ",text 361=false,text 360=true";
+    const std::string autoRadios = ",text 361=true,text 360=false";
+    struct Case {
+        uint32_t mode, detect, gui;
+        std::string page;
+    };
+    const std::vector<Case> cases = {
+        {0, 1, 1, "tower_select_lbl:false/false tower_update_pending:-/- mode_radio_group:false/false" +
+                      manualRadios + " tower_list_lbl:false/false tower_list_combobox:false/false "},
+        {1, 0, 1, "tower_select_lbl:false/false tower_update_pending:-/- mode_radio_group:false/false" +
+                      autoRadios + " tower_list_lbl:true/false tower_list_combobox:true/false "},
+        {2, 0, 1, "tower_select_lbl:false/false tower_update_pending:-/- mode_radio_group:false/false" +
+                      autoRadios + " tower_list_lbl:true/false tower_list_combobox:true/false "},
+        {0, 1, 0, allGrey},  // the user may not choose, whatever the mode
+    };
+    for (const Case& c : cases) {
+        CVantoriaDCT dct(c.mode, c.detect, c.gui);
+        ASSERT_EQ(plugin_.OnDCTSettings(&dct), 0);
+        notices = TakeNotices();
+        ASSERT_EQ(notices.size(), 1u);
+        EXPECT_EQ(Page(notices[0]), c.page) << "mode " << c.mode << " gui " << c.gui;
+    }
+    // The settings are kept: a new setup notice selects the radio of the last mode (0), and a
+    // report in a stopped service does not change them.
+    CVantoriaDCT automatic(1, 0, 0);
+    ASSERT_EQ(plugin_.OnDCTSettings(&automatic), 0);
+    ASSERT_EQ(Status(1), 0);
+    CVantoriaDCT ignored(0, 0, 1);
+    ASSERT_EQ(plugin_.OnDCTSettings(&ignored), 0);
+    TakeNotices();
+    ASSERT_EQ(plugin_.Start(), 0);
+    notices = TakeNotices();
+    ASSERT_FALSE(notices.empty());
+    EXPECT_NE(Page(notices[0]).find(autoRadios), std::string::npos) << Page(notices[0]);
+    EXPECT_EQ(plugin_.Stop(), 0);
+}
+
+// The real list with the copy of one name refused.
+class RefusingList : public CVantoriaTowerList {
+  public:
+    explicit RefusingList(uint64_t refused) : refused_(refused) {}
+    int32_t GetAt(uint64_t index, char* buffer, uint32_t& length) override {
+        if (index == refused_ && buffer != nullptr)
+            return -10;
+        return CVantoriaTowerList::GetAt(index, buffer, length);
+    }
+
+  private:
+    uint64_t refused_;
+};
+
+TEST_F(PresentationPages, TowerListsAndTowerChangesReachTheTile) {
+    ASSERT_EQ(Status(2), 0);
+    TakeNotices();
+    const std::vector<std::string> names = {"west-1", "north-2", "east-3"};
+    struct Step {
+        const char* what;
+        std::function<int32_t()> call;
+        int32_t result;
+        std::string items;  // combobox items, "*" marking the selected one; "-" without combobox
+        std::string tower;  // value of label "tower", "-" when absent
+        Shown shown;
+        bool asksList;      // a fresh list was requested
+    };
+    auto list = [&](int64_t active, std::unique_ptr<CVantoriaTowerList> l) {
+        for (const std::string& n : names)
+            l->Append(n);
+        if (active >= 0)
+            l->CalculateActiveIndex(names[active]);
+        return plugin_.OnTowerList(l.get());
+    };
+    auto plain = [&](int64_t active) {
+        return list(active, std::make_unique<CVantoriaTowerList>());
+    };
+    auto changed = [&](const char* tower) {
+        CVantoriaDCT dct{std::string(tower)};
+        return plugin_.OnDCTSettings(&dct);
+    };
+    const std::string none = "-", on = T(369);
+    const std::vector<Step> steps = {
+        {"active north-2", [&] { return plain(1); }, 0, "west-1 north-2* east-3", "north-2",
+         {none, on + " (north-2)", on, on + " (north-2)"}, false},
+        {"same active again", [&] { return plain(1); }, 0, "west-1 north-2* east-3", none,
+         {none, none, none, none}, false},
+        {"no active tower", [&] { return plain(-1); }, 0, "west-1 north-2 east-3", none,
+         {none, none, none, none}, false},
+        {"empty list", [&] { CVantoriaTowerList l; return plugin_.OnTowerList(&l); }, -1, "",
+         "", {}, false},
+        {"last name refused", [&] { return list(1, std::make_unique<RefusingList>(2)); }, -1, "",
+         "", {}, false},
+        {"changed to a part of the name", [&] { return changed("north"); }, 0, none, none,
+         {none, none, none, none}, true},
+        {"changed to a new tower", [&] { return changed("south-9"); }, 0, none, "south-9",
+         {none, on + " (south-9)", on, on + " (south-9)"}, true},
+        {"status 9 keeps the tower", [&] { return Status(9); }, 0, none, none,
+         {"Good", T(372) + " (south-9)", T(372), T(372) + " (south-9)"}, true},
+        {"status 3 clears it", [&] { return Status(3); }, 0, none, none,
+         {"Neutral", T(367), T(367), T(367)}, false},
+        {"status 2 shows no tower", [&] { return Status(2); }, 0, none, none,
+         {"Good", on, on, on}, true},
+    };
+    for (const Step& step : steps) {
+        TakeLines();
+        ASSERT_EQ(step.call(), step.result) << step.what;
+        const std::vector<std::string> notices = TakeNotices();
+        const std::vector<std::string> lines = TakeLines();
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), "CVantoriaApi :GetTowerList failed"),
+                  step.asksList ? 1 : 0)
+            << step.what;
+        if (step.result != 0) {
+            EXPECT_TRUE(notices.empty()) << step.what;
+            continue;
+        }
+        ASSERT_EQ(notices.size(), 1u) << step.what;
+        XmlUINotice notice(notices[0].c_str());
+        std::string items = none;
+        auto combobox = notice.controls.find(kIdTowerListCombobox);
+        if (combobox != notice.controls.end() &&
+            !combobox->second.FirstChild(kUiComboItem).IsNull()) {
+            items.clear();
+            for (XmlNode i = combobox->second.FirstChild(kUiComboItem); !i.IsNull();
+                 i = i.NextSibling(kUiComboItem))
+                items += (items.empty() ? "" : " ") + i.GetAttribute(kUiLabel) +
+                         (i.GetAttribute(kUiSelected) == "true" ? "*" : "");
+        }
+        EXPECT_EQ(items, step.items) << step.what;
+        EXPECT_EQ(AttributeOr(notice.controls[kIdTower], kUiValue), step.tower) << step.what;
+        EXPECT_EQ(ShownBy(notice), step.shown) << step.what;
+        // A changed-tower report always hides the pending note, even with no new name; so
+        // does greying the page.
+        const bool hides = std::string(step.what).rfind("changed", 0) == 0 ||
+                           step.shown.state == "Neutral";
+        EXPECT_EQ(AttributeOr(notice.controls[kIdTowerUpdatePending], kUiHidden),
+                  hides ? "true" : "-")
+            << step.what;
+    }
 }
 
 }  // namespace
