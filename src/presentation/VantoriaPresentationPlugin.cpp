@@ -121,12 +121,17 @@ constexpr const char kZeroCount[] = "0";
 constexpr const char kStatsTag[] = "stat_update";
 constexpr const char kTwoColumns[] = "2";
 
+// The largest text taken from a result object, terminator included. The agent's texts are
+// names, times and short messages; a larger size is a fault of the object and counts as a
+// refusal rather than an allocation of up to 4 GiB.
+constexpr uint32_t kMaxResultText = 1024 * 1024;
+
 // A text of a result object through its buffer protocol: the size query must answer -3, the
 // copy 0. The text ends at the first NUL inside the buffer.
 template <typename Getter>
 bool FetchText(Getter getter, std::string& text) {
     uint32_t size = 0;
-    if (getter(nullptr, size) != -3)
+    if (getter(nullptr, size) != -3 || size > kMaxResultText)
         return false;
     // One byte more than asked and zeroed, so that a text without terminator stays in bounds.
     std::vector<char> buffer(static_cast<size_t>(size) + 1, '\0');
@@ -645,6 +650,8 @@ int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* message
     uint32_t size = kInfoMessageFirstSize;
     int32_t result = message->GetMessageText(buffer.data(), size);
     if (result == -3) {
+        if (size > kMaxResultText)
+            return 0;  // an absurd size is taken as a failure: nothing sent
         buffer.assign(static_cast<size_t>(size) + 1, '\0');
         result = message->GetMessageText(buffer.data(), size);
     }

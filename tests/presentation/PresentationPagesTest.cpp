@@ -184,128 +184,111 @@ TEST_F(PresentationPages, StatisticsReportFillsBothBoxesFromTheObject) {
 // The real object with one text getter answering wrongly.
 class FailingStatistics : public CVantoriaStatistics {
   public:
-    FailingStatistics(const uint8_t* data, int which, bool sizeQuery)
-        : CVantoriaStatistics(data), which_(which), sizeQuery_(sizeQuery) {}
+    // Faults: 0 the size query answers 0, 1 the copy answers -10, 2 the size query asks 4 GiB.
+    FailingStatistics(const uint8_t* data, int which, int fault)
+        : CVantoriaStatistics(data), which_(which), fault_(fault) {}
     int32_t GetActiveTowerName(char* b, uint32_t& n) override {
-        return Fail(0, b) ? Bad() : CVantoriaStatistics::GetActiveTowerName(b, n);
+        return Fail(0, b) ? Bad(n) : CVantoriaStatistics::GetActiveTowerName(b, n);
     }
     int32_t GetTimeSinceLastTowerSelect(char* b, uint32_t& n) override {
-        return Fail(1, b) ? Bad() : CVantoriaStatistics::GetTimeSinceLastTowerSelect(b, n);
+        return Fail(1, b) ? Bad(n) : CVantoriaStatistics::GetTimeSinceLastTowerSelect(b, n);
     }
     int32_t GetTimeServiceEnabled(char* b, uint32_t& n) override {
-        return Fail(2, b) ? Bad() : CVantoriaStatistics::GetTimeServiceEnabled(b, n);
+        return Fail(2, b) ? Bad(n) : CVantoriaStatistics::GetTimeServiceEnabled(b, n);
     }
-    int towerCalls = 0;  // size queries of the tower name
 
   private:
     // Getter 3 is the overview's second read of the tower name.
     bool Fail(int getter, char* buffer) {
         if (getter == 0 && buffer == nullptr)
-            ++towerCalls;
-        if (getter == 0 && towerCalls == 2 && which_ == 3)
+            ++towerQueries_;
+        if (getter == 0 && towerQueries_ == 2)
             getter = 3;
-        return getter == which_ && (buffer == nullptr) == sizeQuery_;
+        return getter == which_ && (buffer == nullptr) == (fault_ != 1);
     }
-    int32_t Bad() { return sizeQuery_ ? 0 : -10; }
-    int which_;
-    bool sizeQuery_;
+    int32_t Bad(uint32_t& n) {
+        n = 0xFFFFFFFFu;
+        return fault_ == 0 ? 0 : fault_ == 1 ? -10 : -3;
+    }
+    int which_, fault_, towerQueries_ = 0;
 };
 
 TEST_F(PresentationPages, StatisticsWithAFailingTextGetterSendNothing) {
     const ServiceStatistics record = Record(1, 2, 1, 1);
     for (int which = 0; which < 4; ++which) {
-        for (bool sizeQuery : {true, false}) {
-            FailingStatistics statistics(reinterpret_cast<const uint8_t*>(&record), which,
-                                         sizeQuery);
-            EXPECT_EQ(plugin_.OnStatistics(&statistics), -1) << which << sizeQuery;
-            EXPECT_TRUE(TakeNotices().empty()) << which << sizeQuery;
+        for (int fault : {0, 1, 2}) {
+            FailingStatistics statistics(reinterpret_cast<const uint8_t*>(&record), which, fault);
+            EXPECT_EQ(plugin_.OnStatistics(&statistics), -1) << which << fault;
+            EXPECT_TRUE(TakeNotices().empty()) << which << fault;
         }
     }
     EXPECT_EQ(plugin_.OnStatistics(nullptr), -1);
     EXPECT_TRUE(TakeNotices().empty());
 }
 
-TEST_F(PresentationPages, StatusCodesDriveTileTrayAndHistory) {
-    const std::string none = "-";
+TEST_F(PresentationPages, StatusCodesDriveTileTrayHistoryAndRequests) {
+    const std::string x = "-";
+    const Shown empty{x, x, x, x};
+    // No agent: every request fails, which shows each one in its order.
+    const std::vector<std::string> running = {
+        "CVantoriaApi :GetTowerList failed",
+        "CVantoriaPresentationPlugin : Tower list request issue",
+        "CVantoriaApi: GetDCTSettings failed",
+        "CVantoriaPresentationPlugin : Get DCT Settings request issue"};
+    std::vector<std::string> connected = running;
+    connected.push_back("CVantoriaApi :StartStatsCollecting failed");
+    connected.push_back("CVantoriaApi: Proxystate query  failed");
     struct Case {
         uint64_t code;
-        Shown shown;            // of the update notice; all "-" for an empty one
-        uint32_t popupText;     // key of the error pop-up before it, 0 for none
-        bool disablesPage;
+        Shown shown;         // of the update notice
+        uint32_t popupText;  // key of the error pop-up sent before it, 0 for none
+        bool greysPage;
+        std::vector<std::string> lines;
     };
     const std::vector<Case> cases = {
-        {2, {"Good", T(369), T(369), T(369)}, 0, false},
-        {10, {none, none, none, none}, 393, false},
-        {10, {none, none, none, none}, 393, false},  // not stored: acted on again
-        {12, {none, none, none, none}, 392, false},
-        {11, {none, none, none, none}, 0, false},
-        {13, {none, none, none, none}, 0, false},
-        {14, {none, none, none, none}, 0, false},
-        {15, {none, none, none, none}, 0, false},
-        {0, {none, none, none, none}, 0, false},
-        {18, {none, none, none, none}, 0, false},
-        {9, {"Good", T(372), T(372), T(372)}, 0, false},
-        {3, {"Neutral", T(367), T(367), T(367)}, 0, true},
-        {1, {"Neutral", T(81), T(81), T(81)}, 0, true},
-        {4, {"Neutral", T(365), T(365), T(365)}, 0, true},
-        {5, {"Neutral", T(366), T(366), T(366)}, 0, true},
-        {6, {"Trusted", T(238), T(238), T(238)}, 0, true},
-        {7, {"Error", T(371), T(371), T(371)}, 0, true},
-        {8, {"Error", T(373), T(373), T(373)}, 0, true},
-        {16, {"Neutral", T(398), none, none}, 0, true},
-        {17, {"Neutral", T(399), none, none}, 0, true},
+        {2, {"Good", T(369), T(369), T(369)}, 0, false, running},
+        {10, empty, 393, false, {}},
+        {10, empty, 393, false, {}},  // not stored: acted on again
+        {12, empty, 392, false, {}},
+        {11, empty, 0, false, {}},   {13, empty, 0, false, {}}, {14, empty, 0, false, {}},
+        {15, empty, 0, false, {}},   {0, empty, 0, false, {}},  {18, empty, 0, false, {}},
+        {9, {"Good", T(372), T(372), T(372)}, 0, false, connected},
+        {3, {"Neutral", T(367), T(367), T(367)}, 0, true, {}},
+        {1, {"Neutral", T(81), T(81), T(81)}, 0, true, {}},
+        {4, {"Neutral", T(365), T(365), T(365)}, 0, true, {}},
+        {5, {"Neutral", T(366), T(366), T(366)}, 0, true, {}},
+        {6, {"Trusted", T(238), T(238), T(238)}, 0, true, {}},
+        {7, {"Error", T(371), T(371), T(371)}, 0, true, {}},
+        {8, {"Error", T(373), T(373), T(373)}, 0, true, {}},
+        {16, {"Neutral", T(398), x, x}, 0, true, {}},
+        {17, {"Neutral", T(399), x, x}, 0, true, {}},
     };
     for (const Case& c : cases) {
+        TakeLines();
         ASSERT_EQ(Status(c.code), 0);
+        EXPECT_EQ(TakeLines(), c.lines) << "code " << c.code;
         const std::vector<std::string> notices = TakeNotices();
         ASSERT_EQ(notices.size(), c.popupText != 0 ? 2u : 1u) << "code " << c.code;
         if (c.popupText != 0) {
-            XmlUINotice popup(notices[0].c_str());
-            EXPECT_EQ(popup.type, kNoticePopup);
-            XmlNode element = popup.root.FirstChild(kUiPopup);
-            EXPECT_EQ(element.GetAttribute(kUiId), "error_popup");
-            EXPECT_EQ(element.GetAttribute(kUiType), "error");
-            EXPECT_EQ(element.FirstChild(kUiTitle).GetAttribute(kUiValue), T(5));
-            EXPECT_EQ(element.FirstChild(kUiText).GetAttribute(kUiValue), T(c.popupText));
+            XmlNode popup = XmlUINotice(notices[0].c_str()).root.FirstChild(kUiPopup);
+            EXPECT_EQ(popup.GetAttribute(kUiId) + "|" + popup.GetAttribute(kUiType) + "|" +
+                          popup.FirstChild(kUiTitle).GetAttribute(kUiValue) + "|" +
+                          popup.FirstChild(kUiText).GetAttribute(kUiValue),
+                      "error_popup|error|" + T(5) + "|" + T(c.popupText));
         }
         XmlUINotice update(notices.back().c_str());
         EXPECT_EQ(update.type, kNoticeUpdate);
         EXPECT_EQ(ShownBy(update), c.shown) << "code " << c.code;
-        if (c.shown.state == none) {
-            EXPECT_TRUE(update.root.FirstChild().IsNull()) << "code " << c.code;
-        }
-        const std::string disabled =
-            AttributeOr(update.controls[kIdModeRadioGroup], kUiDisabled);
-        EXPECT_EQ(disabled, c.disablesPage ? "true" : "-") << "code " << c.code;
+        EXPECT_EQ(update.root.FirstChild().IsNull(), c.shown == empty) << "code " << c.code;
+        EXPECT_EQ(AttributeOr(update.controls[kIdModeRadioGroup], kUiDisabled),
+                  c.greysPage ? "true" : "-")
+            << "code " << c.code;
         // The same stored code again: nothing sent, nothing asked.
-        TakeLines();
-        if (c.shown.state != none) {
+        if (!(c.shown == empty)) {
             ASSERT_EQ(Status(c.code), 0);
             EXPECT_TRUE(TakeNotices().empty()) << "code " << c.code;
             EXPECT_TRUE(TakeLines().empty()) << "code " << c.code;
         }
-    }
-}
-
-TEST_F(PresentationPages, RunningStatusesAskTheAgentInOrderAndTraceFailedRequests) {
-    // No agent: every request fails, which shows each one in its order.
-    const std::vector<std::pair<uint64_t, std::vector<std::string>>> cases = {
-        {2, {"CVantoriaApi :GetTowerList failed",
-             "CVantoriaPresentationPlugin : Tower list request issue",
-             "CVantoriaApi: GetDCTSettings failed",
-             "CVantoriaPresentationPlugin : Get DCT Settings request issue"}},
-        {9, {"CVantoriaApi :GetTowerList failed",
-             "CVantoriaPresentationPlugin : Tower list request issue",
-             "CVantoriaApi: GetDCTSettings failed",
-             "CVantoriaPresentationPlugin : Get DCT Settings request issue",
-             "CVantoriaApi :StartStatsCollecting failed",
-             "CVantoriaApi: Proxystate query  failed"}},
-        {3, {}},
-    };
-    for (const auto& c : cases) {
-        TakeLines();
-        ASSERT_EQ(Status(c.first), 0);
-        EXPECT_EQ(TakeLines(), c.second) << "code " << c.first;
     }
 }
 
