@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <new>
+#include <sstream>
 #include <vector>
 
 #include "VantoriaRecords.h"
@@ -16,7 +17,39 @@
 namespace {
 
 // Text keys of the host's catalogue used here.
+constexpr uint32_t kKeyErrorTitle = 5;
+constexpr uint32_t kKeyDetectOnLan = 77;
+constexpr uint32_t kKeyServiceStatus = 79;
+constexpr uint32_t kKeyOff = 81;
 constexpr uint32_t kKeyDisplayName = 167;
+constexpr uint32_t kKeyUnknown = 171;
+constexpr uint32_t kKeyOnLanYes = 176;
+constexpr uint32_t kKeyOnLanNo = 177;
+constexpr uint32_t kKeyOnLanNotApplicable = 178;
+constexpr uint32_t kKeyModePlaceholder = 362;
+constexpr uint32_t kKeyOn = 369;
+constexpr uint32_t kKeyCurrentTower = 374;
+constexpr uint32_t kKeyLastSwitch = 381;
+constexpr uint32_t kKeyFiltered = 382;
+constexpr uint32_t kKeyBypassed = 383;
+constexpr uint32_t kKeySelectionMode = 384;
+constexpr uint32_t kKeyGroupActive = 385;
+constexpr uint32_t kKeyGroupTower = 386;
+constexpr uint32_t kKeyGroupTotal = 387;
+constexpr uint32_t kKeyEnabledSince = 389;
+constexpr uint32_t kKeyGroupService = 390;
+constexpr uint32_t kKeyOnLan = 391;
+constexpr uint32_t kKeyClosestFailed = 392;
+constexpr uint32_t kKeyTowerChangeFailed = 393;
+constexpr uint32_t kKeyTileTrusted = 238;
+constexpr uint32_t kKeyTileStatus3 = 367;
+constexpr uint32_t kKeyTileStatus4 = 365;
+constexpr uint32_t kKeyTileStatus5 = 366;
+constexpr uint32_t kKeyTileStatus7 = 371;
+constexpr uint32_t kKeyTileStatus8 = 373;
+constexpr uint32_t kKeyTileStatus9 = 372;
+constexpr uint32_t kKeyTileStatus16 = 398;
+constexpr uint32_t kKeyTileStatus17 = 399;
 constexpr uint32_t kKeyManualMode = 360;
 constexpr uint32_t kKeyAutomaticMode = 361;
 constexpr uint32_t kKeyTowerLabel = 375;
@@ -44,6 +77,89 @@ constexpr size_t kMaxPassword = sizeof(ProxyCredInfo::szPassword);
 // The longest text taken from the translator, terminator included. A catalogue text is a
 // caption or a sentence; a larger size is a translator fault and gives no text.
 constexpr uint32_t kMaxTranslation = 64 * 1024;
+
+// How the tile shows a status: its text alone, its text with the tower (also in the history
+// line), or on the tile only, with no tray text and no history line.
+enum TileKind { kTilePlain, kTileWithTower, kTileOnly };
+
+// One status code that describes the agent's state: kept in lastStatus, shown on the tile.
+struct StatusRow {
+    uint64_t code;
+    bool keepTower;
+    int32_t trayState;
+    uint32_t key;
+    TileKind kind;
+};
+
+constexpr StatusRow kStatusRows[] = {
+    {1, false, kTrayNeutral, kKeyOff, kTilePlain},
+    {2, true, kTrayGood, kKeyOn, kTileWithTower},
+    {3, false, kTrayNeutral, kKeyTileStatus3, kTilePlain},
+    {4, false, kTrayNeutral, kKeyTileStatus4, kTilePlain},
+    {5, false, kTrayNeutral, kKeyTileStatus5, kTilePlain},
+    {6, false, kTrayTrusted, kKeyTileTrusted, kTilePlain},
+    {7, false, kTrayError, kKeyTileStatus7, kTilePlain},
+    {8, false, kTrayError, kKeyTileStatus8, kTilePlain},
+    {9, true, kTrayGood, kKeyTileStatus9, kTileWithTower},
+    {16, false, kTrayNeutral, kKeyTileStatus16, kTileOnly},
+    {17, false, kTrayNeutral, kKeyTileStatus17, kTileOnly},
+};
+
+// The row of a stored status code, or null for the answers 10 to 15 and unknown codes.
+const StatusRow* FindStatusRow(uint64_t code) {
+    for (const StatusRow& row : kStatusRows)
+        if (row.code == code)
+            return &row;
+    return nullptr;
+}
+
+// The first size tried for an information message.
+constexpr uint32_t kInfoMessageFirstSize = 128;
+
+// Statistics values shown before the first report.
+constexpr const char kZeroCount[] = "0";
+constexpr const char kStatsTag[] = "stat_update";
+constexpr const char kTwoColumns[] = "2";
+
+// The largest text taken from a result object, terminator included. The agent's texts are
+// names, times and short messages; a larger size is a fault of the object and counts as a
+// refusal rather than an allocation of up to 4 GiB.
+constexpr uint32_t kMaxResultText = 1024 * 1024;
+
+// A text of a result object through its buffer protocol: the size query must answer -3, the
+// copy 0. The text ends at the first NUL inside the buffer.
+template <typename Getter>
+bool FetchText(Getter getter, std::string& text) {
+    uint32_t size = 0;
+    if (getter(nullptr, size) != -3 || size > kMaxResultText)
+        return false;
+    // One byte more than asked and zeroed, so that a text without terminator stays in bounds.
+    std::vector<char> buffer(static_cast<size_t>(size) + 1, '\0');
+    uint32_t given = size;
+    if (getter(buffer.data(), given) != 0)
+        return false;
+    text.assign(buffer.data(), strnlen(buffer.data(), size));
+    return true;
+}
+
+// A group of an outline list box with its caption column.
+XmlNode AddListGroup(XmlNode box, const char* id, const std::string& caption) {
+    XmlNode group = box.AddChild(kUiListGroup);
+    group.SetAttribute(kUiId, id);
+    group.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, caption.c_str());
+    return group;
+}
+
+// A row of a group: the caption column, and the value column when `value` is given.
+XmlNode AddListRow(XmlNode group, const char* id, const std::string& caption,
+                   const char* value) {
+    XmlNode row = group.AddChild(kUiListRow);
+    row.SetAttribute(kUiId, id);
+    row.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, caption.c_str());
+    if (value != nullptr)
+        row.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, value);
+    return row;
+}
 
 // Copies `text` into a fixed field, filling the rest with NULs; a text of the field's full size
 // leaves no terminator.
@@ -270,8 +386,36 @@ void CVantoriaPresentationPlugin::OnCredentialSubmit(const XmlUIEvent& event) {
     explicit_bzero(&password[0], password.size());
 }
 
-int32_t CVantoriaPresentationPlugin::OnTowerList(IVantoriaTowerList* /*list*/) {
+int32_t CVantoriaPresentationPlugin::OnTowerList(IVantoriaTowerList* list) {
     CRecursiveLock guard(lock);
+    if (list == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    // An empty list answers GetCount with an error: the page keeps what it shows.
+    uint64_t count = 0;
+    if (list->GetCount(count) != 0)
+        return -1;
+    int64_t active = -1;
+    if (list->GetActiveIndex(active) != 0)
+        return -1;
+    XmlUICtrl combobox = notice.GetControl(kCtrlComboBox, kIdTowerListCombobox);
+    // The whole list or nothing: a name refused halfway sends no notice.
+    for (uint64_t index = 0; index < count; ++index) {
+        std::string name;
+        if (!FetchText([&](char* b, uint32_t& n) { return list->GetAt(index, b, n); }, name))
+            return -1;
+        XmlNode item = combobox.AddChild(kUiComboItem);
+        item.SetAttribute(kUiLabel, name.c_str());
+        if (active >= 0 && index == static_cast<uint64_t>(active)) {
+            item.SetAttribute(kUiSelected, kUiTrue);
+            if (name != towerName) {
+                towerName = name;
+                SetLabelValue(notice, kIdTower, towerName.c_str());
+                UpdateStatusText(notice);
+            }
+        }
+    }
+    SendNotice(notice);
     return 0;
 }
 
@@ -281,55 +425,242 @@ int32_t CVantoriaPresentationPlugin::OnStatus(IVantoriaStatus* status) {
     uint64_t code = 0;
     if (status == nullptr || status->GetStatus(code) != 0)
         return -1;
-    // A status is acted on only when it changes.
+    // A status is acted on only when it changes; a repeat sends nothing at all.
     if (static_cast<int64_t>(code) == lastStatus)
         return 0;
     // Codes 1 to 9, 16 and 17 describe the agent's state and are kept; the answers 10 to 15
-    // are not. The tower stays only while the service runs (2, 9).
-    const bool stored = (code >= 1 && code <= 9) || code == 16 || code == 17;
-    if (stored) {
+    // are not, so a second failure of the same kind is shown again.
+    if (const StatusRow* row = FindStatusRow(code)) {
         lastStatus = static_cast<int64_t>(code);
-        if (code != 2 && code != 9)
-            towerName.clear();
+        if (!row->keepTower)
+            towerName.clear();  // the tower stays only while the service runs
+        if (code == 2 || code == 9) {
+            // The service runs: ask for the data of the tower page.
+            if (api.GetTowerList() != 0)
+                VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
+            if (api.GetDCTSettings() != 0)
+                VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
+        }
+        if (code == 9) {
+            api.StartStatsCollecting();
+            api.QueryProxyState();
+        }
+        notice.SetState(row->trayState);
+        UpdateStatusText(notice);
+        // A page for "Good" is set up by the DCT report that the request above brings.
+        if (row->trayState != kTrayGood)
+            DisableTowerControls(notice);
+    } else if (code == 10 || code == 12) {
+        SendErrorPopup(code == 10 ? kKeyTowerChangeFailed : kKeyClosestFailed);
     }
-    if (code == 2 || code == 9) {
-        // The service runs: ask for the data of the tower page.
-        if (api.GetTowerList() != 0)
-            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Tower list request issue");
-        if (api.GetDCTSettings() != 0)
-            VNTRACE(TL_API, "CVantoriaPresentationPlugin : Get DCT Settings request issue");
-    }
-    if (code == 9) {
-        api.StartStatsCollecting();
-        api.QueryProxyState();
-    }
+    // Sent whatever it holds: for the answers and unknown codes an empty update.
     SendNotice(notice);
     return 0;
 }
 
+void CVantoriaPresentationPlugin::SendErrorPopup(uint32_t textKey) {
+    XmlUINotice popup(kNoticePopup, nullptr, kUiModuleIdentity);
+    popup.root.SetAttribute(kUiId, kIdErrorPopup).SetAttribute(kUiType, kUiError);
+    popup.root.AddChild(kUiTitle).SetAttribute(kUiValue, Translate(kKeyErrorTitle).c_str());
+    popup.root.AddChild(kUiText).SetAttribute(kUiValue, Translate(textKey).c_str());
+    SendNotice(popup);
+}
+
+void CVantoriaPresentationPlugin::UpdateStatusText(XmlUINotice& notice) {
+    const StatusRow* row = lastStatus > 0 ? FindStatusRow(static_cast<uint64_t>(lastStatus))
+                                          : nullptr;
+    if (row == nullptr)
+        return;
+    const std::string text = Translate(row->key);
+    std::string trayText, history;
+    switch (row->kind) {
+        case kTilePlain:
+            trayText = history = text;
+            SetLabelValue(notice, kIdSimpleStatus, text.c_str());
+            break;
+        case kTileWithTower:
+            trayText = history = text;
+            if (!towerName.empty())
+                history += " (" + towerName + ")";
+            SetLabelValue(notice, kIdSimpleStatus, history.c_str());
+            break;
+        case kTileOnly:
+            SetLabelValue(notice, kIdSimpleStatus, text.c_str());
+            break;
+    }
+    if (!trayText.empty())
+        notice.GetControl(kCtrlTrayState, kIdTrayStateString)
+            .SetAttribute(kUiValue, trayText.c_str());
+    if (!history.empty())
+        notice.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, history.c_str());
+}
+
 int32_t CVantoriaPresentationPlugin::OnDCTSettings(IVantoriaDCT* dct) {
     CRecursiveLock guard(lock);
-    if (dct == nullptr || (lastStatus != 2 && lastStatus != 9))
+    if (dct == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    // Outside a running service the report has no bearing on the page.
+    if (lastStatus != 2 && lastStatus != 9) {
+        DisableTowerControls(notice);
+        SendNotice(notice);
         return 0;
+    }
     bool changed = false;
     dct->ActiveTowerChanged(changed);
     if (!changed) {
-        uint32_t detect = 0, mode = 0;
+        // A settings report: only mode 0 is manual selection.
+        uint32_t detect = 0, mode = 0, gui = 0;
         dct->GetDetectClosest(detect);
         dct->GetMode(mode);
+        dct->GetGUI(gui);
         automaticMode = mode != 0;
         detectClosest = detect == 1;
+        const char* listDisabled = automaticMode ? kUiTrue : kUiFalse;
+        notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiDisabled, listDisabled);
+        notice.GetControl(kCtrlComboBox, kIdTowerListCombobox)
+            .SetAttribute(kUiDisabled, listDisabled);
+        if (gui == 0) {
+            // The user may not choose: everything grey, whatever the mode.
+            DisableTowerControls(notice);
+        } else {
+            notice.GetControl(kCtrlLabel, kIdTowerSelectLbl)
+                .SetAttribute(kUiHidden, kUiFalse)
+                .SetAttribute(kUiDisabled, kUiFalse);
+            BuildModeRadioGroup(notice)
+                .SetAttribute(kUiHidden, kUiFalse)
+                .SetAttribute(kUiDisabled, kUiFalse);
+            notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiHidden, kUiFalse);
+            notice.GetControl(kCtrlComboBox, kIdTowerListCombobox)
+                .SetAttribute(kUiHidden, kUiFalse);
+        }
+        SendNotice(notice);
+        return 0;
     }
+    // A new active tower.
+    std::string name;
+    if (!FetchText([&](char* b, uint32_t& n) { return dct->GetActivatedTower(b, n); }, name))
+        return -1;
+    // Containment, not equality: a name already part of the shown one changes nothing shown.
+    if (towerName.find(name) == std::string::npos) {
+        towerName = name;
+        SetLabelValue(notice, kIdTower, towerName.c_str());
+        UpdateStatusText(notice);
+    }
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending).SetAttribute(kUiHidden, kUiTrue);
+    api.GetTowerList();  // the fresh list comes as its own callback
+    SendNotice(notice);
     return 0;
 }
 
-int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* /*statistics*/) {
+int32_t CVantoriaPresentationPlugin::OnStatistics(IVantoriaStatistics* statistics) {
     CRecursiveLock guard(lock);
+    if (statistics == nullptr)
+        return -1;
+    XmlUINotice notice(kNoticeUpdate, kStatsTag, kUiModuleIdentity);
+    auto text = [statistics](int32_t (IVantoriaStatistics::*get)(char*, uint32_t&),
+                             std::string& out) {
+        return FetchText([&](char* b, uint32_t& n) { return (statistics->*get)(b, n); }, out);
+    };
+    // Any text getter that fails ends the report: the host never gets a half-built panel.
+    XmlUICtrl box = notice.GetControl(kCtrlOutlineListBox, kIdStatOutlineListBox);
+    box.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+
+    XmlNode tower = AddListGroup(box, kIdGroupTowerInfo, Translate(kKeyGroupTower));
+    XmlNode modeRow = AddListRow(tower, kIdSelectionMode, Translate(kKeySelectionMode), nullptr);
+    uint64_t mode = 0;
+    statistics->GetSelectionMode(mode);
+    if (mode <= 2) {  // 0 manual, 1 automatic, 2 the third mode; others show no value
+        static const uint32_t kModeKeys[] = {kKeyManualMode, kKeyAutomaticMode,
+                                             kKeyModePlaceholder};
+        modeRow.AddChild(kUiListRowColumn)
+            .SetAttribute(kUiLabel, Translate(kModeKeys[mode]).c_str());
+    }
+    std::string value;
+    if (!text(&IVantoriaStatistics::GetActiveTowerName, value))
+        return -1;
+    AddListRow(tower, kIdCurTower, Translate(kKeyCurrentTower), value.c_str());
+    if (!text(&IVantoriaStatistics::GetTimeSinceLastTowerSelect, value))
+        return -1;
+    AddListRow(tower, kIdLastSwitch, Translate(kKeyLastSwitch), value.c_str());
+
+    XmlNode service = AddListGroup(box, kIdGroupServiceInfo, Translate(kKeyGroupService));
+    auto serviceWord = [statistics]() {
+        uint64_t state = 0;
+        statistics->GetServiceStatus(state);
+        return state == 2 ? kKeyOn : state == 4 ? kKeyOff : kKeyUnknown;
+    };
+    AddListRow(service, kIdServiceStatus, Translate(kKeyServiceStatus),
+               Translate(serviceWord()).c_str());
+    if (!text(&IVantoriaStatistics::GetTimeServiceEnabled, value))
+        return -1;
+    AddListRow(service, kIdEnabledSince, Translate(kKeyEnabledSince), value.c_str());
+    XmlNode detectRow = AddListRow(service, kIdDetectOnLan, Translate(kKeyDetectOnLan), nullptr);
+    XmlNode onLanRow = AddListRow(service, kIdOnLan, Translate(kKeyOnLan), nullptr);
+    uint64_t detect = 0, onLan = 0;
+    statistics->GetLanState(detect, onLan);
+    const uint32_t onLanKey =
+        detect == 0 ? kKeyOnLanNotApplicable : onLan != 0 ? kKeyOnLanYes : kKeyOnLanNo;
+    detectRow.AddChild(kUiListRowColumn)
+        .SetAttribute(kUiLabel, Translate(detect != 0 ? kKeyOn : kKeyOff).c_str());
+    onLanRow.AddChild(kUiListRowColumn).SetAttribute(kUiLabel, Translate(onLanKey).c_str());
+
+    // Counts in plain decimal through one stream, emptied between rows.
+    std::ostringstream digits;
+    auto count = [&digits](uint64_t n) {
+        digits.str(std::string());
+        digits.clear();
+        digits << n;
+        return digits.str();
+    };
+    uint64_t filtered = 0, bypassed = 0, other = 0;
+    XmlNode active = AddListGroup(box, kIdGroupActiveConnections, Translate(kKeyGroupActive));
+    statistics->GetConnectionCounts(filtered, bypassed, other);
+    AddListRow(active, kIdActiveFiltered, Translate(kKeyFiltered), count(filtered).c_str());
+    AddListRow(active, kIdActiveBypassed, Translate(kKeyBypassed), count(bypassed).c_str());
+    XmlNode total = AddListGroup(box, kIdGroupTotalConnections, Translate(kKeyGroupTotal));
+    statistics->GetTotalCounts(filtered, bypassed, other);
+    AddListRow(total, kIdTotalFiltered, Translate(kKeyFiltered), count(filtered).c_str());
+    AddListRow(total, kIdTotalBypassed, Translate(kKeyBypassed), count(bypassed).c_str());
+
+    // The overview reads its values from the object again.
+    XmlUICtrl overview = notice.GetControl(kCtrlOutlineListBox, kIdOverviewStatOutlineListBox);
+    overview.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+    const std::string caption =
+        Translate(kKeyDisplayName) + " (" + Translate(serviceWord()) + ")";
+    XmlNode group = AddListGroup(overview, kIdGroupTideway, caption);
+    const std::string towerCaption = Translate(kKeyCurrentTower);
+    if (!text(&IVantoriaStatistics::GetActiveTowerName, value))
+        return -1;
+    AddListRow(group, kIdCurTower, towerCaption, value.c_str());
+    const std::string detectCaption = Translate(kKeyDetectOnLan);
+    statistics->GetLanState(detect, onLan);
+    AddListRow(group, kIdDetectOnLan, detectCaption,
+               Translate(detect != 0 ? kKeyOn : kKeyOff).c_str());
+    SendNotice(notice);
     return 0;
 }
 
-int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* /*message*/) {
+int32_t CVantoriaPresentationPlugin::OnInfoMessage(IVantoriaInfoMessage* message) {
     CRecursiveLock guard(lock);
+    if (message == nullptr)
+        return 0;
+    // One more zeroed byte than offered, so that a text without terminator stays in bounds.
+    std::vector<char> buffer(kInfoMessageFirstSize + 1, '\0');
+    uint32_t size = kInfoMessageFirstSize;
+    int32_t result = message->GetMessageText(buffer.data(), size);
+    if (result == -3) {
+        if (size > kMaxResultText)
+            return 0;  // an absurd size is taken as a failure: nothing sent
+        buffer.assign(static_cast<size_t>(size) + 1, '\0');
+        result = message->GetMessageText(buffer.data(), size);
+    }
+    if (result != 0)
+        return 0;
+    XmlUINotice notice(kNoticeUpdate, nullptr, kUiModuleIdentity);
+    const std::string text(buffer.data(), strnlen(buffer.data(), buffer.size() - 1));
+    notice.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, text.c_str());
+    SendNotice(notice);
     return 0;
 }
 
@@ -450,6 +781,17 @@ void CVantoriaPresentationPlugin::EnterEvent(const std::string& eventId, int32_t
     eventTable[eventId] = action;
 }
 
+void CVantoriaPresentationPlugin::DisableTowerControls(XmlUINotice& notice) {
+    // Only greyed: controls made visible stay visible.
+    notice.GetControl(kCtrlLabel, kIdTowerSelectLbl).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlLabel, kIdTowerUpdatePending)
+        .SetAttribute(kUiHidden, kUiTrue)
+        .SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlRadioGroup, kIdModeRadioGroup).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlLabel, kIdTowerListLbl).SetAttribute(kUiDisabled, kUiTrue);
+    notice.GetControl(kCtrlComboBox, kIdTowerListCombobox).SetAttribute(kUiDisabled, kUiTrue);
+}
+
 XmlUICtrl CVantoriaPresentationPlugin::BuildModeRadioGroup(XmlUINotice& notice) {
     // The automatic radio always comes first.
     XmlUICtrl group = notice.GetControl(kCtrlRadioGroup, kIdModeRadioGroup);
@@ -493,5 +835,36 @@ void CVantoriaPresentationPlugin::BuildStartupUi() {
     combobox.SetAttribute(kUiDisabled, kUiTrue);
     EnterEvent(combobox.SetEvent(kEventOnSelect, kIdTowerListCombobox), kActionTowerCombobox);
 
+    BuildStatisticsSetup(notice);
     SendNotice(notice);
+}
+
+void CVantoriaPresentationPlugin::BuildStatisticsSetup(XmlUINotice& notice) {
+    const std::string unknown = Translate(kKeyUnknown);
+    const std::string pending = Translate(kKeyModePlaceholder);
+    XmlUICtrl box = notice.GetControl(kCtrlOutlineListBox, kIdStatOutlineListBox);
+    box.SetAttribute(kUiUpdateRows, kUiFalse).SetAttribute(kUiNumColumns, kTwoColumns);
+    XmlNode tower = AddListGroup(box, kIdGroupTowerInfo, Translate(kKeyGroupTower));
+    AddListRow(tower, kIdSelectionMode, Translate(kKeySelectionMode), pending.c_str());
+    AddListRow(tower, kIdCurTower, Translate(kKeyCurrentTower), pending.c_str());
+    AddListRow(tower, kIdLastSwitch, Translate(kKeyLastSwitch), unknown.c_str());
+    XmlNode service = AddListGroup(box, kIdGroupServiceInfo, Translate(kKeyGroupService));
+    AddListRow(service, kIdServiceStatus, Translate(kKeyServiceStatus), unknown.c_str());
+    AddListRow(service, kIdEnabledSince, Translate(kKeyEnabledSince), unknown.c_str());
+    AddListRow(service, kIdDetectOnLan, Translate(kKeyDetectOnLan), unknown.c_str());
+    AddListRow(service, kIdOnLan, Translate(kKeyOnLan), unknown.c_str());
+    XmlNode active = AddListGroup(box, kIdGroupActiveConnections, Translate(kKeyGroupActive));
+    AddListRow(active, kIdActiveFiltered, Translate(kKeyFiltered), kZeroCount);
+    AddListRow(active, kIdActiveBypassed, Translate(kKeyBypassed), kZeroCount);
+    XmlNode total = AddListGroup(box, kIdGroupTotalConnections, Translate(kKeyGroupTotal));
+    AddListRow(total, kIdTotalFiltered, Translate(kKeyFiltered), kZeroCount);
+    AddListRow(total, kIdTotalBypassed, Translate(kKeyBypassed), kZeroCount);
+
+    // The overview box says "true" even here; the host reads the two boxes differently.
+    XmlUICtrl overview = notice.GetControl(kCtrlOutlineListBox, kIdOverviewStatOutlineListBox);
+    overview.SetAttribute(kUiUpdateRows, kUiTrue).SetAttribute(kUiNumColumns, kTwoColumns);
+    const std::string caption = Translate(kKeyDisplayName) + " (" + unknown + ")";
+    XmlNode group = AddListGroup(overview, kIdGroupTideway, caption);
+    AddListRow(group, kIdCurTower, Translate(kKeyCurrentTower), unknown.c_str());
+    AddListRow(group, kIdDetectOnLan, Translate(kKeyDetectOnLan), unknown.c_str());
 }

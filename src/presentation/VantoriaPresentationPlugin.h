@@ -80,6 +80,14 @@ class CVantoriaPresentationPlugin : public IPresentationPlugin, public IVantoria
     // The setup notice: the whole page, sent once per Start before the API is registered.
     void BuildStartupUi() REQUIRES(lock);
     XmlUICtrl BuildModeRadioGroup(XmlUINotice& notice) REQUIRES(lock);
+    // The two statistics boxes of the setup notice, with placeholder values.
+    void BuildStatisticsSetup(XmlUINotice& notice) REQUIRES(lock);
+    // The tile, tray text and history line for lastStatus (nothing for a code without them).
+    void UpdateStatusText(XmlUINotice& notice) REQUIRES(lock);
+    // Greys every control of the tower page; hides only "tower_update_pending".
+    void DisableTowerControls(XmlUINotice& notice);
+    // The error pop-up of a failed tower change or closest-tower setting.
+    void SendErrorPopup(uint32_t textKey);
     void EnterEvent(const std::string& eventId, int32_t action);
 
     // The four actions of HandleEvent.

@@ -164,7 +164,8 @@ TEST_F(PresentationLife, LateCallbacksAfterShutdownReachNothing) {
     EXPECT_EQ(size, 1u);
     EXPECT_EQ(host_.Notices().size(), before);
     EXPECT_EQ(syslog_capture::Count("CVantoriaPresentationPlugin: NULL presentation pointer\n"), 2u);
-    EXPECT_EQ(syslog_capture::Count("CVantoriaPresentationPlugin: NULL translator pointer\n"), 1u);
+    // One per text looked up: the tile text of status 1 and the display name.
+    EXPECT_EQ(syslog_capture::Count("CVantoriaPresentationPlugin: NULL translator pointer\n"), 2u);
 }
 
 TEST_F(PresentationLife, HostCallingBackFromDeliverXmlOnTheSameThreadGetsIn) {
