@@ -270,7 +270,8 @@ TEST_F(PresentationPages, StatusCodesDriveTileTrayHistoryAndRequests) {
         const std::vector<std::string> notices = TakeNotices();
         ASSERT_EQ(notices.size(), c.popupText != 0 ? 2u : 1u) << "code " << c.code;
         if (c.popupText != 0) {
-            XmlNode popup = XmlUINotice(notices[0].c_str()).root.FirstChild(kUiPopup);
+            const XmlUINotice popupNotice(notices[0].c_str());  // owns the nodes read below
+            XmlNode popup = popupNotice.root.FirstChild(kUiPopup);
             EXPECT_EQ(popup.GetAttribute(kUiId) + "|" + popup.GetAttribute(kUiType) + "|" +
                           popup.FirstChild(kUiTitle).GetAttribute(kUiValue) + "|" +
                           popup.FirstChild(kUiText).GetAttribute(kUiValue),
