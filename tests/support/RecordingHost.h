@@ -13,6 +13,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "IPresentationHost.h"
@@ -27,6 +28,7 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
             std::lock_guard<std::mutex> lock(mutex);
             notices.push_back(xml);
             ids.push_back(clientId);
+            deliverers.push_back(std::this_thread::get_id());
         }
         changed.notify_all();
         if (deliverHook)
@@ -38,6 +40,7 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
             std::lock_guard<std::mutex> lock(mutex);
             notices.push_back("<stopped>");
             ids.push_back(clientId);
+            deliverers.push_back(std::this_thread::get_id());
         }
         changed.notify_all();
         return 0;
@@ -69,6 +72,16 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
         std::lock_guard<std::mutex> lock(mutex);
         return notices;
     }
+    // The notices the calling thread delivered: what a host event produced, without the ones
+    // the module's threads deliver meanwhile.
+    std::vector<std::string> NoticesOfThisThread() {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<std::string> own;
+        for (size_t i = 0; i < notices.size(); ++i)
+            if (deliverers[i] == std::this_thread::get_id())
+                own.push_back(notices[i]);
+        return own;
+    }
     bool WaitForCount(size_t n, std::chrono::seconds limit = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, limit, [&] { return notices.size() >= n; });
@@ -90,6 +103,7 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
     std::condition_variable changed;
     std::vector<std::string> notices;
     std::vector<uint32_t> ids;
+    std::vector<std::thread::id> deliverers;
 };
 
 #endif  // TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
