@@ -149,6 +149,13 @@ std::string ModeEvent(const std::string& label) {
            "value=\"" + EscapeAttribute(label) + "\"/></brguiEvent>";
 }
 
+// The event the host sends when the user presses OK in the proxy credential dialog.
+std::string CredentialsEvent(const std::string& user, const std::string& password) {
+    return "<brguiEvent id=\"credential_ok_btn_OnPress\"><textbox id=\"proxyuser\" value=\"" +
+           EscapeAttribute(user) + "\"/><passwordbox id=\"proxypswd\" value=\"" +
+           EscapeAttribute(password) + "\"/></brguiEvent>";
+}
+
 std::string Trim(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t\r");
     if (first == std::string::npos)
@@ -173,6 +180,9 @@ void PrintHelp() {
                "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines\n"
                "  select-tower NAME                 pick NAME in the tower list\n"
                "  mode automatic|manual             pick a mode radio (by its translated label)\n"
+               "  credentials USER PASSWORD         press OK in the proxy credential dialog\n"
+               "                                    (the password is the rest of the line)\n"
+               "  cancel-credentials                press Cancel in that dialog\n"
                "  help                              this list\n"
                "  quit                              stop the plug-in and leave (also end of input)");
 }
@@ -205,6 +215,16 @@ void ReadEvents(IPresentationPlugin* plugin, const Catalogue& catalogue) {
             PrintHelp();
         } else if (text.compare(0, 13, "select-tower ") == 0 && !Trim(text.substr(13)).empty()) {
             Deliver(plugin, TowerEvent(Trim(text.substr(13))));
+        } else if (text.compare(0, 12, "credentials ") == 0) {
+            const std::string rest = Trim(text.substr(12));
+            const size_t blank = rest.find_first_of(" \t");
+            if (blank == std::string::npos) {
+                PrintBlock("--- credentials need a user and a password", "");
+                continue;
+            }
+            Deliver(plugin, CredentialsEvent(rest.substr(0, blank), Trim(rest.substr(blank))));
+        } else if (text == "cancel-credentials") {
+            Deliver(plugin, "<brguiEvent id=\"credential_cancel_btn_OnPress\"/>");
         } else if (text == "mode automatic" || text == "mode manual") {
             const std::string label =
                 catalogue.Text(text == "mode automatic" ? kKeyAutomatic : kKeyManual);
