@@ -10,10 +10,18 @@
 //   BM_StatisticsPaced       the same at 50,000 per second for 2 seconds;
 //   BM_StopConnected         deleting a connected API (the whole stop sequence);
 //   BM_IdleCpu               CPU of a connected, silent module over 10 seconds.
+// The same paths through a started presentation plug-in, up to the notice its host receives in
+// DeliverXml (PageHost):
+//   BM_PageStatusLatency     the agent sends a state byte, two bytes in turn so that each one
+//                            changes the status; time until the status notice arrives;
+//   BM_PageStatisticsLatency the agent sends one 1059; time until the "stat_update" notice;
+//   BM_PageStatisticsFlood   the agent sends 1059 as fast as it can to a host that only counts;
+//   BM_PageStatisticsPaced   the same at 50,000 per second for 2 seconds.
 // Latencies are taken per iteration (median and 99th percentile as counters, manual time is the
 // mean). The real IPC client is wrapped (StampingChannel) so that each latency also splits into
-// the channel's part and the module's. After the run the goals are printed with this run's
-// figures.
+// the channel's part and the module's; the plug-in is wrapped (PagePlugin) to split the
+// module's part once more at the callback's entry. The floods also sample the process's
+// resident memory. After the run the goals are printed with this run's figures.
 //
 // The trace is initialised with the default mask, as the product starts; its records are
 // formatted and dropped here (vsyslog below) rather than sent to the machine's system log.
@@ -27,6 +35,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -37,6 +46,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -45,6 +55,8 @@
 #include "BenchSupport.h"
 
 #include "AgentSimulator.h"
+#include "IPresentationHost.h"
+#include "ITranslator.h"
 #include "IVantoriaApiCB.h"
 #include "api/VantoriaApi.h"
 #include "comm/ClientSideCommunicator.h"
@@ -52,6 +64,7 @@
 #include "common/VNTrace.h"
 #include "ipc/IPCTesting.h"
 #include "plugin/PluginEntry.h"
+#include "presentation/VantoriaPresentationPlugin.h"
 
 // The system log of this process: formatted, counted, dropped.
 std::atomic<uint64_t> g_LogRecords{0};
@@ -108,7 +121,8 @@ double Seconds(Clock::duration d) {
 using bench_support::ReadFrameRaw;
 using bench_support::WriteAllRaw;
 
-// Frames of a state-byte packet's size: 24 bytes of header and one of data.
+// Frames of range(0) bytes: 25 is a state-byte packet (24 bytes of header and one of data), 571
+// a statistics packet.
 void BM_RawRoundTrip(benchmark::State& state) {
     bench_support::EchoPair pair;
     if (!pair.ok()) {
@@ -138,6 +152,45 @@ void BM_RawRoundTrip(benchmark::State& state) {
 // ---------------------------------------------------------------------------------------------
 // A connected API against the simulator
 
+// Counts deliveries against an armed target and stamps the one that reaches it. Only that one
+// takes the mutex and wakes the waiter, so counting a flood costs an atomic increment each.
+class DeliveryCounter {
+  public:
+    void Arm(uint64_t target) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Count = 0;
+        m_Target = target;
+        m_bReached = false;
+    }
+    void Count() {
+        const uint64_t n = m_Count.fetch_add(1, std::memory_order_relaxed) + 1;
+        if (n != m_Target.load(std::memory_order_relaxed))
+            return;
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            m_LastAt = Clock::now();
+            m_bReached = true;
+        }
+        m_Reached.notify_all();
+    }
+    // Waits for the target; `at` gets the moment it was reached. The flag, set together with
+    // the stamp, is what is waited on: the count alone may run ahead of the stamp.
+    bool Wait(Clock::time_point* at, Clock::duration limit = kWait) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        const bool ok = m_Reached.wait_for(lock, limit, [&] { return m_bReached; });
+        *at = m_LastAt;
+        return ok;
+    }
+
+  private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Reached;
+    std::atomic<uint64_t> m_Count{0};
+    std::atomic<uint64_t> m_Target{0};
+    bool m_bReached = false;
+    Clock::time_point m_LastAt;
+};
+
 // The application: stamps and counts what arrives. OnStatistics only counts.
 class Recorder : public IVantoriaApiCB {
   public:
@@ -165,14 +218,7 @@ class Recorder : public IVantoriaApiCB {
         return 0;
     }
     int32_t OnStatistics(IVantoriaStatistics*) override {
-        const uint64_t n = m_Statistics.fetch_add(1, std::memory_order_relaxed) + 1;
-        if (n == m_StatisticsTarget.load(std::memory_order_relaxed)) {
-            {
-                std::lock_guard<std::mutex> lock(m_Mutex);
-                m_LastStatisticsAt = Clock::now();
-            }
-            m_Changed.notify_all();
-        }
+        m_Statistics.Count();
         return 0;
     }
     int32_t OnInfoMessage(IVantoriaInfoMessage*) override { return 0; }
@@ -198,19 +244,7 @@ class Recorder : public IVantoriaApiCB {
         std::unique_lock<std::mutex> lock(m_Mutex);
         return m_Changed.wait_for(lock, kWait, [&] { return m_Dcts >= count; });
     }
-    // Statistics: arm a target count, then wait for it.
-    void ArmStatistics(uint64_t target) {
-        m_Statistics = 0;
-        m_StatisticsTarget = target;
-    }
-    uint64_t Statistics() const { return m_Statistics.load(std::memory_order_relaxed); }
-    bool WaitStatistics(Clock::time_point* at) {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        const bool ok = m_Changed.wait_for(
-            lock, kWait, [&] { return m_Statistics.load() >= m_StatisticsTarget.load(); });
-        *at = m_LastStatisticsAt;
-        return ok;
-    }
+    DeliveryCounter& Statistics() { return m_Statistics; }
 
   private:
     void Bump(uint64_t& counter) {
@@ -225,11 +259,9 @@ class Recorder : public IVantoriaApiCB {
     std::condition_variable m_Changed;
     std::map<uint64_t, uint64_t> m_StatusCounts;
     Clock::time_point m_LastStatusAt;
-    Clock::time_point m_LastStatisticsAt;
     uint64_t m_TowerLists = 0;
     uint64_t m_Dcts = 0;
-    std::atomic<uint64_t> m_Statistics{0};
-    std::atomic<uint64_t> m_StatisticsTarget{0};
+    DeliveryCounter m_Statistics;
 };
 
 // The receiver thread's queue of a running communicator, for its length. A pointer to the
@@ -315,6 +347,114 @@ class StampingChannel : public IIPCCallback {
     std::atomic<int64_t> m_LastSend[kSlots] = {};
 };
 
+// The presentation plug-in with the moment each status and statistics callback enters it
+// stamped (`entryNs`), which splits the module's part of a latency into the communicator's and
+// the API's (up to the callback) and the page's (the callback up to DeliverXml). It costs a
+// clock read per callback.
+class PagePlugin : public CVantoriaPresentationPlugin {
+  public:
+    explicit PagePlugin(std::atomic<int64_t>* entryNs) : m_pEntryNs(entryNs) {}
+    int32_t OnStatus(IVantoriaStatus* status) override {
+        m_pEntryNs->store(NowNs());
+        return CVantoriaPresentationPlugin::OnStatus(status);
+    }
+    int32_t OnStatistics(IVantoriaStatistics* statistics) override {
+        m_pEntryNs->store(NowNs());
+        return CVantoriaPresentationPlugin::OnStatistics(statistics);
+    }
+
+  private:
+    std::atomic<int64_t>* m_pEntryNs;
+};
+
+// The UI host of the plug-in. It translates every key to a short text of a catalogue's usual
+// length and sorts each notice by its root element: a "stat_update" tag is a statistics notice
+// (counted, nothing else), a `state` a status notice (counted and stamped, together with the
+// entry stamp of the callback that sent it, which runs on the same thread); the rest (setup,
+// tower list, DCT, empty updates) is counted as other.
+class PageHost : public IPresentationHost, public ITranslator {
+  public:
+    explicit PageHost(const std::atomic<int64_t>* entryNs) : m_pEntryNs(entryNs) {
+        for (uint32_t key = 0; key < m_Texts.size(); ++key)
+            m_Texts[key] = "Catalogue text " + std::to_string(key);
+    }
+
+    int32_t DeliverXml(uint32_t, const char* xml) override {
+        const Clock::time_point now = Clock::now();
+        const char* end = strchr(xml, '>');
+        const std::string_view root(xml, end != nullptr ? end - xml : strlen(xml));
+        if (root.find(" tag=\"stat_update\"") != std::string_view::npos) {
+            m_Statistics.Count();
+            return 0;
+        }
+        const bool status = root.find(" state=\"") != std::string_view::npos;
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            if (status) {
+                ++m_StatusNotices;
+                m_LastStatusAt = now;
+                m_LastStatusEntryNs = m_pEntryNs->load();
+            } else {
+                ++m_Others;
+            }
+        }
+        m_Changed.notify_all();
+        return 0;
+    }
+    int32_t NotifyStopped(uint32_t) override { return 0; }
+    int32_t TranslateText(uint32_t key, char* buffer, uint32_t& size) override {
+        const std::string& text = key < m_Texts.size() ? m_Texts[key] : m_Texts[0];
+        const uint32_t needed = static_cast<uint32_t>(text.size() + 1);
+        if (buffer == nullptr || size < needed) {
+            size = needed;
+            return -3;
+        }
+        memcpy(buffer, text.c_str(), needed);
+        return 0;
+    }
+
+    // Counts so far, to wait for the next ones.
+    void Counts(uint64_t* status, uint64_t* others) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        *status = m_StatusNotices;
+        *others = m_Others;
+    }
+    // Waits until `status` status notices and `others` other notices have come; `at` and
+    // `entryNs` get the last status notice's delivery and its callback's entry.
+    bool Wait(uint64_t status, uint64_t others, Clock::time_point* at = nullptr,
+              int64_t* entryNs = nullptr) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        const bool ok = m_Changed.wait_for(
+            lock, kWait, [&] { return m_StatusNotices >= status && m_Others >= others; });
+        if (at != nullptr)
+            *at = m_LastStatusAt;
+        if (entryNs != nullptr)
+            *entryNs = m_LastStatusEntryNs;
+        return ok;
+    }
+    DeliveryCounter& Statistics() { return m_Statistics; }
+
+  private:
+    const std::atomic<int64_t>* m_pEntryNs;
+    std::array<std::string, 400> m_Texts;  // the keys in use lie below 400
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    uint64_t m_StatusNotices = 0;
+    uint64_t m_Others = 0;
+    Clock::time_point m_LastStatusAt;
+    int64_t m_LastStatusEntryNs = 0;
+    DeliveryCounter m_Statistics;
+};
+
+// Resident memory of this process in MiB (/proc/self/statm), or -1.
+double ResidentMiB() {
+    std::ifstream in("/proc/self/statm");
+    uint64_t size = 0, resident = 0;
+    if (!(in >> size >> resident))
+        return -1;
+    return static_cast<double>(resident) * sysconf(_SC_PAGESIZE) / (1024.0 * 1024.0);
+}
+
 // Threads of this process by id.
 std::set<int> ThreadIds() {
     std::set<int> ids;
@@ -344,10 +484,11 @@ double ProcessCpuSeconds() {
            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-// A temporary app-data root (socket directory), an agent on it, and an API that connects.
+// A temporary app-data root (socket directory), an agent on it, and an API that connects, bare
+// (Connect) or inside a started presentation plug-in (ConnectPage).
 class Rig {
   public:
-    Rig() {
+    Rig() : m_Host(&m_EntryNs) {
         char pattern[] = "/tmp/tideway-bench-XXXXXX";
         const char* made = mkdtemp(pattern);
         m_Root = made != nullptr ? made : "";
@@ -388,12 +529,39 @@ class Rig {
                                   }) &&
                m_pApi->StartCommunicator() && m_Recorder.WaitStatus(9, connected + 1);
     }
-    // Deletes the API as DisposePlugin does: the global pointer first.
+    // A new presentation plug-in, made as CreatePlugin makes it (API initialised, communicator
+    // started) and then initialised and started as the host does. Connected once the notices
+    // that the agent's "service started" brings have come: the status notice, and besides the
+    // setup notice those for the tower list, the DCT settings and the statistics' start (an
+    // empty update for status 15).
+    bool ConnectPage() {
+        if (!m_bAgentUp)
+            return false;
+        uint64_t status = 0, others = 0;
+        m_Host.Counts(&status, &others);
+        m_pPlugin = new PagePlugin(&m_EntryNs);
+        m_pApi = &m_pPlugin->GetApi();
+        g_pVantoriaApi = m_pApi;
+        static int hostContext = 0;
+        return m_pApi->Initialize(kPort,
+                                  [this](uint32_t identity, IIPCCallback* module) {
+                                      return m_Channel.Make(identity, module);
+                                  }) &&
+               m_pApi->StartCommunicator() &&
+               m_pPlugin->Initialize(&hostContext, 1, &m_Host, &m_Host) == 0 &&
+               m_pPlugin->Start() == 0 && m_Host.Wait(status + 1, others + 4);
+    }
+    // Deletes the API, or the plug-in that holds it, as DisposePlugin does: the global pointer
+    // first.
     void Disconnect() {
         if (m_pApi == nullptr)
             return;
         g_pVantoriaApi = nullptr;
-        delete m_pApi;
+        if (m_pPlugin != nullptr)
+            delete m_pPlugin;
+        else
+            delete m_pApi;
+        m_pPlugin = nullptr;
         m_pApi = nullptr;
     }
     // Waits until the agent has no client left.
@@ -422,6 +590,12 @@ class Rig {
     CVantoriaApi* Api() { return m_pApi; }
     CAgentSimulator& Sim() { return *m_Sim; }
     Recorder& Callback() { return m_Recorder; }
+    PageHost& Host() { return m_Host; }
+    // Statistics as the connected receiver counts them: the plug-in's host or the callback.
+    DeliveryCounter& Statistics() {
+        return m_pPlugin != nullptr ? m_Host.Statistics() : m_Recorder.Statistics();
+    }
+    int64_t CallbackEntryNs() const { return m_EntryNs.load(); }
     const StampingChannel& Channel() const { return m_Channel; }
 
   private:
@@ -445,7 +619,10 @@ class Rig {
     bool m_bAgentUp = false;
     StampingChannel m_Channel;  // outlives every API the rig makes
     Recorder m_Recorder;
+    std::atomic<int64_t> m_EntryNs{0};
+    PageHost m_Host;
     CVantoriaApi* m_pApi = nullptr;
+    PagePlugin* m_pPlugin = nullptr;  // when the API is the plug-in's
     std::mutex m_Mutex;
     std::condition_variable m_Changed;
     uint64_t m_TowerChanges = 0;
@@ -534,18 +711,34 @@ ServiceStatistics SampleStatistics() {
     ServiceStatistics stats;
     memset(&stats, 0, sizeof(stats));
     stats.activeFilteredA = 3;
+    stats.totalFilteredA = 123456;
+    stats.nServiceStatus = 2;
+    snprintf(stats.szLastTowerSelect, sizeof(stats.szLastTowerSelect), "42 seconds ago");
+    snprintf(stats.szServiceEnabled, sizeof(stats.szServiceEnabled), "2026-11-22 08:00:00");
     snprintf(stats.szActiveTower, sizeof(stats.szActiveTower), "west-2");
     return stats;
 }
 
+// A bare API whose callback counts, or with `page` a started plug-in whose host counts.
+bool ConnectReceiver(Rig& rig, bool page) {
+    return page ? rig.ConnectPage() : rig.Connect();
+}
+
+// The flood limit of a wait for the last delivery: a receiver slower than the agent drains its
+// queue after the agent is done, for seconds.
+constexpr auto kFloodWait = seconds(120);
+
 // The agent floods: range(0) statistics back to back from this thread, as fast as the channel
-// takes them; OnStatistics counts them. delivered_per_s runs from the first send to the last
-// delivery, sent_per_s is the agent's own pace. The receiver's queue is sampled every 256 sends
-// (its largest length) and when the last is sent; drain_ms is from the last send to the last
-// delivery. The queue has no bound of its own: it grows while the agent outpaces the receiver.
-void BM_StatisticsFlood(benchmark::State& state) {
+// takes them, to a receiver that only counts. delivered_per_s runs from the first send to the
+// last delivery, sent_per_s is the agent's own pace. The receiver's queue is sampled every 256
+// sends (its largest length) and when the last is sent; drain_ms is from the last send to the
+// last delivery. The queue has no bound of its own: it grows while the agent outpaces the
+// receiver. The resident memory is read before, every 4096 sends, when the last is sent and
+// after the last delivery (freed queue entries may stay with the allocator, so "after" need not
+// fall back).
+void StatisticsFlood(benchmark::State& state, bool page) {
     Rig rig;
-    if (!rig.Connect()) {
+    if (!ConnectReceiver(rig, page)) {
         state.SkipWithError("no connection");
         return;
     }
@@ -554,21 +747,27 @@ void BM_StatisticsFlood(benchmark::State& state) {
     CCommunicator* communicator = rig.Api()->GetCommunicator();
     double delivered = 0, sent = 0, drainMs = 0;
     size_t maxBacklog = 0, lastBacklog = 0;
+    const double rssBefore = ResidentMiB();
+    double rssPeak = rssBefore, rssAfter = rssBefore;
     for (auto _ : state) {
-        rig.Callback().ArmStatistics(count);
+        rig.Statistics().Arm(count);
         const Clock::time_point start = Clock::now();
         for (uint64_t i = 1; i <= count; ++i) {
             rig.Sim().Broadcast(COMM_MSG_SERVICE_STATS, &stats, sizeof(stats));
             if (i % 256 == 0)
                 maxBacklog = std::max(maxBacklog, ReceiverBacklog(communicator));
+            if (i % 4096 == 0)
+                rssPeak = std::max(rssPeak, ResidentMiB());
         }
         const Clock::time_point allSent = Clock::now();
         lastBacklog = ReceiverBacklog(communicator);
+        rssPeak = std::max(rssPeak, ResidentMiB());
         Clock::time_point last;
-        if (!rig.Callback().WaitStatistics(&last)) {
+        if (!rig.Statistics().Wait(&last, kFloodWait)) {
             state.SkipWithError("statistics lost");
             break;
         }
+        rssAfter = ResidentMiB();
         state.SetIterationTime(Seconds(last - start));
         delivered = count / Seconds(last - start);
         sent = count / Seconds(allSent - start);
@@ -579,14 +778,25 @@ void BM_StatisticsFlood(benchmark::State& state) {
     state.counters["max_queue"] = static_cast<double>(std::max(maxBacklog, lastBacklog));
     state.counters["queue_at_last_send"] = static_cast<double>(lastBacklog);
     state.counters["drain_ms"] = drainMs;
+    state.counters["rss_before_mib"] = rssBefore;
+    state.counters["rss_peak_mib"] = std::max(rssPeak, rssAfter);
+    state.counters["rss_after_mib"] = rssAfter;
+}
+
+void BM_StatisticsFlood(benchmark::State& state) {
+    StatisticsFlood(state, false);
+}
+
+void BM_PageStatisticsFlood(benchmark::State& state) {
+    StatisticsFlood(state, true);
 }
 
 // The agent sends at range(0) statistics per second for 2 seconds, 50 at a time every
-// millisecond (scaled), with the queue sampled after each batch: a receiver that keeps up holds
-// the queue near zero all along.
-void BM_StatisticsPaced(benchmark::State& state) {
+// millisecond (scaled), with the queue sampled after each batch and the resident memory every
+// 16 batches: a receiver that keeps up holds the queue near zero all along.
+void StatisticsPaced(benchmark::State& state, bool page) {
     Rig rig;
-    if (!rig.Connect()) {
+    if (!ConnectReceiver(rig, page)) {
         state.SkipWithError("no connection");
         return;
     }
@@ -597,8 +807,10 @@ void BM_StatisticsPaced(benchmark::State& state) {
     CCommunicator* communicator = rig.Api()->GetCommunicator();
     double delivered = 0, meanBacklog = 0;
     size_t maxBacklog = 0;
+    const double rssBefore = ResidentMiB();
+    double rssPeak = rssBefore;
     for (auto _ : state) {
-        rig.Callback().ArmStatistics(count);
+        rig.Statistics().Arm(count);
         const Clock::time_point start = Clock::now();
         uint64_t sentCount = 0, samples = 0, backlogSum = 0;
         for (uint64_t batch = 1; sentCount < count; ++batch) {
@@ -608,14 +820,17 @@ void BM_StatisticsPaced(benchmark::State& state) {
             maxBacklog = std::max(maxBacklog, backlog);
             backlogSum += backlog;
             ++samples;
+            if (batch % 16 == 0)
+                rssPeak = std::max(rssPeak, ResidentMiB());
             std::this_thread::sleep_until(
                 start + std::chrono::microseconds(batch * 1000000 * perBatch / perSecond));
         }
         Clock::time_point last;
-        if (!rig.Callback().WaitStatistics(&last)) {
+        if (!rig.Statistics().Wait(&last, kFloodWait)) {
             state.SkipWithError("statistics lost");
             break;
         }
+        rssPeak = std::max(rssPeak, ResidentMiB());
         state.SetIterationTime(Seconds(last - start));
         delivered = count / Seconds(last - start);
         meanBacklog = samples != 0 ? static_cast<double>(backlogSum) / samples : 0;
@@ -623,6 +838,98 @@ void BM_StatisticsPaced(benchmark::State& state) {
     state.counters["delivered_per_s"] = delivered;
     state.counters["max_queue"] = static_cast<double>(maxBacklog);
     state.counters["mean_queue"] = meanBacklog;
+    state.counters["rss_growth_mib"] = rssPeak - rssBefore;
+}
+
+void BM_StatisticsPaced(benchmark::State& state) {
+    StatisticsPaced(state, false);
+}
+
+void BM_PageStatisticsPaced(benchmark::State& state) {
+    StatisticsPaced(state, true);
+}
+
+// From the agent's send of a state byte to the status notice in the plug-in's DeliverXml. The
+// bytes alternate so that each changes the status (a repeated status sends nothing). range(0)
+// 0 sends 0x04 and 0x02: statuses 4 and 3, one notice each with the tower page greyed. 1 sends
+// 0x04 and 0x01; 0x01 brings statuses 2, 0 and 2: the notice of 2 (tray "Good", the tile with
+// the tower) goes after the plug-in has asked for the tower list and DCT settings, and is
+// followed by an empty update for 0, nothing for the repeated 2, and the notices of the two
+// answers, which are waited for outside the measured time. The latency splits at the library's
+// OnReqMsgRecv (channel_) and at the entry of OnStatus (comm_: communicator and API; page_:
+// the plug-in's handler up to DeliverXml).
+void BM_PageStatusLatency(benchmark::State& state) {
+    Rig rig;
+    if (!rig.ConnectPage()) {
+        state.SkipWithError("no connection");
+        return;
+    }
+    const uint8_t bytes[2] = {0x04, static_cast<uint8_t>(state.range(0) == 0 ? 0x02 : 0x01)};
+    Samples samples, channel, comm, page;
+    uint64_t round = 0;
+    for (auto _ : state) {
+        const uint8_t byte = bytes[round++ % 2];
+        uint64_t status = 0, others = 0;
+        rig.Host().Counts(&status, &others);
+        const Clock::time_point start = Clock::now();
+        rig.Sim().Broadcast(COMM_MSG_ICON_APLUS_STATE, &byte, 1);
+        Clock::time_point delivered;
+        int64_t entryNs = 0;
+        if (!rig.Host().Wait(status + 1, others, &delivered, &entryNs)) {
+            state.SkipWithError("status notice lost");
+            break;
+        }
+        const Clock::time_point handed(
+            std::chrono::nanoseconds(rig.Channel().LastReceiveNs(COMM_MSG_ICON_APLUS_STATE)));
+        const Clock::time_point entered{std::chrono::nanoseconds(entryNs)};
+        samples.Add(delivered - start);
+        channel.Add(handed - start);
+        comm.Add(entered - handed);
+        page.Add(delivered - entered);
+        state.SetIterationTime(Seconds(delivered - start));
+        if (byte == 0x01 && !rig.Host().Wait(status + 1, others + 3)) {
+            state.SkipWithError("the notices after status 2 lost");
+            break;
+        }
+    }
+    samples.Report(state);
+    channel.Report(state, "channel_");
+    comm.Report(state, "comm_");
+    page.Report(state, "page_");
+}
+
+// From the agent's send of one statistics report to the "stat_update" notice in DeliverXml,
+// split as above.
+void BM_PageStatisticsLatency(benchmark::State& state) {
+    Rig rig;
+    if (!rig.ConnectPage()) {
+        state.SkipWithError("no connection");
+        return;
+    }
+    const ServiceStatistics stats = SampleStatistics();
+    Samples samples, channel, comm, page;
+    for (auto _ : state) {
+        rig.Statistics().Arm(1);
+        const Clock::time_point start = Clock::now();
+        rig.Sim().Broadcast(COMM_MSG_SERVICE_STATS, &stats, sizeof(stats));
+        Clock::time_point delivered;
+        if (!rig.Statistics().Wait(&delivered)) {
+            state.SkipWithError("statistics notice lost");
+            break;
+        }
+        const Clock::time_point handed(
+            std::chrono::nanoseconds(rig.Channel().LastReceiveNs(COMM_MSG_SERVICE_STATS)));
+        const Clock::time_point entered{std::chrono::nanoseconds(rig.CallbackEntryNs())};
+        samples.Add(delivered - start);
+        channel.Add(handed - start);
+        comm.Add(entered - handed);
+        page.Add(delivered - entered);
+        state.SetIterationTime(Seconds(delivered - start));
+    }
+    samples.Report(state);
+    channel.Report(state, "channel_");
+    comm.Report(state, "comm_");
+    page.Report(state, "page_");
 }
 
 // Deleting a connected API: the stop sequence, joins and the channel's tear-down.
@@ -688,7 +995,7 @@ void BM_IdleCpu(benchmark::State& state) {
     }
 }
 
-BENCHMARK(BM_RawRoundTrip)->Arg(25)->Iterations(20000)->UseManualTime();
+BENCHMARK(BM_RawRoundTrip)->Arg(25)->Arg(571)->Iterations(20000)->UseManualTime();
 BENCHMARK(BM_NotifyLatency)->Iterations(5000)->UseManualTime();
 BENCHMARK(BM_CommandLatency)->Arg(0)->Arg(1)->Iterations(2000)->UseManualTime();
 BENCHMARK(BM_StatisticsFlood)
@@ -697,6 +1004,18 @@ BENCHMARK(BM_StatisticsFlood)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StatisticsPaced)
+    ->Arg(50000)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PageStatusLatency)->Arg(0)->Arg(1)->Iterations(5000)->UseManualTime();
+BENCHMARK(BM_PageStatisticsLatency)->Iterations(5000)->UseManualTime();
+BENCHMARK(BM_PageStatisticsFlood)
+    ->Arg(200000)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PageStatisticsPaced)
     ->Arg(50000)
     ->Iterations(1)
     ->UseManualTime()
@@ -775,6 +1094,56 @@ class GoalReporter : public benchmark::ConsoleReporter {
                 "mean %.2f\n",
                 paced, get("BM_StatisticsPaced/50000.max_queue"),
                 get("BM_StatisticsPaced/50000.mean_queue"));
+        }
+        const char* const statusCases[] = {"BM_PageStatusLatency/0", "BM_PageStatusLatency/1"};
+        const char* const statusBytes[] = {"0x04/0x02", "0x04/0x01"};
+        for (int i = 0; i < 2; ++i) {
+            const std::string key = statusCases[i];
+            const double status = get(key + ".median_us");
+            if (raw > 0 && status > 0) {
+                printf(
+                    "page status notice, bytes %s: median %.1f us (p99 %.1f us) = %.2fx raw: "
+                    "goal 3x %s\n"
+                    "  channel %.1f us, communicator and API (OnReqMsgRecv to OnStatus) %.1f "
+                    "us, page (OnStatus to DeliverXml) %.1f us\n",
+                    statusBytes[i], status, get(key + ".p99_us"), status / raw,
+                    verdict(status <= 3 * raw), get(key + ".channel_median_us"),
+                    get(key + ".comm_median_us"), get(key + ".page_median_us"));
+            }
+        }
+        const double rawStats = get("BM_RawRoundTrip/571.median_us");
+        const double statsNotice = get("BM_PageStatisticsLatency.median_us");
+        if (rawStats > 0 && statsNotice > 0) {
+            printf(
+                "page statistics notice: median %.1f us (p99 %.1f us) = %.2fx raw of 571 bytes "
+                "(%.1f us): goal 4x %s\n"
+                "  channel %.1f us, communicator and API %.1f us, page (OnStatistics to "
+                "DeliverXml) %.1f us\n",
+                statsNotice, get("BM_PageStatisticsLatency.p99_us"), statsNotice / rawStats,
+                rawStats, verdict(statsNotice <= 4 * rawStats),
+                get("BM_PageStatisticsLatency.channel_median_us"),
+                get("BM_PageStatisticsLatency.comm_median_us"),
+                get("BM_PageStatisticsLatency.page_median_us"));
+        }
+        const double pageFlood = get("BM_PageStatisticsFlood/200000.delivered_per_s");
+        if (pageFlood >= 0) {
+            const std::string key = "BM_PageStatisticsFlood/200000.";
+            printf(
+                "page statistics flood: %.0f notices/s delivered (agent sent %.0f/s), receiver "
+                "queue max %.0f, %.0f when the last was sent, drained in %.0f ms; resident "
+                "memory %.0f MiB before, %.0f peak, %.0f after: goal 20000/s %s\n",
+                pageFlood, get(key + "sent_per_s"), get(key + "max_queue"),
+                get(key + "queue_at_last_send"), get(key + "drain_ms"), get(key + "rss_before_mib"),
+                get(key + "rss_peak_mib"), get(key + "rss_after_mib"), verdict(pageFlood >= 20000));
+        }
+        const double pagePaced = get("BM_PageStatisticsPaced/50000.delivered_per_s");
+        if (pagePaced >= 0) {
+            printf(
+                "page statistics at 50000/s for 2 s: %.0f notices/s delivered, receiver queue "
+                "max %.0f, mean %.1f, resident memory +%.1f MiB\n",
+                pagePaced, get("BM_PageStatisticsPaced/50000.max_queue"),
+                get("BM_PageStatisticsPaced/50000.mean_queue"),
+                get("BM_PageStatisticsPaced/50000.rss_growth_mib"));
         }
         const double stop = get("BM_StopConnected.median_us");
         if (stop >= 0) {
