@@ -1,11 +1,13 @@
-// Test-side synchronisation on the standard library only, so that the event and queue tests do
-// not lean on the code they test.
+// Test-side synchronisation outside the module, so that the event and queue tests do not lean
+// on the code they test.
 #ifndef TIDEWAY_TESTS_COMM_LATCH_H_
 #define TIDEWAY_TESTS_COMM_LATCH_H_
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include <boost/thread/barrier.hpp>
 
 namespace comm_test {
 
@@ -33,27 +35,7 @@ class Counter {
 };
 
 // A reusable meeting point for a fixed number of threads.
-class Barrier {
-  public:
-    explicit Barrier(int count) : m_Count(count) {}
-    void ArriveAndWait() {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        const unsigned generation = m_Generation;
-        if (++m_Arrived == m_Count) {
-            m_Arrived = 0;
-            ++m_Generation;
-            m_Cond.notify_all();
-        }
-        m_Cond.wait(lock, [&] { return m_Generation != generation; });
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Cond;
-    const int m_Count;
-    int m_Arrived = 0;
-    unsigned m_Generation = 0;
-};
+using Barrier = boost::barrier;
 
 inline long ElapsedMs(std::chrono::steady_clock::time_point since) {
     using namespace std::chrono;

@@ -74,7 +74,7 @@ TEST_F(TraceTest, WithoutTraceObjectOnlyErrorsReachTheLogDirectly) {
 
 TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
     CVNFileTrace trace;
-    const struct { uint32_t given, mask; } clamps[] = {{0xFFFF, 0x7FFF}, {0x1001, 0x1007}};
+    const struct { uint32_t given, mask; } clamps[] = {{0xFFFF, 0x7FFF}, {0x8000, 0x6}, {0x1001, 0x1007}};
     for (const auto& c : clamps) {
         trace.SetDebugLevel(c.given);
         EXPECT_EQ(trace.GetLevelMask(), c.mask) << c.given;

@@ -1,6 +1,5 @@
 // The file chain on real files in a temporary app-data root: which file becomes the running
 // profile, and what each of the three files holds afterwards, compared byte for byte.
-#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -10,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
-#include "TidewayPassPhrase.h"
 
 namespace {
 
@@ -27,27 +25,16 @@ const std::string kUpdateProfile = Profile(
     "<host_exceptions>a.example;10.0.0.0/8</host_exceptions>",
     "update");
 
-// A profile whose ciphertext begins with a 0x00 byte: a comment in front is varied until the
-// first cipher block, which depends only on the first 16 plaintext bytes, starts with zero.
-std::string ZeroLeadingPlaintext() {
-    unsigned char key[16], iv[16], block[32];
-    EVP_BytesToKey(EVP_aes_128_cbc(), EVP_sha1(), nullptr,
-                   reinterpret_cast<const unsigned char*>(kBuiltInPassPhrase),
-                   static_cast<int>(strlen(kBuiltInPassPhrase)), 1, key, iv);
+// Writes to `path` a profile whose ciphertext begins with a 0x00 byte (about one in 256): a
+// comment in front is varied until the file starts with zero.
+void WriteZeroLeadingProfile(const std::string& path) {
     for (int i = 0; i < 95 * 95; ++i) {
-        const std::string head = {'<', '!', '-', '-', char(' ' + i / 95), char(' ' + i % 95)};
-        const std::string plain = head + " -->" + kCurrentProfile;
-        int n = 0;
-        EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-        EVP_EncryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv);
-        EVP_EncryptUpdate(ctx, block, &n,
-                          reinterpret_cast<const unsigned char*>(("OBFUSCATED" + head).data()), 16);
-        EVP_CIPHER_CTX_free(ctx);
-        if (n == 16 && block[0] == 0)
-            return plain;
+        WriteObfuscated(path, std::string("<!--") + char(' ' + i / 95) + char(' ' + i % 95) +
+                                  " -->" + kCurrentProfile);
+        if (Bytes(path)[0] == '\0')
+            return;
     }
     ADD_FAILURE() << "no comment gives a zero first byte";
-    return kCurrentProfile;
 }
 
 uint16_t RunningPort(CDnConfigFile& config) {
@@ -225,7 +212,9 @@ TEST(ConfigFileChainTest, IsUpdateAvailableComparesUpdateAndBackupBytes) {
     WriteObfuscated(root.Update(), kUpdateProfile);
     fs::copy_file(root.Update(), root.Backup());
     EXPECT_FALSE(config.IsUpdateAvailable());
-    std::ofstream(root.Backup(), std::ios::binary | std::ios::app) << 'x';  // one byte more
+    std::string changed = Bytes(root.Update());
+    changed.back() ^= 1;  // the same size, one bit apart
+    Write(root.Backup(), changed);
     EXPECT_TRUE(config.IsUpdateAvailable());
     fs::copy_file(root.Update(), root.Backup(), fs::copy_options::overwrite_existing);
     // A corrupt or missing current file, or a missing backup, makes the update worth adopting.
@@ -249,8 +238,7 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
     Write(root.Path("empty"), "");
     Write(root.Path("blank"), " \r\n\t");
     Write(root.Path("declaration"), "<?xml version=\"1.0\"?>\n");
-    WriteObfuscated(root.Path("zero"), ZeroLeadingPlaintext());
-    ASSERT_EQ(Bytes(root.Path("zero"))[0], '\0');
+    WriteZeroLeadingProfile(root.Path("zero"));
     const struct {
         const char* name;
         long code;

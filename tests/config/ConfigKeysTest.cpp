@@ -238,29 +238,27 @@ std::string Settings(const std::string& logging, const std::string& outside) {
 
 TEST(LoggingSettingsTest, ClampsAndDefaults) {
     config_test::InitTrace();
+    // Zero, negative or below the bounds gives the default or the minimum; each field is read
+    // on its own, so one profile can hold a case of each.
     const struct {
         const char *logging, *outside, *expected;
     } cases[] = {
         {"", "", "107 1 10 10000 100 1 0 60"},
-        {"<LogFileSize>50</LogFileSize>", "", "107 1 10 10000 100 1 0 60"},
-        {"<LogFileSize>20000</LogFileSize>", "", "107 1 10 10000 10000 1 0 60"},
-        {"<LogFileSize>2500</LogFileSize>", "", "107 1 10 10000 2500 1 0 60"},
-        {"<NumLogFilesToRetain>0</NumLogFilesToRetain>", "", "107 1 10 10000 100 1 0 60"},
-        {"<NumLogFilesToRetain>4</NumLogFilesToRetain>", "", "107 1 10 10000 100 4 0 60"},
-        {"<ErrorReportingInterval>0</ErrorReportingInterval>", "", "107 1 10 10000 100 1 0 60"},
-        {"<ErrorReportingInterval>5</ErrorReportingInterval>", "", "107 1 10 10000 100 1 0 5"},
-        {"<debug_level>FFFFFFFF</debug_level>", "", "FFFFFFFF 1 10 10000 100 1 0 60"},
-        {"<LogFileRetentionTime><Days>1</Days><Hours>1</Hours><Minutes>1</Minutes>"
-         "</LogFileRetentionTime>",
-         "", "107 1 10 10000 100 1 90060 60"},
-        {"", "<BufferedLoggingFlushInterval_ms>0</BufferedLoggingFlushInterval_ms>",
+        {"<LogFileSize>50</LogFileSize><NumLogFilesToRetain>0</NumLogFilesToRetain>"
+         "<ErrorReportingInterval>0</ErrorReportingInterval>",
+         "<BufferedLoggingFlushInterval_ms>0</BufferedLoggingFlushInterval_ms>"
+         "<MaxTimeToFlushLogs_ms>-1</MaxTimeToFlushLogs_ms>"
+         "<DisableBufferedLogging>-1</DisableBufferedLogging>",
          "107 1 10 10000 100 1 0 60"},
-        {"", "<BufferedLoggingFlushInterval_ms>25</BufferedLoggingFlushInterval_ms>",
-         "107 1 25 10000 100 1 0 60"},
-        {"", "<MaxTimeToFlushLogs_ms>0</MaxTimeToFlushLogs_ms>", "107 1 10 0 100 1 0 60"},
-        {"", "<MaxTimeToFlushLogs_ms>-1</MaxTimeToFlushLogs_ms>", "107 1 10 10000 100 1 0 60"},
-        {"", "<DisableBufferedLogging>1</DisableBufferedLogging>", "107 0 10 10000 100 1 0 60"},
-        {"", "<DisableBufferedLogging>-1</DisableBufferedLogging>", "107 1 10 10000 100 1 0 60"},
+        {"<debug_level>FFFFFFFF</debug_level><LogFileSize>20000</LogFileSize>"
+         "<NumLogFilesToRetain>4</NumLogFilesToRetain>"
+         "<ErrorReportingInterval>5</ErrorReportingInterval><LogFileRetentionTime><Days>1</Days>"
+         "<Hours>2</Hours><Minutes>3</Minutes></LogFileRetentionTime>",
+         "<BufferedLoggingFlushInterval_ms>25</BufferedLoggingFlushInterval_ms>"
+         "<MaxTimeToFlushLogs_ms>0</MaxTimeToFlushLogs_ms>"
+         "<DisableBufferedLogging>1</DisableBufferedLogging>",
+         "FFFFFFFF 0 25 0 10000 4 93780 5"},
+        {"<LogFileSize>2500</LogFileSize>", "", "107 1 10 10000 2500 1 0 60"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(Settings(c.logging, c.outside), c.expected) << c.logging << c.outside;

@@ -32,19 +32,37 @@ size_t FilesIn(const std::string& folder) {
     return static_cast<size_t>(std::distance(begin(files), end(files)));
 }
 
-// Runs `save` in a child whose files may not grow past 1 KiB; true when the save reported
-// failure there.
-bool FailsWhenTheDiskIsFull(const std::function<bool()>& save) {
+// Runs `save` in a forked child, as `user` when given, with files that may not grow past 1 KiB
+// when `fullDisk`; returns what it gave and what it logged: "true" or "false", then "|" and each
+// record.
+std::string SaveInChild(const passwd* user, const std::function<bool()>& save,
+                        bool fullDisk = false) {
+    int out[2];
+    if (pipe(out) != 0)
+        return "<no pipe>";
     const pid_t child = fork();
     if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
+        close(out[0]);
+        if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0))
+            _exit(2);
         const rlimit limit{1024, 1024};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        _exit(save() ? 1 : 0);
+        if (fullDisk && (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit)))
+            _exit(4);
+        syslog_capture::Clear();
+        std::string report = save() ? "true" : "false";
+        for (const std::string& text : syslog_capture::Texts())
+            report += "|" + text;
+        _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
     }
-    int status = 0;
+    close(out[1]);
+    std::string report;
+    char buffer[256];
+    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
+        report.append(buffer, size_t(n));
+    close(out[0]);
+    int status = -1;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";
 }
 
 TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoStrayFile) {
@@ -53,13 +71,16 @@ TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoSt
     const std::string big(64 * 1024, 'x');
     const std::string obfuscated = Write(folder.path() + "/obfuscated.xml", old);
     const std::string plain = Write(folder.path() + "/plain.xml", old);
-    EXPECT_TRUE(FailsWhenTheDiskIsFull([&] {
+    const auto fails = [](const std::function<bool()>& save) {
+        return SaveInChild(nullptr, save, true).compare(0, 5, "false") == 0;
+    };
+    EXPECT_TRUE(fails([&] {
         return COpenSSLCrypt::ObfuscateStringToFile(big.data(), big.size(), obfuscated.c_str(),
                                                     nullptr) == 0;
     }));
     // 2 KiB stays in the stream's buffer, so here the disk fills up in Commit's flush.
     for (const size_t size : {big.size(), size_t(2048)}) {
-        EXPECT_TRUE(FailsWhenTheDiskIsFull([&] {
+        EXPECT_TRUE(fails([&] {
             CFileReplacement replacement(plain);
             FILE* stream = replacement.Open();
             return stream != nullptr && fwrite(big.data(), 1, size, stream) == size &&
@@ -83,13 +104,16 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     const std::string link = folder.path() + "/link.xml";
     ASSERT_EQ(chmod(target.c_str(), 0640), 0);
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    struct stat status;
+    ASSERT_EQ(stat(target.c_str(), &status), 0);
+    const ino_t before = status.st_ino;
     config_test::WriteObfuscated(link, "<Tideway/>");
     EXPECT_EQ(config_test::Decode(target), "OBFUSCATED<Tideway/>");
-    struct stat status;
     ASSERT_EQ(lstat(link.c_str(), &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode)) << "the link was replaced by a file";
     ASSERT_EQ(stat(target.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_NE(status.st_ino, before) << "written in place, not replaced";
     EXPECT_EQ(FilesIn(folder.path()), 2u);
 
     // A new file is created; a device is written in place rather than replaced.
@@ -102,34 +126,6 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     CFileReplacement device("/dev/null");
     ASSERT_NE(device.Open(), nullptr);
     EXPECT_TRUE(device.Commit());
-}
-
-// Runs `save` in a forked child, as `user` when given, and returns what it gave and what it
-// logged: "true" or "false", then "|" and each record.
-std::string SaveInChild(const passwd* user, const std::function<bool()>& save) {
-    int out[2];
-    if (pipe(out) != 0)
-        return "<no pipe>";
-    const pid_t child = fork();
-    if (child == 0) {
-        close(out[0]);
-        if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0))
-            _exit(2);
-        syslog_capture::Clear();
-        std::string report = save() ? "true" : "false";
-        for (const std::string& text : syslog_capture::Texts())
-            report += "|" + text;
-        _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
-    }
-    close(out[1]);
-    std::string report;
-    char buffer[256];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
-        report.append(buffer, size_t(n));
-    close(out[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";
 }
 
 // Gives `path` an access list in the kernel's form: its owner and `user` may write, its group

@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "SyslogCapture.h"
+#include "TestEnv.h"
 #include "ipc/IPCServer.h"
 #include "ipc/IPCTesting.h"
 
@@ -39,21 +40,11 @@ long long MillisSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// A fresh socket root for the life of the object; the testing hooks are restored afterwards.
-struct TempRoot {
-    std::string path;
-    TempRoot() {
-        char pattern[] = "/tmp/ipc-test-XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "/tmp/ipc-test-fallback";
-        chmod(path.c_str(), 0755);  // the impostor, running as nobody, must traverse it
-        ipc::SetSocketRootForTesting(path);
-    }
-    ~TempRoot() {
-        ipc::SetSocketRootForTesting("");
+// A fresh socket root for the life of the object; the testing time-outs are restored afterwards.
+struct Root : TempRoot {
+    ~Root() {
         ipc::SetSendTimeoutForTesting(0);
         ipc::SetHandshakeTimeoutForTesting(0);
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
     }
 };
 
@@ -215,7 +206,7 @@ std::string ReadBytes(int fd, size_t n) {
 // A library server and client on a fresh root. The objects are declared after their recorders,
 // so they are destroyed (and torn down) first.
 struct Channel {
-    TempRoot root;
+    Root root;
     Recorder serverEvents;
     Recorder clientEvents;
     std::unique_ptr<IIPCServer> server = MakeServer(serverEvents);
@@ -265,8 +256,10 @@ TEST(IPCChannel, DeliversWholePacketsInOrderBothWaysAlsoFromConcurrentSenders) {
     EXPECT_EQ(ch.clientEvents.Packets(), sent);
 
     // Bursts from two client threads and the server at once.
-    constexpr uint32_t kEach = 5000;
-    auto sizeOf = [](uint32_t i) { return 24 + (i * 37) % 2000; };
+    // Sizes up to 300 KiB fill the socket, so that sends are partial and a sender without the
+    // connection's lock would interleave its bytes with another's.
+    constexpr uint32_t kEach = 1000;
+    auto sizeOf = [](uint32_t i) { return 24 + (i * 7919) % (i % 10 == 0 ? 300000 : 2000); };
     std::atomic<int> failures{0};
     auto pump = [&](uint32_t who, bool fromServer) {
         for (uint32_t i = 0; i < kEach; ++i) {
@@ -394,14 +387,13 @@ TEST(IPCChannel, NoCallbackRunsAfterTearDownReturnsUnderAStreamOfPackets) {
 }
 
 TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartialDelivery) {
-    TempRoot root;
+    Root root;
     ipc::SetHandshakeTimeoutForTesting(200);
     syslog_capture::Clear();
     const std::vector<std::string> sent = {Payload(24, 1), Payload(600, 2), Payload(3000, 3)};
     const std::string frames = Frame(sent[0]) + Frame(sent[1]) + Frame(sent[2]);
     const std::string& a = sent[1];
-    std::string oversize = Frame(a) + Frame(std::string(8, 'z'));
-    oversize[a.size() + 4 + 2] = 0x10;  // the second header now says 1 MiB + 8
+    const std::string oversize = Frame(a) + LE32(kIPCMaxFrameLength + 1) + std::string(8, 'z');
     const std::string cut = Frame(a) + Frame(a).substr(0, 60);
     const std::vector<Event> lost = {{kAgent, 0, 0}}, ended = {{kAgent, 5, 2}, {kAgent, 5, 0}};
     struct Case {
@@ -452,7 +444,8 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     const passwd* nobody = getpwnam("nobody");
     if (geteuid() != 0 || nobody == nullptr)
         GTEST_SKIP() << "needs root and a 'nobody' user";
-    TempRoot root;
+    Root root;
+    chmod(root.path().c_str(), 0755);  // the impostor, running as nobody, must traverse it
     const std::string path = ipc::SocketPathForPort(kPort);
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     std::filesystem::create_directories(directory.parent_path());
@@ -500,7 +493,7 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
 }
 
 TEST(IPCChannel, SendToAServerThatStopsReadingFailsInBoundedTimeAndDropsIt) {
-    TempRoot root;
+    Root root;
     ipc::SetSendTimeoutForTesting(300);
     const std::string big(kIPCMaxFrameLength, 'b');
     IPCBuffer buffer = BufferOf(big);
