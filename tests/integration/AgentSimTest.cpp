@@ -78,6 +78,12 @@ TEST(AgentSimulator, AnswersEveryRequestPairAndLogsWhatItReceived) {
         EXPECT_STREQ(stats.szActiveTower, "east-1");
         EXPECT_EQ(stats.nSelectionMode, 2u);
     }
+    // "stats off" pauses the stream (nothing past a marker's answer), "stats on" resumes it.
+    EXPECT_EQ(sim.Control("stats off"), "OK stats=off");
+    ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));
+    EXPECT_EQ(client.Next(milliseconds(150)).id, 0u);
+    EXPECT_EQ(sim.Control("stats on 5"), "OK stats=on");
+    EXPECT_EQ(client.Next().id, static_cast<uint32_t>(COMM_MSG_SERVICE_STATS));
     // After the stop and a marker's answer nothing more comes.
     ASSERT_TRUE(client.Send(COMM_MSG_SERVICE_STATS_STOP));
     ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));

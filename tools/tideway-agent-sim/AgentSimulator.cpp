@@ -140,6 +140,7 @@ const char* const CAgentSimulator::kControlHelp =
     "  activate <tower>             make <tower> active and send 1048 with its name\n"
     "  towers <a,b,c> [active]      replace the tower list (and the active tower)\n"
     "  stats-burst <n>              send <n> statistics messages 1059 at once\n"
+    "  stats on [ms] | stats off    resume (with a new period) or pause the periodic 1059\n"
     "  send <id> [hex bytes]        send any message id with raw data\n"
     "  start-service                start the service: 1028 and state byte 0x01\n"
     "  stop-service                 stop the service: 1030 and state byte 0x02\n"
@@ -351,8 +352,14 @@ void CAgentSimulator::StatsLoop() {
             }
             if (m_bStopping)
                 return;
+        }
+        CMutexLock sending(m_StatsSendMutex);
+        {
+            CMutexLock lock(m_Mutex);
+            if (m_bStopping)
+                return;
             for (const auto& entry : m_StatsOn) {
-                if (entry.second)
+                if (entry.second && !m_bStatsPaused)
                     sessions.push_back(entry.first);
             }
             if (sessions.empty()) {
@@ -360,7 +367,7 @@ void CAgentSimulator::StatsLoop() {
                 continue;
             }
         }
-        // Sent without the lock, which is never held across a send.
+        // Sent without m_Mutex, which is never held across a send.
         const ServiceStatistics stats = NextStatistics();
         for (uint16_t session : sessions) {
             SendTo(session, COMM_MSG_SERVICE_STATS, &stats, sizeof(stats));
@@ -560,6 +567,23 @@ std::string CAgentSimulator::Control(const std::string& line) {
                 Broadcast(COMM_MSG_SERVICE_STATS, &stats, sizeof(stats)));
         }
         return "OK sent=" + std::to_string(sent);
+    }
+    if (command == "stats") {
+        const bool on = words.size() >= 2 && words[1] == "on";
+        if (words.size() < 2 || (!on && words[1] != "off") || (!on && words.size() != 2) ||
+            words.size() > 3 || (words.size() == 3 && (!ParseUnsigned(words[2], value) ||
+                                                       value == 0 || value > 3600000))) {
+            return "ERR usage: stats on [ms] | stats off";
+        }
+        {
+            CMutexLock lock(m_Mutex);
+            m_bStatsPaused = !on;
+            if (words.size() == 3)
+                m_Options.statsIntervalMs = static_cast<int>(value);
+        }
+        // Waits out a round of sends that chose its sessions before the pause.
+        { CMutexLock sending(m_StatsSendMutex); }
+        return on ? "OK stats=on" : "OK stats=off";
     }
     if (command == "send") {
         if (words.size() < 2 || words.size() > 3 || !ParseUnsigned(words[1], value) ||

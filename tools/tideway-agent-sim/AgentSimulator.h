@@ -99,6 +99,11 @@ class CAgentSimulator final : private IIPCServerCallback {
     std::map<uint16_t, uint32_t> m_Clients GUARDED_BY(m_Mutex);  // session -> identity
     std::map<uint16_t, bool> m_StatsOn GUARDED_BY(m_Mutex);  // sessions that asked for statistics
     uint64_t m_StatsTick GUARDED_BY(m_Mutex) = 0;
+    bool m_bStatsPaused GUARDED_BY(m_Mutex) = false;  // "stats off": no periodic 1059
+    // Held by the statistics thread from choosing the sessions to the end of their sends, so
+    // that "stats off" returns only when no periodic 1059 is still on its way. Taken before
+    // m_Mutex, never inside it.
+    CMutex m_StatsSendMutex;
     bool m_bExit GUARDED_BY(m_Mutex) = false;
     bool m_bStopping GUARDED_BY(m_Mutex) = false;
     CCondition m_StatsWake;  // wakes the statistics thread: stopping, or a session asked
