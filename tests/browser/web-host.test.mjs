@@ -29,7 +29,7 @@ const browser = await chromium.launch({
   executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
   args: ['--no-sandbox', '--disable-dev-shm-usage'],
 });
-const problems = [];
+const problems = [];  // errors the page itself reported
 try {
   const page = await browser.newPage({viewport: {width: 1280, height: 900}});
   page.setDefaultTimeout(TIMEOUT);
@@ -87,9 +87,13 @@ try {
   await page.getByLabel('Automatic', {exact: true}).check();
   await agentReceived(/^RECV session=\d+ COMM_MSG_DCT_SETTINGS_UPDATE len=12 mode=1 detect=0$/);
   await waitFor(() => document.querySelector('[data-ctl="tower_list_combobox"]').disabled);
+  await ctl('tower_update_pending').waitFor({state: 'visible'});
   await page.getByLabel('Manual', {exact: true}).check();
   await agentReceived(/^RECV session=\d+ COMM_MSG_DCT_SETTINGS_UPDATE len=12 mode=0 detect=0$/);
   await waitFor(() => !document.querySelector('[data-ctl="tower_list_combobox"]').disabled);
+  await ctl('tower_update_pending').waitFor({state: 'hidden'});
+  // The page as a person sees it after these clicks (the README's picture comes from here).
+  await page.screenshot({path: `${artefacts}/web-host.png`});
 
   step('proxy request from the panel: the dialog, Enter in the password field, the 1050 record');
   const dialog = page.locator('dialog[data-popup="credential_dialog"]');
@@ -164,9 +168,13 @@ try {
       await page.locator('#history li .line').first().textContent());
   await late.close();
 
-  await page.screenshot({path: `${artefacts}/web-host.png`});
   assert.deepEqual(problems, []);
   step(`passed; screenshot ${artefacts}/web-host.png`);
+} catch (e) {
+  const open = browser.contexts().flatMap((c) => c.pages());
+  if (open.length > 0) await open[0].screenshot({path: `${artefacts}/web-host-failure.png`}).catch(() => {});
+  console.error(problems.join('\n'));
+  throw e;
 } finally {
   await browser.close();
 }
