@@ -25,6 +25,7 @@ fi
 
 . "$here/../../scripts/lib/agent-sim.sh"
 mkdir -p "$artefacts"
+rm -f "$artefacts"/web-host*.png  # a picture left from an earlier run must not pass for this one
 work=$(mktemp -d)
 log="$artefacts/agent.log"
 host_out="$artefacts/host.out"

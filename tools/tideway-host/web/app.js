@@ -82,7 +82,9 @@ function showBanner(text) {
 }
 
 function handleInfo(line) {
-  const [key, value] = [line.slice(0, line.indexOf('=')), line.slice(line.indexOf('=') + 1)];
+  const equals = line.indexOf('=');
+  if (equals < 0) return;
+  const [key, value] = [line.slice(0, equals), line.slice(equals + 1)];
   if (key === 'agent-control') {
     agentControl = value === 'yes';
     $('agent-controls').disabled = !agentControl;
