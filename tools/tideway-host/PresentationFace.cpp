@@ -62,20 +62,11 @@ std::string EscapeAttribute(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
+            case '&': out += "&amp;"; break;
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '"': out += "&quot;"; break;
+            default: out += c;
         }
     }
     return out;
@@ -84,15 +75,13 @@ std::string EscapeAttribute(const std::string& text) {
 // The event the host sends when the user picks `tower` in the tower combobox.
 std::string TowerEvent(const std::string& tower) {
     return "<brguiEvent id=\"tower_list_combobox_OnSelect\"><combobox id=\"tower_list_combobox\" "
-           "value=\"" +
-           EscapeAttribute(tower) + "\"/></brguiEvent>";
+           "value=\"" + EscapeAttribute(tower) + "\"/></brguiEvent>";
 }
 
 // The event the host sends when the user picks a mode radio: the group's value is the label.
 std::string ModeEvent(const std::string& label) {
     return "<brguiEvent id=\"mode_radio_group_OnSelect\"><radiogroup id=\"mode_radio_group\" "
-           "value=\"" +
-           EscapeAttribute(label) + "\"/></brguiEvent>";
+           "value=\"" + EscapeAttribute(label) + "\"/></brguiEvent>";
 }
 
 // The event the host sends when the user presses OK in the proxy credential dialog.
@@ -122,16 +111,15 @@ bool DocumentComplete(const std::string& document) {
 }
 
 void PrintHelp() {
-    PrintBlock(
-        "--- commands",
-        "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines\n"
-        "  select-tower NAME                 pick NAME in the tower list\n"
-        "  mode automatic|manual             pick a mode radio (by its translated label)\n"
-        "  credentials USER PASSWORD         press OK in the proxy credential dialog\n"
-        "                                    (the password is the rest of the line)\n"
-        "  cancel-credentials                press Cancel in that dialog\n"
-        "  help                              this list\n"
-        "  quit                              stop the plug-in and leave (also end of input)");
+    PrintBlock("--- commands",
+               "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines\n"
+               "  select-tower NAME                 pick NAME in the tower list\n"
+               "  mode automatic|manual             pick a mode radio (by its translated label)\n"
+               "  credentials USER PASSWORD         press OK in the proxy credential dialog\n"
+               "                                    (the password is the rest of the line)\n"
+               "  cancel-credentials                press Cancel in that dialog\n"
+               "  help                              this list\n"
+               "  quit                              stop the plug-in and leave (also end of input)");
 }
 
 void Deliver(IPresentationPlugin* plugin, const std::string& document) {
