@@ -149,6 +149,15 @@ try {
   assert.equal(await page.evaluate(() => window.pwned), undefined);
   assert.equal(await page.locator('img, script:not([src]), b, i').count(), 0);
 
+  step('a failed tower change (1043 with 0) brings an error pop-up; its OK closes it');
+  const error = page.locator('dialog[data-popup="error_popup"]');
+  await control('send 1043 00');
+  await error.waitFor();
+  assert.equal(await error.locator('h2').textContent(), 'Error');
+  assert.equal(await error.locator('.popup-text').textContent(), 'The tower could not be changed.');
+  await error.getByRole('button', {name: 'OK'}).click();
+  await error.waitFor({state: 'detached'});
+
   step('the agent drops the client: Error, then Good again after the reconnect');
   await control('towers west-1,west-2,east-1 west-2');
   await page.evaluate(() => { window.trayStates.length = 0; });
