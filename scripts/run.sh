@@ -65,6 +65,7 @@ host_log="$root/build/web-host.log"
 # host runs in a session of its own, so that a Ctrl-C at the terminal reaches it once, as the
 # SIGTERM sent below (a second signal would make it leave at once instead of stopping cleanly).
 start_web() {
+  : > "$host_log"  # emptied before the host starts, so an earlier run's address is never read
   setsid "$host" --web "$1" --agent-control "$control" --agent-log "$agent_log" "$module" \
     > "$host_log" 2>&1 &
   host_pid=$!

@@ -38,6 +38,9 @@ cleanup() {
 trap cleanup EXIT
 
 start_agent_sim "$agent" "$log" --control "$work/control" --stats-interval-ms 500
+# Emptied here, not by the redirection below: that one happens in the child, maybe after the
+# loop has read the address of an earlier run.
+: > "$host_out"
 # Kept loaded so that the sanitizer build's leak check at exit sees the module's memory.
 "$host" --web 127.0.0.1:0 --agent-control "$work/control" --agent-log "$log" --keep-loaded \
   "$module" > "$host_out" 2> "$artefacts/host.err" &
