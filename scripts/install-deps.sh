@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the build and the tests need. Does nothing when all are present.
+# Installs the Debian 12 packages the build and the tests need, and the browser test's npm
+# packages (tests/browser, exactly as package-lock.json locks them). Does nothing when all are
+# present and the npm packages match the lock.
 set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
 
 packages=(
   build-essential cmake pkg-config
@@ -10,7 +13,12 @@ packages=(
   libboost-dev libboost-thread-dev libboost-system-dev libboost-filesystem-dev
   libboost-date-time-dev libboost-chrono-dev
   librapidxml-dev
+  chromium
 )
+# Node.js may come from elsewhere than Debian (its npm then comes with it): only a missing
+# command asks for the Debian package.
+command -v node >/dev/null || packages+=(nodejs)
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -19,13 +27,22 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ "${#missing[@]}" -eq 0 ]; then
-  exit 0
+if [ "${#missing[@]}" -ne 0 ]; then
+  echo "Installing: ${missing[*]}"
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-echo "Installing: ${missing[*]}"
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The browser test's packages: installed again whenever package-lock.json changed since the
+# last `npm ci` (its checksum is kept in node_modules). No browser is downloaded: the test
+# drives Debian's chromium.
+browser="$root/tests/browser"
+stamp="$browser/node_modules/.tideway-lock.sha256"
+if ! (cd "$browser" && sha256sum --quiet --check "$stamp" >/dev/null 2>&1); then
+  echo "Installing the browser test's npm packages (npm ci in tests/browser)"
+  (cd "$browser" && npm ci --no-audit --no-fund --loglevel=error &&
+     sha256sum package-lock.json > "$stamp")
+fi

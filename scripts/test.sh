@@ -3,6 +3,10 @@
 # (plain, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer for the threaded suites),
 # checks the module's exported symbols, compiles the whole tree with clang's thread-safety
 # analysis (the compile is the check), and gives each fuzz target a short smoke run.
+# The browser test (CTest browser_web: the web face in headless Chromium against the simulator)
+# runs in the plain leg and, with the sanitized tideway-host and module, in the ASan+UBSan leg.
+# The ThreadSanitizer leg runs only the suites labelled "threads"; the browser test is not one:
+# most of its time goes to Chromium and Node, which TSan cannot see into.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -16,6 +20,7 @@ step "plain build"
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" -j"$jobs"
 ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
+echo "the browser test's screenshot: $root/build/tests/browser/web-host.png"
 
 step "exported symbols of libtidewayapi.so"
 "$root/scripts/check-exports.sh" "$root/build/src/libtidewayapi.so"

@@ -5,20 +5,16 @@
 
 #include <limits.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <iostream>
-#include <map>
 #include <mutex>
-#include <set>
 #include <string>
 
+#include "Catalogue.h"
 #include "IPresentationHost.h"
 #include "IPresentationPlugin.h"
-#include "ITranslator.h"
 
 namespace {
 
@@ -41,67 +37,6 @@ void PrintBlock(const std::string& header, const std::string& body) {
     }
     fflush(stdout);
 }
-
-// key<TAB>text lines; empty lines and lines starting with '#' are skipped.
-class Catalogue : public ITranslator {
-  public:
-    bool Load(const std::string& path) {
-        std::ifstream in(path);
-        if (!in) {
-            fprintf(stderr, "tideway-host: cannot read the catalogue %s\n", path.c_str());
-            return false;
-        }
-        std::string line;
-        for (unsigned number = 1; std::getline(in, line); ++number) {
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
-            if (line.empty() || line[0] == '#')
-                continue;
-            const size_t tab = line.find('\t');
-            const std::string key = line.substr(0, tab);
-            char* end = nullptr;
-            const unsigned long value = strtoul(key.c_str(), &end, 10);
-            if (tab == std::string::npos || key.empty() ||
-                key.find_first_not_of("0123456789") != std::string::npos || value > UINT32_MAX) {
-                fprintf(stderr, "tideway-host: %s:%u: not a key<TAB>text line\n", path.c_str(),
-                        number);
-                return false;
-            }
-            texts_[static_cast<uint32_t>(value)] = line.substr(tab + 1);
-        }
-        return true;
-    }
-
-    // The text for `key`, empty when the catalogue has none.
-    std::string Text(uint32_t key) const {
-        const auto it = texts_.find(key);
-        return it != texts_.end() ? it->second : std::string();
-    }
-
-    // A key without a text answers -1, so the plug-in shows an empty text; the key is reported
-    // once on stderr so that a gap in the catalogue is seen.
-    int32_t TranslateText(uint32_t key, char* buffer, uint32_t& size) override {
-        const auto it = texts_.find(key);
-        if (it == texts_.end()) {
-            std::lock_guard<std::mutex> lock(missingMutex_);
-            if (missing_.insert(key).second)
-                fprintf(stderr, "tideway-host: no text for key %u in the catalogue\n", key);
-            return -1;
-        }
-        const uint32_t needed = static_cast<uint32_t>(it->second.size() + 1);
-        if (buffer == nullptr || size < needed) {
-            size = needed;
-            return -3;
-        }
-        memcpy(buffer, it->second.c_str(), needed);
-        return 0;
-    }
-
-  private:
-    std::map<uint32_t, std::string> texts_;
-    std::mutex missingMutex_;
-    std::set<uint32_t> missing_;
-};
 
 class PrintingHost : public IPresentationHost {
   public:
@@ -239,15 +174,18 @@ void ReadEvents(IPresentationPlugin* plugin, const Catalogue& catalogue) {
 
 }  // namespace
 
-std::string DefaultCataloguePath() {
+std::string ProgramDirectory() {
     char path[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
     if (n <= 0)
-        return "tideway-host.catalogue";
+        return ".";
     std::string self(path, static_cast<size_t>(n));
     const size_t slash = self.rfind('/');
-    return (slash == std::string::npos ? std::string(".") : self.substr(0, slash)) +
-           "/tideway-host.catalogue";
+    return slash == std::string::npos ? std::string(".") : self.substr(0, slash);
+}
+
+std::string DefaultCataloguePath() {
+    return ProgramDirectory() + "/tideway-host.catalogue";
 }
 
 bool RunPresentation(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,

@@ -15,6 +15,9 @@ using DisposePluginFn = bool (*)(Plugin*);
 bool RunPresentation(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
                      const std::string& cataloguePath);
 
+// The folder of the running executable ("." when it cannot be found).
+std::string ProgramDirectory();
+
 // The catalogue installed beside the running executable.
 std::string DefaultCataloguePath();
 

@@ -2,8 +2,9 @@
 // exported functions by name), lists the interfaces it offers and checks that a creation without
 // a name is refused. With --api it then creates the API plug-in and holds a short conversation
 // with a running agent, printing every notification; with --presentation it hosts the
-// presentation plug-in on the console (PresentationFace.cpp). Exit status 0 when the module
-// behaved, 1 otherwise, 2 for a usage error.
+// presentation plug-in on the console (PresentationFace.cpp), with --web on a page served to a
+// browser (WebFace.cpp). Exit status 0 when the module behaved, 1 otherwise, 2 for a usage
+// error.
 #include <dlfcn.h>
 #include <inttypes.h>
 #include <stdio.h>
@@ -20,16 +21,19 @@
 
 #include "Plugin.h"
 #include "PresentationFace.h"
+#include "WebFace.h"
 
 namespace {
 
 using GetAvailableInterfacesFn = PluginInterfaceList (*)();
 
-enum class Face { kCheck, kApi, kPresentation };
+enum class Face { kCheck, kApi, kPresentation, kWeb };
 
 void PrintUsage(const char* program) {
     printf(
         "Usage: %s [--api | --presentation [--catalogue FILE]] [--keep-loaded] [MODULE]\n"
+        "       %s --web [[ADDR:]PORT] [--catalogue FILE] [--web-root DIR]\n"
+        "           [--agent-control PATH] [--agent-log FILE] [--keep-loaded] [MODULE]\n"
         "\n"
         "Loads the plug-in module MODULE with dlopen, as the UI host does, and\n"
         "  - lists every interface from GetAvailableInterfaces with its version,\n"
@@ -45,6 +49,14 @@ void PrintUsage(const char* program) {
         "    after a \"--- notice\" line; then reads events from stdin: brguiEvent\n"
         "    documents, or the commands select-tower NAME, mode automatic|manual, help,\n"
         "    quit (end of input quits too); then stops, shuts down and disposes of it,\n"
+        "  - with --web: hosts the presentation plug-in as --presentation does, but on a\n"
+        "    page served at http://ADDR:PORT/ (default 127.0.0.1:8080; PORT 0 picks a free\n"
+        "    port; loopback only unless ADDR says otherwise) from the files of DIR (default:\n"
+        "    web/ beside this program); prints \"Serving http://ADDR:PORT/\" when ready and\n"
+        "    runs until SIGINT or SIGTERM. With --agent-control, the page's agent panel sends\n"
+        "    control lines to the simulator's control socket PATH (tideway-agent-sim\n"
+        "    --control PATH); with --agent-log, the page shows the tail of its log FILE;\n"
+        "    on the signal it stops, shuts down and disposes of the plug-in,\n"
         "  - unloads the module (not with --keep-loaded, which leak checkers need to see\n"
         "    the module's memory at exit).\n"
         "The module's diagnostics go to the system log.\n"
@@ -54,7 +66,7 @@ void PrintUsage(const char* program) {
         "\n"
         "Exit status: 0 when the module behaved as expected, 1 when it did not or could\n"
         "not be loaded, 2 for a usage error.\n",
-        program, TIDEWAY_DEFAULT_MODULE_PATH);
+        program, program, TIDEWAY_DEFAULT_MODULE_PATH);
 }
 
 // Looks up one exported function; reports a missing one.
@@ -215,8 +227,14 @@ bool Converse(CreatePluginFn createPlugin, DisposePluginFn disposePlugin) {
     return ok;
 }
 
-int Run(const std::string& modulePath, Face face, const std::string& cataloguePath,
-        bool keepLoaded) {
+// "[ADDR:]PORT" as --web takes it, to tell its optional value from the module's path.
+bool LooksLikeWebAddress(const char* text) {
+    std::string address;
+    uint16_t port = 0;
+    return strchr(text, '/') == nullptr && ParseWebAddress(text, address, port);
+}
+
+int Run(const std::string& modulePath, Face face, const WebFaceOptions& web, bool keepLoaded) {
     void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
         fprintf(stderr, "tideway-host: cannot load %s: %s\n", modulePath.c_str(), dlerror());
@@ -250,7 +268,9 @@ int Run(const std::string& modulePath, Face face, const std::string& cataloguePa
         if (face == Face::kApi && !Converse(createPlugin, disposePlugin))
             status = 1;
         if (face == Face::kPresentation &&
-            !RunPresentation(createPlugin, disposePlugin, cataloguePath))
+            !RunPresentation(createPlugin, disposePlugin, web.cataloguePath))
+            status = 1;
+        if (face == Face::kWeb && !RunWeb(createPlugin, disposePlugin, web))
             status = 1;
     }
 
@@ -266,7 +286,7 @@ int Run(const std::string& modulePath, Face face, const std::string& cataloguePa
 int main(int argc, char** argv) {
     std::string modulePath = TIDEWAY_DEFAULT_MODULE_PATH;
     Face face = Face::kCheck;
-    std::string cataloguePath;
+    WebFaceOptions web;
     bool keepLoaded = false;
     bool havePath = false;
     for (int i = 1; i < argc; ++i) {
@@ -278,8 +298,18 @@ int main(int argc, char** argv) {
             face = Face::kApi;
         } else if (strcmp(argv[i], "--presentation") == 0 && face == Face::kCheck) {
             face = Face::kPresentation;
+        } else if (strcmp(argv[i], "--web") == 0 && face == Face::kCheck) {
+            face = Face::kWeb;
+            if (i + 1 < argc && LooksLikeWebAddress(argv[i + 1]))
+                ParseWebAddress(argv[++i], web.address, web.port);
         } else if (strcmp(argv[i], "--catalogue") == 0 && i + 1 < argc) {
-            cataloguePath = argv[++i];
+            web.cataloguePath = argv[++i];
+        } else if (strcmp(argv[i], "--web-root") == 0 && i + 1 < argc) {
+            web.webRoot = argv[++i];
+        } else if (strcmp(argv[i], "--agent-control") == 0 && i + 1 < argc) {
+            web.agentControl = argv[++i];
+        } else if (strcmp(argv[i], "--agent-log") == 0 && i + 1 < argc) {
+            web.agentLog = argv[++i];
         } else if (strcmp(argv[i], "--keep-loaded") == 0) {
             keepLoaded = true;
         } else if (!havePath && argv[i][0] != '-') {
@@ -290,11 +320,13 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    if (!cataloguePath.empty() && face != Face::kPresentation) {
+    const bool webOnly = !web.webRoot.empty() || !web.agentControl.empty() || !web.agentLog.empty();
+    if ((!web.cataloguePath.empty() && face != Face::kPresentation && face != Face::kWeb) ||
+        (webOnly && face != Face::kWeb)) {
         PrintUsage(argv[0]);
         return 2;
     }
-    if (cataloguePath.empty())
-        cataloguePath = DefaultCataloguePath();
-    return Run(modulePath, face, cataloguePath, keepLoaded);
+    if (web.cataloguePath.empty())
+        web.cataloguePath = DefaultCataloguePath();
+    return Run(modulePath, face, web, keepLoaded);
 }
