@@ -370,18 +370,16 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
     const std::string a2 = update("<label id=\"a\" value=\"2\"/>", " state=\"Good\"");
     const std::string bHidden = update("<label id=\"b\" hidden=\"true\"/>");
     const std::string bValue = update("<label id=\"b\" value=\"x\"/>");
-    // The same row id in both boxes: the second does not replace the first.
-    const auto row = [&](const char* box, const char* value) {
-        return update(std::string("<outlinelistbox id=\"") + box +
-                      "\" updaterows=\"true\"><listgroup id=\"g\"><listrow id=\"id_cur_tower\">"
-                      "<listrowcolumn label=\"" +
-                      value +
-                      "\"/></listrow></listgroup>"
-                      "</outlinelistbox>");
+    // The same row id stands in both boxes: a row of one does not replace the other's.
+    const auto row = [&](const char* box, const char* attributes, const char* value) {
+        return update(std::string("<outlinelistbox id=\"") + box + "\"" + attributes +
+                      "><listgroup id=\"g\"><listrow id=\"id_cur_tower\"><listrowcolumn "
+                      "label=\"" +
+                      value + "\"/></listrow></listgroup></outlinelistbox>");
     };
-    const std::string statsOld = row("stat_outlinelistbox", "old");
-    const std::string overview = row("overview_stat_outlinelistbox", "o");
-    const std::string statsNew = row("stat_outlinelistbox", "new");
+    const std::string statsOld = row("stat_outlinelistbox", " updaterows=\"true\"", "old");
+    const std::string overview = row("overview_stat_outlinelistbox", "", "o");
+    const std::string statsNew = row("stat_outlinelistbox", " updaterows=\"true\"", "new");
     const std::string dialog = popup("credential_dialog", "type=\"custom\"");
     const std::string error = popup("error_popup", "type=\"error\"");
     const std::string dispose = popup("credential_dialog", "dispose=\"true\"");
