@@ -60,6 +60,13 @@ class AgentLinkTest : public ::testing::Test {
         thread_ = std::thread([this] { io_.run(); });
     }
     void TearDown() override {
+        // Also after a failed assertion: the links' timers would keep the I/O thread running.
+        asio::post(io_, [this] {
+            if (tail_)
+                tail_->Close();
+            if (control_)
+                control_->Close();
+        });
         work_.reset();
         thread_.join();
         EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
@@ -69,6 +76,9 @@ class AgentLinkTest : public ::testing::Test {
     asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
     std::thread thread_;
     std::string dir_;
+    Lines lines_;  // what the links handed over: log lines or replies
+    std::shared_ptr<AgentLogTail> tail_;
+    std::shared_ptr<AgentControl> control_;
 };
 
 void Append(const std::string& path, const std::string& text) {
@@ -85,14 +95,12 @@ TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
         start += line;
     }
     Append(path, start + "one\ntwo\npart");
-    Lines lines;
-    auto tail =
-        std::make_shared<AgentLogTail>(io_, path, [&lines](std::string l) { lines.Add(l); });
-    asio::post(io_, [tail] { tail->Start(); });
+    tail_ = std::make_shared<AgentLogTail>(io_, path, [this](std::string l) { lines_.Add(l); });
+    asio::post(io_, [tail = tail_] { tail->Start(); });
 
     // The whole numbered lines within the window that also holds "one\ntwo\npart".
     const size_t startLines = (AgentLogTail::kStartBytes - 12) / 99;
-    std::vector<std::string> seen = lines.WaitFor(startLines + 2);
+    std::vector<std::string> seen = lines_.WaitFor(startLines + 2);
     ASSERT_EQ(seen.size(), startLines + 2);
     EXPECT_EQ(seen.front().size(), 98u);
     EXPECT_EQ(std::stoi(seen.front()), 5000 - static_cast<int>(startLines));
@@ -101,24 +109,23 @@ TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
     EXPECT_EQ(seen[startLines + 1], "two");
 
     Append(path, "ial\r\nthree\n");
-    seen = lines.WaitFor(startLines + 4);
+    seen = lines_.WaitFor(startLines + 4);
     ASSERT_EQ(seen.size(), startLines + 4);
     EXPECT_EQ(seen[startLines + 2], "partial");
     EXPECT_EQ(seen[startLines + 3], "three");
 
     std::ofstream(path, std::ios::trunc) << "after truncation\n";
-    seen = lines.WaitFor(startLines + 5);
+    seen = lines_.WaitFor(startLines + 5);
     ASSERT_EQ(seen.size(), startLines + 5);
     EXPECT_EQ(seen.back(), "after truncation");
 
     // A new file under the name, already longer than what was read of the old one.
     ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
     Append(path, std::string(40, 'n') + "\nsecond\n");
-    seen = lines.WaitFor(startLines + 7);
+    seen = lines_.WaitFor(startLines + 7);
     ASSERT_EQ(seen.size(), startLines + 7);
     EXPECT_EQ(seen[startLines + 5], std::string(40, 'n'));
     EXPECT_EQ(seen[startLines + 6], "second");
-    asio::post(io_, [tail] { tail->Close(); });
 }
 
 // Stands in for the simulator's control socket: one client at a time, "OK <line>" for each
@@ -182,29 +189,27 @@ class FakeControl {
 TEST_F(AgentLinkTest, ControlRepliesInOrderAndReconnects) {
     const std::string path = dir_ + "/control";
     FakeControl fake(path);
-    auto control = std::make_shared<AgentControl>(io_, path);
-    Lines replies;
-    const auto ask = [&](const std::string& line) {
-        asio::post(io_, [control, line, &replies] {
-            control->Ask(line, [line, &replies](const std::string& reply) {
-                replies.Add(line + " -> " + reply);
+    control_ = std::make_shared<AgentControl>(io_, path);
+    const auto ask = [this](const std::string& line) {
+        asio::post(io_, [this, line] {
+            control_->Ask(line, [this, line](const std::string& reply) {
+                lines_.Add(line + " -> " + reply);
             });
         });
     };
 
     ask("state 1");
     ask("bye");
-    EXPECT_EQ(replies.WaitFor(2),
+    EXPECT_EQ(lines_.WaitFor(2),
               (std::vector<std::string>{"state 1 -> OK state 1", "bye -> OK bye"}));
     fake.hangUps.WaitFor(1);
     ask("proxy");  // the kept connection is dead: the line goes on a new one
-    EXPECT_EQ(replies.WaitFor(3).back(), "proxy -> OK proxy");
+    EXPECT_EQ(lines_.WaitFor(3).back(), "proxy -> OK proxy");
 
     fake.Stop();
     ask("drop");
-    const std::string last = replies.WaitFor(4).back();
+    const std::string last = lines_.WaitFor(4).back();
     EXPECT_EQ(last.rfind("drop -> ERR agent control " + path + ": ", 0), 0u) << last;
-    asio::post(io_, [control] { control->Close(); });
 }
 
 }  // namespace

@@ -34,39 +34,32 @@ using tcp = asio::ip::tcp;
 // Only to catch a hang: no step of these tests takes more than a fraction of it.
 constexpr std::chrono::seconds kHang{20};
 
-// A client of its own io_context, run by the calling thread one operation at a time.
-class Client {
-  public:
-    virtual ~Client() = default;
-
-  protected:
-    template <typename Start>
-    beast::error_code Await(Start start) {
-        std::optional<beast::error_code> result;
-        start([&result](beast::error_code ec, auto&&...) { result = ec; });
-        io_.restart();
-        io_.run_for(kHang);
-        if (!result) {
-            Cancel();
-            io_.restart();
-            io_.run();
-            return asio::error::timed_out;
-        }
+// Runs one asynchronous operation on `io` to its end. A hang (the operation not done within
+// kHang) closes `socket` and counts as a time-out.
+template <typename Start>
+beast::error_code Await(asio::io_context& io, tcp::socket& socket, Start start) {
+    std::optional<beast::error_code> result;
+    start([&result](beast::error_code ec, auto&&...) { result = ec; });
+    io.restart();
+    io.run_for(kHang);
+    if (result)
         return *result;
-    }
-    virtual void Cancel() = 0;
+    beast::error_code ignored;
+    socket.close(ignored);
+    io.restart();
+    io.run();
+    return asio::error::timed_out;
+}
 
-    asio::io_context io_;
-};
+const tcp::endpoint Loopback(uint16_t port) {
+    return tcp::endpoint(asio::ip::make_address("127.0.0.1"), port);
+}
 
 // One page: a WebSocket to /ws with the given Host and Origin headers.
-class Page : public Client {
+class Page {
   public:
     Page(uint16_t port, const std::string& host, const std::string& origin) : ws_(io_) {
-        tcp::socket& socket = ws_.next_layer().socket();
-        ec_ = Await([&](auto handler) {
-            socket.async_connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port), handler);
-        });
+        ec_ = Await(io_, socket(), [&](auto h) { socket().async_connect(Loopback(port), h); });
         if (!origin.empty()) {
             ws_.set_option(
                 websocket::stream_base::decorator([origin](websocket::request_type& request) {
@@ -75,27 +68,30 @@ class Page : public Client {
         }
         ws_.read_message_max(64 << 20);
         if (!ec_)
-            ec_ =
-                Await([&](auto handler) { ws_.async_handshake(response_, host, "/ws", handler); });
+            ec_ = Await(io_, socket(),
+                        [&](auto h) { ws_.async_handshake(response_, host, "/ws", h); });
     }
-    ~Page() override { Cancel(); }
+    ~Page() { Vanish(); }
 
     unsigned Status() const { return response_.result_int(); }
     bool Open() const { return !ec_; }
 
     beast::error_code Send(const std::string& text) {
-        return Await([&](auto handler) { ws_.async_write(asio::buffer(text), handler); });
+        return Await(io_, socket(), [&](auto h) { ws_.async_write(asio::buffer(text), h); });
     }
     // The next message; empty with the error in error() when the connection ended.
     std::string Receive() {
         beast::flat_buffer buffer;
-        ec_ = Await([&](auto handler) { ws_.async_read(buffer, handler); });
+        ec_ = Await(io_, socket(), [&](auto h) { ws_.async_read(buffer, h); });
         return ec_ ? std::string() : beast::buffers_to_string(buffer.data());
     }
-    // The first frame of a message that never ends, then the connection is cut.
-    void SendHalfAndVanish(const std::string& text) {
-        Await([&](auto handler) { ws_.async_write_some(false, asio::buffer(text), handler); });
-        Cancel();
+    // The first frame of a message that never ends.
+    void SendHalf(const std::string& text) {
+        Await(io_, socket(), [&](auto h) { ws_.async_write_some(false, asio::buffer(text), h); });
+    }
+    void Vanish() {
+        beast::error_code ignored;
+        socket().close(ignored);
     }
     const beast::error_code& error() const { return ec_; }
     websocket::close_code CloseCode() const {
@@ -103,48 +99,36 @@ class Page : public Client {
     }
 
   private:
-    void Cancel() override {
-        beast::error_code ignored;
-        ws_.next_layer().socket().close(ignored);
-    }
+    tcp::socket& socket() { return ws_.next_layer().socket(); }
 
+    asio::io_context io_;
     websocket::stream<beast::tcp_stream> ws_;
     websocket::response_type response_;
     beast::error_code ec_;
 };
 
-// One HTTP request on a connection of its own.
-class HttpRequest : public Client {
-  public:
-    HttpRequest(uint16_t port, http::verb method, const std::string& target,
-                const std::string& host, size_t padding = 0)
-        : stream_(io_) {
-        http::request<http::empty_body> request(method, target, 11);
-        request.set(http::field::host, host);
-        if (padding != 0)
-            request.set("X-Padding", std::string(padding, 'p'));
-        http::response_parser<http::string_body> parser;
-        parser.skip(method == http::verb::head);
-        beast::error_code ec = Await([&](auto handler) {
-            stream_.async_connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port),
-                                  handler);
-        });
-        if (!ec)
-            ec = Await([&](auto handler) { http::async_write(stream_, request, handler); });
-        beast::flat_buffer buffer;
-        if (!ec)
-            ec = Await([&](auto handler) { http::async_read(stream_, buffer, parser, handler); });
-        EXPECT_FALSE(ec) << target << ": " << ec.message();
-        response = parser.release();
-    }
-
-    http::response<http::string_body> response;
-
-  private:
-    void Cancel() override { stream_.close(); }
-
-    beast::tcp_stream stream_;
-};
+// One HTTP request on a connection of its own, padded with a header of `padding` bytes.
+http::response<http::string_body> Fetch(uint16_t port, http::verb method, const std::string& target,
+                                        const std::string& host, size_t padding = 0) {
+    asio::io_context io;
+    beast::tcp_stream stream(io);
+    http::request<http::empty_body> request(method, target, 11);
+    request.set(http::field::host, host);
+    if (padding != 0)
+        request.set("X-Padding", std::string(padding, 'p'));
+    http::response_parser<http::string_body> parser;
+    parser.skip(method == http::verb::head);
+    beast::flat_buffer buffer;
+    tcp::socket& socket = stream.socket();
+    beast::error_code ec =
+        Await(io, socket, [&](auto h) { stream.async_connect(Loopback(port), h); });
+    if (!ec)
+        ec = Await(io, socket, [&](auto h) { http::async_write(stream, request, h); });
+    if (!ec)
+        ec = Await(io, socket, [&](auto h) { http::async_read(stream, buffer, parser, h); });
+    EXPECT_FALSE(ec) << target << ": " << ec.message();
+    return parser.release();
+}
 
 class WebServerTest : public ::testing::Test {
   protected:
@@ -245,18 +229,17 @@ TEST_F(WebServerTest, ServesOnlyItsOwnFilesToItsOwnHost) {
         {http::verb::get, "/", "", 403, ""},
     };
     for (const Case& c : cases) {
-        HttpRequest request(port_, c.method, c.target, c.host);
-        EXPECT_EQ(request.response.result_int(), c.status) << c.target << " for " << c.host;
+        const auto response = Fetch(port_, c.method, c.target, c.host);
+        EXPECT_EQ(response.result_int(), c.status) << c.target << " for " << c.host;
         if (c.status == 200 && c.method == http::verb::get) {
-            EXPECT_EQ(request.response.body(), c.body) << c.target;
+            EXPECT_EQ(response.body(), c.body) << c.target;
         }
         if (c.method == http::verb::head) {
-            EXPECT_EQ(request.response[http::field::content_length], "12");
-            EXPECT_EQ(request.response[http::field::content_type], "text/html; charset=utf-8");
+            EXPECT_EQ(response[http::field::content_length], "12");
+            EXPECT_EQ(response[http::field::content_type], "text/html; charset=utf-8");
         }
     }
-    HttpRequest huge(port_, http::verb::get, "/", host_, 9000);
-    EXPECT_EQ(huge.response.result_int(), 431u);
+    EXPECT_EQ(Fetch(port_, http::verb::get, "/", host_, 9000).result_int(), 431u);
 }
 
 TEST_F(WebServerTest, WebSocketOnlyFromItsOwnPage) {
@@ -299,7 +282,8 @@ TEST_F(WebServerTest, OversizedOrBrokenFramesCloseOnlyTheirPage) {
         EXPECT_EQ(big->error(), websocket::error::closed) << big->error().message();
         EXPECT_EQ(big->CloseCode(), websocket::close_code::too_big);
     }
-    vanishing->SendHalfAndVanish("E<brguiEvent id=\"half");
+    vanishing->SendHalf("E<brguiEvent id=\"half");
+    vanishing->Vanish();
 
     // The largest message allowed passes whole; the others still hear the server.
     const std::string largest = "E" + std::string(WebServer::kMaxFrameBytes - 1, 'y');
@@ -370,18 +354,16 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
     const std::string a2 = update("<label id=\"a\" value=\"2\"/>", " state=\"Good\"");
     const std::string bHidden = update("<label id=\"b\" hidden=\"true\"/>");
     const std::string bValue = update("<label id=\"b\" value=\"x\"/>");
-    // The same row id in both boxes: the second does not replace the first.
-    const auto row = [&](const char* box, const char* value) {
-        return update(std::string("<outlinelistbox id=\"") + box +
-                      "\" updaterows=\"true\"><listgroup id=\"g\"><listrow id=\"id_cur_tower\">"
-                      "<listrowcolumn label=\"" +
-                      value +
-                      "\"/></listrow></listgroup>"
-                      "</outlinelistbox>");
+    // The same row id stands in both boxes: a row of one does not replace the other's.
+    const auto row = [&](const char* box, const char* attributes, const char* value) {
+        return update(std::string("<outlinelistbox id=\"") + box + "\"" + attributes +
+                      "><listgroup id=\"g\"><listrow id=\"id_cur_tower\"><listrowcolumn "
+                      "label=\"" +
+                      value + "\"/></listrow></listgroup></outlinelistbox>");
     };
-    const std::string statsOld = row("stat_outlinelistbox", "old");
-    const std::string overview = row("overview_stat_outlinelistbox", "o");
-    const std::string statsNew = row("stat_outlinelistbox", "new");
+    const std::string statsOld = row("stat_outlinelistbox", " updaterows=\"true\"", "old");
+    const std::string overview = row("overview_stat_outlinelistbox", "", "o");
+    const std::string statsNew = row("stat_outlinelistbox", " updaterows=\"true\"", "new");
     const std::string dialog = popup("credential_dialog", "type=\"custom\"");
     const std::string error = popup("error_popup", "type=\"error\"");
     const std::string dispose = popup("credential_dialog", "dispose=\"true\"");

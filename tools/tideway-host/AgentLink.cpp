@@ -14,8 +14,7 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 
 AgentControl::AgentControl(asio::io_context& io, std::string path)
-    : io_(io),
-      path_(std::move(path)),
+    : path_(std::move(path)),
       socket_(io),
       input_(kMaxReplyBytes),
       replyTimer_(io),

@@ -54,7 +54,6 @@ class AgentControl : public std::enable_shared_from_this<AgentControl> {
     void Finish(const std::string& reply);
     void Drop();
 
-    boost::asio::io_context& io_;
     const std::string path_;
     boost::asio::local::stream_protocol::socket socket_;
     boost::asio::streambuf input_;

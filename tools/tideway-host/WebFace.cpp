@@ -177,6 +177,12 @@ bool RunWeb(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
         fprintf(stderr, "tideway-host: %s\n", error.c_str());
         return false;
     }
+    if (options.address == "0.0.0.0" || options.address == "::") {
+        fprintf(stderr,
+                "tideway-host: requests must name the host as %s; on a wildcard address, give "
+                "the address the browser uses instead\n",
+                server.Url().c_str());
+    }
     std::shared_ptr<AgentLogTail> tail;
     if (!options.agentLog.empty()) {
         tail = std::make_shared<AgentLogTail>(io, options.agentLog, [&server](std::string line) {
@@ -206,14 +212,15 @@ bool RunWeb(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
     WebHost host(server);
     Plugin* created = createPlugin("com.tarvex.brenlo.presentation");
     bool ok = created != nullptr;
+    bool initialized = false;
     bool started = false;
     if (!ok) {
         printf("CreatePlugin(presentation) failed; see the system log\n");
     } else {
         plugin = static_cast<IPresentationPlugin*>(created);
-        const int32_t initialized = plugin->Initialize(&host, kClientId, &host, &catalogue);
-        printf("Initialize -> %d\n", initialized);
-        ok = initialized == 0;
+        const int32_t result = plugin->Initialize(&host, kClientId, &host, &catalogue);
+        printf("Initialize -> %d\n", result);
+        ok = initialized = result == 0;
     }
 
     auto work = asio::make_work_guard(io);
@@ -240,9 +247,11 @@ bool RunWeb(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
             printf("Stop -> %d\n", stopped);
             ok = ok && stopped == 0;
         }
-        const int32_t shutDown = plugin->Shutdown();
-        printf("Shutdown -> %d\n", shutDown);
-        ok = ok && shutDown == 0;
+        if (initialized) {
+            const int32_t shutDown = plugin->Shutdown();
+            printf("Shutdown -> %d\n", shutDown);
+            ok = ok && shutDown == 0;
+        }
         disposePlugin(created);
         printf("Plug-in disposed\n");
     }

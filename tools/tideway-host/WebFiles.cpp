@@ -61,10 +61,10 @@ bool ReadWebFile(const std::string& root, const std::string& name, std::string& 
     char resolved[PATH_MAX];
     if (realpath(path.c_str(), resolved) == nullptr)
         return false;
-    // A link may point to another file of the root, never out of it or into a subfolder.
+    // A link may point to another file of the root, never out of it.
     const std::string real = resolved;
     if (real.size() <= root.size() + 1 || real.compare(0, root.size(), root) != 0 ||
-        real[root.size()] != '/' || real.find('/', root.size() + 1) != std::string::npos)
+        real[root.size()] != '/')
         return false;
     const int fd = open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0)

@@ -20,8 +20,8 @@ std::string ServableName(const std::string& target);
 const char* ContentTypeOf(const std::string& name);
 
 // Reads root/name into `body`. False when the file is missing, is not a regular file, is larger
-// than kMaxWebFileBytes, or resolves (through a symbolic link) to anything but a file directly
-// inside `root`, which must be a real path without a trailing slash.
+// than kMaxWebFileBytes, or resolves (through a symbolic link) to a file outside `root`, which
+// must be a real path without a trailing slash.
 bool ReadWebFile(const std::string& root, const std::string& name, std::string& body);
 
 #endif  // TIDEWAY_TOOLS_TIDEWAY_HOST_WEBFILES_H_

@@ -227,11 +227,11 @@ bool Converse(CreatePluginFn createPlugin, DisposePluginFn disposePlugin) {
     return ok;
 }
 
-// "[ADDR:]PORT" as --web takes it, to tell its optional value from the module's path.
+// Whether the argument after --web is meant as its [ADDR:]PORT rather than the module's path:
+// digits, or a text with a colon and no slash.
 bool LooksLikeWebAddress(const char* text) {
-    std::string address;
-    uint16_t port = 0;
-    return strchr(text, '/') == nullptr && ParseWebAddress(text, address, port);
+    const bool digits = text[0] != '\0' && strspn(text, "0123456789") == strlen(text);
+    return digits || (strchr(text, ':') != nullptr && strchr(text, '/') == nullptr);
 }
 
 int Run(const std::string& modulePath, Face face, const WebFaceOptions& web, bool keepLoaded) {
@@ -300,8 +300,11 @@ int main(int argc, char** argv) {
             face = Face::kPresentation;
         } else if (strcmp(argv[i], "--web") == 0 && face == Face::kCheck) {
             face = Face::kWeb;
-            if (i + 1 < argc && LooksLikeWebAddress(argv[i + 1]))
-                ParseWebAddress(argv[++i], web.address, web.port);
+            if (i + 1 < argc && LooksLikeWebAddress(argv[i + 1]) &&
+                !ParseWebAddress(argv[++i], web.address, web.port)) {
+                fprintf(stderr, "tideway-host: --web takes [ADDR:]PORT, not %s\n", argv[i]);
+                return 2;
+            }
         } else if (strcmp(argv[i], "--catalogue") == 0 && i + 1 < argc) {
             web.cataloguePath = argv[++i];
         } else if (strcmp(argv[i], "--web-root") == 0 && i + 1 < argc) {
