@@ -1,6 +1,9 @@
 // Towers and closest-tower settings on real profile files: the repair of a stale active tower,
 // the replacement of the tower list, the towers offered for display, and the DCT updates, each
 // checked in memory and, where a commit happens, through a fresh object reading the file.
+#include <stdio.h>
+#include <sys/wait.h>
+
 #include <list>
 #include <memory>
 #include <string>
@@ -231,6 +234,64 @@ TEST(TowersTest, DctUpdatesReachMapStoreAndFile) {
     ASSERT_TRUE(fresh.InitializeConfig(false, false));
     EXPECT_EQ(fresh.GetDctInteger("Interval"), 30);
     EXPECT_EQ(fresh.GetDctString("missing"), "");
+}
+
+// Runs the maintenance tool's --check; its exit status, and its standard output in `out`.
+int Check(const std::string& file, std::string& out) {
+    out.clear();
+    FILE* pipe = popen((std::string(TIDEWAY_OBFUSCATE_TOOL) + " --check " + file + " 2>&1").c_str(),
+                       "r");
+    if (pipe == nullptr)
+        return -1;
+    char buffer[512];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        out.append(buffer, n);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
+    ChainRoot root;
+    {
+        CDnConfigFile config;  // no file yet: the built-in profile is written
+        ASSERT_TRUE(config.InitializeConfig(false, false));
+    }
+    const std::string profile = config_test::Profile(
+        std::string(kTwoTowers) + "<ActiveTowerDisplayName>b</ActiveTowerDisplayName>"
+                                  "<ActiveTowerHostName>b.host</ActiveTowerHostName>"
+                                  "<DetectClosestTower><Mode>manual</Mode>"
+                                  "<DetectClosest>1</DetectClosest></DetectClosestTower>",
+        "Branch");
+    config_test::WriteObfuscated(root.Path("hosted.wso"), profile);
+    config_test::Write(root.Path("plain.xml"), profile);
+    config_test::Write(root.Path("garbage"), std::string("\x93\x01garbage\0\xff", 12));
+    const struct {
+        std::string file;
+        int status;
+        std::string output;
+    } cases[] = {
+        {root.Current(), 0,
+         root.Current() + ": valid obfuscated profile\nlabel: \ntowers: 0\nactive: none\n"
+                          "dct: DetectClosest= Mode= NumberReadings=0 connect_timeout=0\n"},
+        {root.Path("hosted.wso"), 0,
+         root.Path("hosted.wso") +
+             ": valid obfuscated profile\nlabel: Branch\ntowers: 2\n"
+             "tower: A host=a.host ssl=443 plain=80 active=1\n"
+             "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
+             "dct: DetectClosest=1 Mode=manual NumberReadings=0 connect_timeout=0\n"},
+        {root.Path("plain.xml"), 1,
+         root.Path("plain.xml") + ": invalid: plain XML, not an obfuscated profile\n"},
+        {root.Path("garbage"), 1,
+         root.Path("garbage") + ": invalid: not an obfuscated file (or another pass phrase)\n"},
+    };
+    for (const auto& c : cases) {
+        const std::string before = Bytes(c.file);
+        std::string out;
+        EXPECT_EQ(Check(c.file, out), c.status) << c.file;
+        EXPECT_EQ(out, c.output);
+        EXPECT_EQ(Bytes(c.file), before);  // checking never writes the file
+    }
 }
 
 }  // namespace
