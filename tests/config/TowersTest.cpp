@@ -130,8 +130,10 @@ TEST(TowersTest, ReplacedTowerListIsCommittedAndReadBack) {
               1u);
     EXPECT_EQ(Logged("Config: ActiveTowerHostName has been changed to new-b.host"), 1u);
 
+    // Again as the file owner: the host already follows, so no second change is logged.
     CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);
     config->UpdateTowerList(towers, true);
+    EXPECT_EQ(syslog_capture::CountContaining("ActiveTowerHostName"), 2u);
     CDnConfigFile fresh;
     ASSERT_TRUE(fresh.InitializeConfig(false, false));
     std::unique_ptr<std::list<std::pair<std::string, TowerInfo>>> read(fresh.GetTowerList());
