@@ -49,8 +49,8 @@ std::string LocalTimeStamp() {
     struct tm local = {};
     localtime_r(&now, &local);
     char text[32];
-    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900,
-             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     return text;
 }
 

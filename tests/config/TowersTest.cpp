@@ -45,25 +45,23 @@ TEST(TowersTest, ActiveTowerIsRepairedFromNameDefaultOrFirstTower) {
         const char* host;
         const char* preferred;  // Default
         const char* tunnel;
-        bool owner;                // the file owner's role: the repair reaches the file
-        const char* out;           // Joined(out); "?" marks the untouched port
-        const char* storedHost;    // ActiveTowerHostName afterwards
-        const char* storedName;    // ActiveTowerDisplayName afterwards
-        const char* log;           // the one TRACE line expected, or ""
+        bool owner;              // the file owner's role: the repair reaches the file
+        const char* out;         // Joined(out); "?" marks the untouched port
+        const char* storedHost;  // ActiveTowerHostName afterwards
+        const char* storedName;  // ActiveTowerDisplayName afterwards
+        const char* log;         // the one TRACE line expected, or ""
     } cases[] = {
         {"name matches ignoring case, host too", "a", "A.HOST", "", "ssl", false,
          "A|1|a.host|?|443", "A.HOST", "a", ""},
         {"name matches, host moved", "b", "old.host", "", "plain", true, "B|0|b.host|8080|?",
          "b.host", "b", "Config: Changing ActiveTowerHostName from old.host to b.host"},
-        {"host empty: Default wins over the name", "A", "", "b", "ssl", true,
-         "B|0|b.host|?|8443", "b.host", "B",
-         "Config: ActiveHostDisplayName has been changed from A to B (Default)"},
+        {"host empty: Default wins over the name", "A", "", "b", "ssl", true, "B|0|b.host|?|8443",
+         "b.host", "B", "Config: ActiveHostDisplayName has been changed from A to B (Default)"},
         {"stale name, Default names no tower", "Gone", "g.host", "Nowhere", "", false,
          "A|1|a.host|?|443", "a.host", "A",
          "Config: ActiveHostDisplayName has been changed from Gone to A (First tower's display "
          "name from the Tower List)"},
-        {"nothing stored, no Default", "", "", "", "plain", false, "A|1|a.host|80|?", "a.host",
-         "A",
+        {"nothing stored, no Default", "", "", "", "plain", false, "A|1|a.host|80|?", "a.host", "A",
          "Config: ActiveHostDisplayName has been changed from  to A (First tower's display name "
          "from the Tower List)"},
     };
@@ -241,8 +239,8 @@ TEST(TowersTest, DctUpdatesReachMapStoreAndFile) {
 // Runs the maintenance tool's --check; its exit status, and its standard output in `out`.
 int Check(const std::string& file, std::string& out) {
     out.clear();
-    FILE* pipe = popen((std::string(TIDEWAY_OBFUSCATE_TOOL) + " --check " + file + " 2>&1").c_str(),
-                       "r");
+    FILE* pipe =
+        popen((std::string(TIDEWAY_OBFUSCATE_TOOL) + " --check " + file + " 2>&1").c_str(), "r");
     if (pipe == nullptr)
         return -1;
     char buffer[512];
@@ -259,12 +257,13 @@ TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
         CDnConfigFile config;  // no file yet: the built-in profile is written
         ASSERT_TRUE(config.InitializeConfig(false, false));
     }
-    const std::string profile = config_test::Profile(
-        std::string(kTwoTowers) + "<ActiveTowerDisplayName>b</ActiveTowerDisplayName>"
-                                  "<ActiveTowerHostName>b.host</ActiveTowerHostName>"
-                                  "<DetectClosestTower><Mode>manual</Mode>"
-                                  "<DetectClosest>1</DetectClosest></DetectClosestTower>",
-        "Branch");
+    const std::string profile =
+        config_test::Profile(std::string(kTwoTowers) +
+                                 "<ActiveTowerDisplayName>b</ActiveTowerDisplayName>"
+                                 "<ActiveTowerHostName>b.host</ActiveTowerHostName>"
+                                 "<DetectClosestTower><Mode>manual</Mode>"
+                                 "<DetectClosest>1</DetectClosest></DetectClosestTower>",
+                             "Branch");
     config_test::WriteObfuscated(root.Path("hosted.wso"), profile);
     config_test::Write(root.Path("plain.xml"), profile);
     config_test::Write(root.Path("garbage"), std::string("\x93\x01garbage\0\xff", 12));
