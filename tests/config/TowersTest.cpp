@@ -274,13 +274,14 @@ TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
     } cases[] = {
         {root.Current(), 0,
          root.Current() + ": valid obfuscated profile\nlabel: \ntowers: 0\nactive: none\n"
-                          "dct: DetectClosest= Mode= NumberReadings=0 connect_timeout=0\n"},
+                          "dct: none\ndct params: Mode= NumberReadings=0 connect_timeout=0\n"},
         {root.Path("hosted.wso"), 0,
          root.Path("hosted.wso") +
              ": valid obfuscated profile\nlabel: Branch\ntowers: 2\n"
              "tower: A host=a.host ssl=443 plain=80 active=1\n"
              "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
-             "dct: DetectClosest=1 Mode=manual NumberReadings=0 connect_timeout=0\n"},
+             "dct: DetectClosest=1 Mode=manual\n"
+             "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
         {root.Path("plain.xml"), 1,
          root.Path("plain.xml") + ": invalid: plain XML, not an obfuscated profile\n"},
         {root.Path("garbage"), 1,

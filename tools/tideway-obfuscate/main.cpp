@@ -177,11 +177,15 @@ int CheckProfile(const char* path) {
         config.GetActiveTower(active);
         printf("active: %s host=%s\n", active.DisplayName.c_str(), active.HostName.c_str());
     }
+    // Every closest-tower setting as stored, then the typed record the module reads.
+    std::string settings;
+    for (const auto& setting : config.GetDctSettings())
+        settings += " " + setting.first + "=" + setting.second;
+    printf("dct:%s\n", settings.empty() ? " none" : settings.c_str());
     DctParams dct;
     config.GetDctParams(dct);
-    printf("dct: DetectClosest=%s Mode=%s NumberReadings=%d connect_timeout=%llu\n",
-           config.GetDctString("DetectClosest").c_str(), dct.mode.c_str(), dct.numberReadings,
-           static_cast<unsigned long long>(dct.connectTimeout));
+    printf("dct params: Mode=%s NumberReadings=%d connect_timeout=%llu\n", dct.mode.c_str(),
+           dct.numberReadings, static_cast<unsigned long long>(dct.connectTimeout));
     return 0;
 }
 
