@@ -109,6 +109,37 @@ class CDnConfigFile final : public CConfig {
     std::list<std::pair<std::string, TowerInfo>> GetTowers();
     std::map<std::string, std::string> GetDctSettings();
 
+    // Towers and closest-tower settings (DnConfigTowers.cpp). Names and host names match
+    // without regard to ASCII case, and the first match in list order wins.
+    // The active tower: the stored choice when its display name is in the list (its host
+    // followed to the list's), else Default, else the first tower; a stale choice is repaired
+    // in the store. `out` keeps what it held when there is no tower. Always 0.
+    int GetActiveTower(TowerInfo& out);
+    bool SetActiveTower(const std::string& host, const std::string& display);
+    // Replaces the towers in the store and the list, follows the active tower to its new
+    // host, and stamps LastUpdateTime (committed under the rule of UpdateData).
+    void UpdateTowerList(const std::list<std::pair<std::string, TowerInfo>>& towers, bool commit);
+    // A copy the caller owns; null when memory runs out.
+    std::list<std::pair<std::string, TowerInfo>>* GetTowerList();
+    // The tower names to offer, in the order of DisplayTowers, spelled as in the tower list;
+    // all towers when DisplayTowers names none of them. -1 when there is no tower.
+    int GetValidDisplayTowers(std::list<std::string>& out);
+    // The offered names, each followed by ",". Always 0.
+    int GetDisplayTowerNames(std::string& out);
+    // The first tower of each offered name. Always 0.
+    int GetDisplayTowerInfos(std::vector<TowerInfo>& out);
+    // The items of DisplayTowers, trimmed, without empty ones and without repeats. Always 0.
+    int GetDisplayTowersList(std::list<std::string>& out);
+    std::string GetDctString(const char* key);
+    int GetDctInteger(const char* key);
+    int GetDctParams(DctParams& out);
+    // Sets DetectClosestTower/`key` in the store and the DCT map (committed under the rule of
+    // UpdateData); false for a null key or value.
+    bool UpdateDCTData(const char* key, const char* value, bool commit);
+    bool UpdateDCTData(const char* key, int value, bool commit);
+    // DetectClosest and Mode (0 "manual", 1 "auto"), then a commit whatever the role.
+    bool UpdateDCT(int detectClosest, int mode, bool commit);
+
     // Process-wide: the type found by the last probe of any object, which decides how the
     // next commit writes; and the role of this process (kConfigRolePlugin in the module).
     static std::atomic<uint32_t> m_ConfigFileType;

@@ -2,6 +2,8 @@
 #ifndef TIDEWAY_CONFIG_TOWERINFO_H_
 #define TIDEWAY_CONFIG_TOWERINFO_H_
 
+#include <stdint.h>
+
 #include <string>
 
 struct TowerInfo {
@@ -10,6 +12,13 @@ struct TowerInfo {
     std::string HostName;
     std::string PlainPort;  // port of the "plain" tunnel
     std::string SSLPort;    // port of the "ssl" tunnel
+};
+
+// The closest-tower settings in typed form, filled by CDnConfigFile::GetDctParams.
+struct DctParams {
+    uint64_t connectTimeout = 0;  // connect_timeout of the main section
+    std::string mode;             // Mode of DetectClosestTower ("manual", "auto", ...)
+    int32_t numberReadings = 0;   // NumberReadings of DetectClosestTower
 };
 
 #endif  // TIDEWAY_CONFIG_TOWERINFO_H_

@@ -1,0 +1,299 @@
+// Towers and closest-tower settings on real profile files: the repair of a stale active tower,
+// the replacement of the tower list, the towers offered for display, and the DCT updates, each
+// checked in memory and, where a commit happens, through a fresh object reading the file.
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ConfigTestSupport.h"
+#include "config/ConfigKeys.h"
+#include "config/DnConfigFile.h"
+
+namespace {
+
+using config_test::Bytes;
+using config_test::ChainRoot;
+using config_test::LoadParameters;
+using config_test::Logged;
+
+// Towers A (a.host) and B (b.host), each with both ports.
+const char kTwoTowers[] =
+    "<Towers><Tower><DisplayName>A</DisplayName><Active>1</Active><HostName>a.host</HostName>"
+    "<SSLPort>443</SSLPort><PlainPort>80</PlainPort></Tower>"
+    "<Tower><DisplayName>B</DisplayName><Active>0</Active><HostName>b.host</HostName>"
+    "<SSLPort>8443</SSLPort><PlainPort>8080</PlainPort></Tower></Towers>";
+
+std::string Element(const char* name, const std::string& text) {
+    return text.empty() ? std::string() : "<" + std::string(name) + ">" + text + "</" + name + ">";
+}
+
+std::string Joined(const TowerInfo& t) {
+    return t.DisplayName + "|" + t.Active + "|" + t.HostName + "|" + t.PlainPort + "|" + t.SSLPort;
+}
+
+TEST(TowersTest, ActiveTowerIsRepairedFromNameDefaultOrFirstTower) {
+    const struct {
+        const char* what;
+        const char* display;
+        const char* host;
+        const char* preferred;  // Default
+        const char* tunnel;
+        bool owner;              // the file owner's role: the repair reaches the file
+        const char* out;         // Joined(out); "?" marks the untouched port
+        const char* storedHost;  // ActiveTowerHostName afterwards
+        const char* storedName;  // ActiveTowerDisplayName afterwards
+        const char* log;         // the one TRACE line expected, or ""
+    } cases[] = {
+        {"name matches ignoring case, host too", "a", "A.HOST", "", "ssl", false,
+         "A|1|a.host|?|443", "A.HOST", "a", ""},
+        {"name matches, host moved", "b", "old.host", "", "plain", true, "B|0|b.host|8080|?",
+         "b.host", "b", "Config: Changing ActiveTowerHostName from old.host to b.host"},
+        {"host empty: Default wins over the name", "A", "", "b", "ssl", true, "B|0|b.host|?|8443",
+         "b.host", "B", "Config: ActiveHostDisplayName has been changed from A to B (Default)"},
+        {"stale name, Default names no tower", "Gone", "g.host", "Nowhere", "", false,
+         "A|1|a.host|?|443", "a.host", "A",
+         "Config: ActiveHostDisplayName has been changed from Gone to A (First tower's display "
+         "name from the Tower List)"},
+        {"nothing stored, no Default", "", "", "", "plain", false, "A|1|a.host|80|?", "a.host", "A",
+         "Config: ActiveHostDisplayName has been changed from  to A (First tower's display name "
+         "from the Tower List)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ChainRoot root;
+        auto config = LoadParameters(
+            root, kTwoTowers + Element("ActiveTowerDisplayName", c.display) +
+                      Element("ActiveTowerHostName", c.host) + Element("Default", c.preferred) +
+                      Element("tunnel_type", c.tunnel));
+        CDnConfigFile::SetConfigRoleForTesting(c.owner ? kConfigRoleOwner : kConfigRolePlugin);
+        const std::string before = Bytes(root.Current());
+        syslog_capture::Clear();
+        TowerInfo out{"?", "?", "?", "?", "?"};
+        EXPECT_EQ(config->GetActiveTower(out), 0);
+        EXPECT_EQ(Joined(out), c.out);
+        EXPECT_EQ(config->GetString("ActiveTowerHostName"), c.storedHost);
+        EXPECT_EQ(config->GetString("ActiveTowerDisplayName"), c.storedName);
+        if (*c.log != '\0') {
+            EXPECT_EQ(Logged(c.log), 1u);
+        } else {
+            EXPECT_EQ(syslog_capture::CountContaining("Config"), 0u);
+        }
+        if (std::string(c.log).find('(') != std::string::npos) {
+            EXPECT_EQ(Logged("Config: ActiveTowerHostName has been changed from " +
+                             std::string(c.host) + " to " + c.storedHost),
+                      1u);
+        }
+        if (c.owner) {
+            CDnConfigFile fresh;
+            ASSERT_TRUE(fresh.InitializeConfig(false, false));
+            EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), c.storedHost);
+            EXPECT_EQ(fresh.GetString("ActiveTowerDisplayName"), c.storedName);
+        } else {
+            EXPECT_EQ(Bytes(root.Current()), before);  // the plug-in keeps changes in memory
+        }
+    }
+
+    ChainRoot root;
+    auto empty = LoadParameters(root, "<ActiveTowerDisplayName>A</ActiveTowerDisplayName>");
+    TowerInfo out{"keep", "", "", "", ""};
+    EXPECT_EQ(empty->GetActiveTower(out), 0);
+    EXPECT_EQ(out.DisplayName, "keep");
+    EXPECT_EQ(Logged("Config : List of towers is empty."), 1u);
+}
+
+TEST(TowersTest, ReplacedTowerListIsCommittedAndReadBack) {
+    ChainRoot root;
+    auto config = LoadParameters(root, std::string(kTwoTowers) +
+                                           "<ActiveTowerDisplayName>b</ActiveTowerDisplayName>"
+                                           "<ActiveTowerHostName>b.host</ActiveTowerHostName>");
+    const std::list<std::pair<std::string, TowerInfo>> towers = {
+        {"C", {"C", "1", "c.host", "81", "444"}},
+        {"B", {"B", "0", "new-b.host", "82", "445"}},
+        {"C", {"C", "0", "second-c.host", "83", "446"}},  // duplicates are kept
+    };
+    // In the plug-in's role the change stays in memory.
+    const std::string before = Bytes(root.Current());
+    config->UpdateTowerList(towers, true);
+    EXPECT_EQ(Bytes(root.Current()), before);
+    EXPECT_EQ(config->GetString("ActiveTowerHostName"), "new-b.host");
+    EXPECT_EQ(Logged("Config: Current ActiveTowerHostName is being changed from b.host to "
+                     "new-b.host"),
+              1u);
+    EXPECT_EQ(Logged("Config: ActiveTowerHostName has been changed to new-b.host"), 1u);
+
+    // Again as the file owner: the host already follows, so no second change is logged.
+    CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);
+    config->UpdateTowerList(towers, true);
+    EXPECT_EQ(syslog_capture::CountContaining("ActiveTowerHostName"), 2u);
+    CDnConfigFile fresh;
+    ASSERT_TRUE(fresh.InitializeConfig(false, false));
+    std::unique_ptr<std::list<std::pair<std::string, TowerInfo>>> read(fresh.GetTowerList());
+    ASSERT_TRUE(read != nullptr);
+    std::vector<std::string> got;
+    for (const auto& t : *read)
+        got.push_back(t.first + "=" + Joined(t.second));
+    EXPECT_EQ(got, (std::vector<std::string>{"C=C|1|c.host|81|444", "B=B|0|new-b.host|82|445",
+                                             "C=C|0|second-c.host|83|446"}));
+    EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), "new-b.host");
+    const std::string stamp = fresh.GetString("LastUpdateTime");
+    EXPECT_EQ(stamp.size(), 14u);
+    EXPECT_EQ(stamp.find_first_not_of("0123456789"), std::string::npos);
+    EXPECT_EQ(stamp.compare(0, 2, "20"), 0);
+}
+
+TEST(TowersTest, DisplayListsFollowDisplayTowersOrFallBackToAllTowers) {
+    const char kThree[] =
+        "<Towers><Tower><DisplayName>A</DisplayName><HostName>a1</HostName></Tower>"
+        "<Tower><DisplayName>B</DisplayName><HostName>b</HostName></Tower>"
+        "<Tower><DisplayName>a</DisplayName><HostName>a2</HostName></Tower></Towers>";
+    const struct {
+        const char* towers;
+        const char* displayTowers;
+        const char* raw;    // GetDisplayTowersList, joined by "|"
+        const char* names;  // GetDisplayTowerNames
+        const char* hosts;  // HostName of GetDisplayTowerInfos, joined by "|"
+    } cases[] = {
+        {kThree, " b , a,B,, ", "b|a", "B,A,", "b|a1"},
+        {kThree, "", "", "A,B,a,", "a1|b|a1"},
+        {kThree, "x,y", "x|y", "A,B,a,", "a1|b|a1"},
+        {kThree, "zz,b", "zz|b", "B,", "b"},
+        {"", "A", "A", "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.towers).substr(0, 10) + " / " + c.displayTowers);
+        ChainRoot root;
+        auto config = LoadParameters(root, c.towers + Element("DisplayTowers", c.displayTowers));
+        syslog_capture::Clear();
+        std::list<std::string> raw{"stale"};
+        EXPECT_EQ(config->GetDisplayTowersList(raw), 0);
+        std::string joined;
+        for (const auto& r : raw)
+            joined += (joined.empty() ? "" : "|") + r;
+        EXPECT_EQ(joined, c.raw);
+        std::string names = "stale";
+        EXPECT_EQ(config->GetDisplayTowerNames(names), 0);
+        EXPECT_EQ(names, c.names);
+        std::vector<TowerInfo> infos(1);
+        EXPECT_EQ(config->GetDisplayTowerInfos(infos), 0);
+        std::string hosts;
+        for (const auto& t : infos)
+            hosts += (hosts.empty() ? "" : "|") + t.HostName;
+        EXPECT_EQ(hosts, c.hosts);
+        const bool none = *c.towers == '\0';
+        EXPECT_EQ(Logged("Config: TowerInfo map is empty."), none ? 2u : 0u);
+        EXPECT_EQ(Logged("Config: Failed to get valid display towers list."), none ? 2u : 0u);
+    }
+}
+
+TEST(TowersTest, DctUpdatesReachMapStoreAndFile) {
+    ChainRoot root;
+    auto config = LoadParameters(root,
+                                 "<connect_timeout>12</connect_timeout><DetectClosestTower>"
+                                 "<DetectClosest>0</DetectClosest><Mode>auto</Mode>"
+                                 "<NumberReadings> 7 </NumberReadings></DetectClosestTower>");
+    DctParams params;
+    EXPECT_EQ(config->GetDctParams(params), 0);
+    EXPECT_EQ(params.connectTimeout, 12u);
+    EXPECT_EQ(params.mode, "auto");
+    EXPECT_EQ(params.numberReadings, 7);
+    EXPECT_FALSE(config->UpdateDCTData(nullptr, "x", false));
+
+    const struct {
+        int detectClosest;
+        int mode;
+        const char* expectedMode;
+        bool warned;
+    } cases[] = {{1, 0, "manual", false}, {0, 1, "auto", false}, {5, 2, "auto", true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        syslog_capture::Clear();
+        const std::string before = Bytes(root.Current());
+        // The plug-in's role: only the closing commit writes.
+        EXPECT_TRUE(config->UpdateDCT(c.detectClosest, c.mode, false));
+        EXPECT_NE(Bytes(root.Current()), before);
+        EXPECT_EQ(Logged("CDnConfigFile : Invalid DCT mode received from client"),
+                  c.warned ? 1u : 0u);
+        EXPECT_EQ(config->GetDctInteger("DetectClosest"), c.detectClosest);
+        CDnConfigFile fresh;
+        ASSERT_TRUE(fresh.InitializeConfig(false, false));
+        EXPECT_EQ(fresh.GetDctInteger("DetectClosest"), c.detectClosest);
+        EXPECT_EQ(fresh.GetDctString("Mode"), c.expectedMode);
+        EXPECT_EQ(fresh.GetDctInteger("NumberReadings"), 7);
+    }
+    // A new key is created under DetectClosestTower and reaches the file on the owner's commit.
+    CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);
+    EXPECT_TRUE(config->UpdateDCTData("Interval", 30, true));
+    CDnConfigFile fresh;
+    ASSERT_TRUE(fresh.InitializeConfig(false, false));
+    EXPECT_EQ(fresh.GetDctInteger("Interval"), 30);
+    EXPECT_EQ(fresh.GetDctString("missing"), "");
+}
+
+// Runs the maintenance tool's --check; its exit status, and its standard output in `out`.
+int Check(const std::string& file, std::string& out) {
+    out.clear();
+    FILE* pipe =
+        popen((std::string(TIDEWAY_OBFUSCATE_TOOL) + " --check " + file + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    char buffer[512];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        out.append(buffer, n);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
+    ChainRoot root;
+    {
+        CDnConfigFile config;  // no file yet: the built-in profile is written
+        ASSERT_TRUE(config.InitializeConfig(false, false));
+    }
+    const std::string profile =
+        config_test::Profile(std::string(kTwoTowers) +
+                                 "<ActiveTowerDisplayName>b</ActiveTowerDisplayName>"
+                                 "<ActiveTowerHostName>b.host</ActiveTowerHostName>"
+                                 "<DetectClosestTower><Mode>manual</Mode>"
+                                 "<DetectClosest>1</DetectClosest></DetectClosestTower>",
+                             "Branch");
+    config_test::WriteObfuscated(root.Path("hosted.wso"), profile);
+    config_test::Write(root.Path("plain.xml"), profile);
+    config_test::Write(root.Path("garbage"), std::string("\x93\x01garbage\0\xff", 12));
+    const struct {
+        std::string file;
+        int status;
+        std::string output;
+    } cases[] = {
+        {root.Current(), 0,
+         root.Current() + ": valid obfuscated profile\nlabel: \ntowers: 0\nactive: none\n"
+                          "dct: none\ndct params: Mode= NumberReadings=0 connect_timeout=0\n"},
+        {root.Path("hosted.wso"), 0,
+         root.Path("hosted.wso") +
+             ": valid obfuscated profile\nlabel: Branch\ntowers: 2\n"
+             "tower: A host=a.host ssl=443 plain=80 active=1\n"
+             "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
+             "dct: DetectClosest=1 Mode=manual\n"
+             "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
+        {root.Path("plain.xml"), 1,
+         root.Path("plain.xml") + ": invalid: plain XML, not an obfuscated profile\n"},
+        {root.Path("garbage"), 1,
+         root.Path("garbage") + ": invalid: not an obfuscated file (or another pass phrase)\n"},
+    };
+    for (const auto& c : cases) {
+        const std::string before = Bytes(c.file);
+        std::string out;
+        EXPECT_EQ(Check(c.file, out), c.status) << c.file;
+        EXPECT_EQ(out, c.output);
+        EXPECT_EQ(Bytes(c.file), before);  // checking never writes the file
+    }
+}
+
+}  // namespace
