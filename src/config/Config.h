@@ -11,6 +11,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <map>
 #include <string>
 
@@ -64,6 +65,29 @@ class CConfig {
     // A copy of the map of simple keys with their texts as parsed, untrimmed.
     std::map<std::string, std::string> GetValues();
 
+    // Operations on the profile files that both configuration classes use (ProfileFiles.cpp).
+    // True when the update file should be adopted: it exists and differs from the backup in
+    // its bytes, or the backup or the current file is missing or the current one is corrupt.
+    bool IsUpdateAvailable();
+    // Loads the update (`update`) or the current file into the store; only an obfuscated file
+    // is accepted. 0, 2 (missing), 22 (not obfuscated) or the parser's code.
+    long LoadConfigFile(bool update);
+    // "Tideway/ProfileLabel" of the store; false without a store.
+    bool GetProfileLabel(std::string& out);
+
+    // Downloaded profiles (HostedConfigFile.cpp). `hosted` holds the bytes of an obfuscated
+    // profile file, of any length and content.
+    // True when they differ from the update file's bytes or that file cannot be read.
+    bool IsHostedConfigNew(const std::string& hosted);
+    // Installs the bytes as the update file when they are new and decode to an XML profile; the
+    // next run of the file chain adopts them. True only when the update file was replaced. The
+    // old update file stays whole on every failure.
+    bool UseHostedConfig(const std::string& hosted);
+
+    // Process-wide, not per object: the type found by the last probe of any object, which
+    // decides how the next commit writes.
+    static std::atomic<uint32_t> m_ConfigFileType;
+
   protected:
     CConfig();
     // Not virtual: the one virtual slot is Reload, and objects are never deleted through this
@@ -72,6 +96,10 @@ class CConfig {
 
     // Recursive: every operation holds it, and operations call one another (a getter of a typed
     // value calls GetString, a reload runs the whole file chain) with it held.
+    // Creates the store when there is none (logging a failed allocation); drops it.
+    bool EnsureStore();
+    void DropStore();
+
     CRecursiveMutex m_Lock;
     // Owned; null until initialised and after a failed load.
     CXMLReadWriteConfig* m_pXml GUARDED_BY(m_Lock);

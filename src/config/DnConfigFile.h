@@ -36,18 +36,12 @@ class CDnConfigFile final : public CConfig {
     // InitializeConfig(false, false) under the lock.
     bool Reload() override;
 
-    // True when the update file should be adopted: it exists and differs from the backup in
-    // its bytes, or the backup or the current file is missing or the current one is corrupt.
-    bool IsUpdateAvailable();
     // Decodes the obfuscated file at `path` into `text` (replacing it); with `stripMarker`, a
     // leading "OBFUSCATED" is removed. 0, or 22 for any failure.
     long ReadObfuscatedFile(const std::string& path, std::string& text, bool stripMarker);
     // Probes the file: plain XML (1), obfuscated XML (3), decodes to bad XML (2), or unknown
     // (0). 0 for types 1 and 3; otherwise the code of the failed decode or parse.
     long GetConfigFileType(const std::string& path, ConfigFileType& type);
-    // Loads the update (`update`) or the current file into the store; only an obfuscated file
-    // is accepted. 0, 2 (missing), 22 (not obfuscated) or the parser's code.
-    long LoadConfigFile(bool update);
     // Refills the map, the towers, the address and the DCT settings from the store. The store's
     // status (negative means failure); 1 without a store.
     long LoadConfigKeys();
@@ -76,8 +70,6 @@ class CDnConfigFile final : public CConfig {
     // The process-wide object, initialised at first use and again after any CDnConfigFile has
     // been constructed since (construction clears the flag).
     static CDnConfigFile& GetInstance(bool checkUpdate);
-
-    bool GetProfileLabel(std::string& out);
 
     // Callback of EnumConfig: `config` is the CDnConfigFile being loaded.
     static void OnConfigKey(void* config, const char* name, const void* value);
@@ -140,12 +132,17 @@ class CDnConfigFile final : public CConfig {
     // DetectClosest and Mode (0 "manual", 1 "auto"), then a commit whatever the role.
     bool UpdateDCT(int detectClosest, int mode, bool commit);
 
-    // Process-wide: the type found by the last probe of any object, which decides how the
-    // next commit writes; and the role of this process (kConfigRolePlugin in the module).
-    static std::atomic<uint32_t> m_ConfigFileType;
+    // Process-wide: the role of this process (kConfigRolePlugin in the module).
     static std::atomic<int> m_ConfigRole;
     // Testing hook, not a product setting: lets tests take the file owner's role.
     static void SetConfigRoleForTesting(int role) { m_ConfigRole = role; }
+
+    // Trusted network detection (ConfigTND.cpp). Replaces the servers of the section with the
+    // children of `servers` (each a Server element) and commits them when there are any, then
+    // sets its Enabled text, which reaches the file only in the process that owns it. The rest
+    // of the profile keeps its bytes and order. Reports nothing; failures are logged.
+    void UpdateCurrentConfigTND(const boost::property_tree::ptree& servers,
+                                const std::string& enabled);
 
   private:
     // The steps of InitializeConfig, in the order it takes them. Like it, they take no lock of
@@ -172,8 +169,6 @@ class CDnConfigFile final : public CConfig {
     bool LoadUpdateFile();
     // The last step of a successful initialisation: tunnel type, lists, connect time-out.
     void FinishLoad();
-    bool EnsureStore();
-    void DropStore();
 
     std::list<std::string> m_HostExceptionNames GUARDED_BY(m_Lock);
     std::vector<ExceptionAddress> m_HostExceptionAddrs GUARDED_BY(m_Lock);

@@ -4,7 +4,14 @@
 #ifndef TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 #define TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 
+#include <pwd.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -98,6 +105,39 @@ inline std::unique_ptr<CDnConfigFile> LoadParameters(const ChainRoot& root,
     auto config = std::make_unique<CDnConfigFile>();
     EXPECT_TRUE(config->InitializeConfig(false, false)) << parameters;
     return config;
+}
+
+// Runs `save` in a forked child, as `user` when given, with files that may not grow past 1 KiB
+// when `fullDisk`; returns what it gave and what it logged: "true" or "false", then "|" and each
+// record.
+inline std::string SaveInChild(const passwd* user, const std::function<bool()>& save,
+                               bool fullDisk = false) {
+    int out[2];
+    if (pipe(out) != 0)
+        return "<no pipe>";
+    const pid_t child = fork();
+    if (child == 0) {
+        close(out[0]);
+        if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0))
+            _exit(2);
+        const rlimit limit{1024, 1024};
+        if (fullDisk && (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit)))
+            _exit(4);
+        syslog_capture::Clear();
+        std::string report = save() ? "true" : "false";
+        for (const std::string& text : syslog_capture::Texts())
+            report += "|" + text;
+        _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
+    }
+    close(out[1]);
+    std::string report;
+    char buffer[256];
+    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
+        report.append(buffer, size_t(n));
+    close(out[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";
 }
 
 }  // namespace config_test

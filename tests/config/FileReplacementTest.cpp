@@ -25,44 +25,12 @@ namespace {
 
 using config_test::Bytes;
 using config_test::ChainRoot;
+using config_test::SaveInChild;
 using config_test::Write;
 
 size_t FilesIn(const std::string& folder) {
     const std::filesystem::directory_iterator files(folder);
     return static_cast<size_t>(std::distance(begin(files), end(files)));
-}
-
-// Runs `save` in a forked child, as `user` when given, with files that may not grow past 1 KiB
-// when `fullDisk`; returns what it gave and what it logged: "true" or "false", then "|" and each
-// record.
-std::string SaveInChild(const passwd* user, const std::function<bool()>& save,
-                        bool fullDisk = false) {
-    int out[2];
-    if (pipe(out) != 0)
-        return "<no pipe>";
-    const pid_t child = fork();
-    if (child == 0) {
-        close(out[0]);
-        if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0))
-            _exit(2);
-        const rlimit limit{1024, 1024};
-        if (fullDisk && (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit)))
-            _exit(4);
-        syslog_capture::Clear();
-        std::string report = save() ? "true" : "false";
-        for (const std::string& text : syslog_capture::Texts())
-            report += "|" + text;
-        _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
-    }
-    close(out[1]);
-    std::string report;
-    char buffer[256];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
-        report.append(buffer, size_t(n));
-    close(out[0]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";
 }
 
 TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoStrayFile) {
