@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "RecordingHost.h"
 #include "SyslogCapture.h"
 #include "common/VNTrace.h"
@@ -74,14 +75,8 @@ Shown ShownBy(XmlUINotice& notice) {
 class PresentationPages : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        savedMask_ = g_Trace.GetLevelMask();
-        g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_API));
-        syslog_capture::Clear();
         ASSERT_EQ(plugin_.Initialize(&context_, 3, &host_, &host_), 0);
     }
-    void TearDown() override { g_Trace.SetLevelMask(savedMask_); }
     // The plug-in's own trace lines and the API requests it made, in order.
     std::vector<std::string> TakeLines() {
         std::vector<std::string> lines;
@@ -96,7 +91,7 @@ class PresentationPages : public ::testing::Test {
         CVantoriaStatus status(code);
         return plugin_.OnStatus(&status);
     }
-    uint32_t savedMask_ = 0;
+    ApiTraceOn trace_;  // constructed before SetUp runs
     std::vector<std::string> TakeNotices() {
         std::vector<std::string> taken = host_.Notices();
         std::lock_guard<std::mutex> lock(host_.mutex);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "RecordingHost.h"
 #include "SyslogCapture.h"
 #include "api/VantoriaResultObjects.h"
@@ -22,14 +23,6 @@ const std::string kPrefix = "CVantoriaPresentationPlugin : ";
 
 class PresentationLife : public ::testing::Test {
   protected:
-    void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        savedMask_ = g_Trace.GetLevelMask();
-        g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_API));
-        syslog_capture::Clear();
-    }
-    void TearDown() override { g_Trace.SetLevelMask(savedMask_); }
     std::string Text(int32_t (CVantoriaPresentationPlugin::*get)(char*, uint32_t&)) {
         uint32_t size = 0;
         if ((plugin_.*get)(nullptr, size) != -3)
@@ -41,7 +34,7 @@ class PresentationLife : public ::testing::Test {
     RecordingHost host_;
     int context_ = 0;
     CVantoriaPresentationPlugin plugin_;
-    uint32_t savedMask_ = 0;
+    ApiTraceOn trace_;  // constructed before SetUp runs
 };
 
 TEST_F(PresentationLife, ResultCodesAndTraceLinesThroughTheWholeLife) {
