@@ -65,11 +65,13 @@ class FdSocket : public CDnVSocket {
         std::lock_guard<std::mutex> guard(m_Mutex);
         return m_Receives;
     }
-    // Waits until at least `count` receives have begun, or `stop` is set; false on time-out.
+    // Waits until at least `count` receives have begun: false when `stop` is set first or on a
+    // time-out.
     bool WaitReceives(int count, const bool& stop) {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(10),
-                                  [&] { return m_Receives >= count || stop; });
+        m_Changed.wait_for(lock, std::chrono::seconds(10),
+                           [&] { return m_Receives >= count || stop; });
+        return m_Receives >= count && !stop;
     }
     void Release(bool& stop) {
         {
@@ -163,13 +165,13 @@ TEST_F(VSocket, ReceiveLineOverSplitReadsLongLinesAndCloseMidLine) {
         Pair pair;
         bool stop = false;
         std::thread writer([&] {
-            for (size_t i = 0; i < c.chunks.size(); ++i) {
-                if (!pair.socket->WaitReceives(static_cast<int>(i) + 1, stop) || stop)
-                    return;
-                pair.Write(c.chunks[i]);
-            }
-            if (pair.socket->WaitReceives(static_cast<int>(c.chunks.size()) + 1, stop))
-                shutdown(pair.peer, SHUT_WR);
+            size_t i = 0;
+            while (i < c.chunks.size() && pair.socket->WaitReceives(static_cast<int>(i) + 1, stop))
+                pair.Write(c.chunks[i++]);
+            // The close follows the next receive. A writer that gave up closes all the same, so
+            // that a reader waiting for more fails instead of hanging.
+            pair.socket->WaitReceives(static_cast<int>(c.chunks.size()) + 1, stop);
+            shutdown(pair.peer, SHUT_WR);
         });
         for (const auto& expected : c.lines) {
             std::string line = "stale";
@@ -200,6 +202,7 @@ TEST_F(VSocket, PeekLineKeepsTheLineTimesOutWithBridgeLineAndFlushesIntoSecondSo
         Pair pair;
         const std::string header = "CONNECT host:443 HTTP/1.1\r\nHost: x\r\n\r\n";
         pair.Write(header + "body");
+        shutdown(pair.peer, SHUT_WR);  // a read past the end fails instead of waiting
         EXPECT_EQ(pair.socket->PeekLine(8, 1000, nullptr), "CONNECT host:443 HTTP/1.1\r\n");
         EXPECT_EQ(pair.socket->PeekLine(8, 1000, nullptr), "CONNECT host:443 HTTP/1.1\r\n");
         EXPECT_EQ(pair.socket->BytesAvailable(), 32);
@@ -226,6 +229,7 @@ TEST_F(VSocket, PeekLineKeepsTheLineTimesOutWithBridgeLineAndFlushesIntoSecondSo
         // A set cancel flag ends the peek with what is held, without reading.
         const char cancel = 1;
         pair.Write("more\n");
+        shutdown(pair.peer, SHUT_WR);
         EXPECT_EQ(pair.socket->PeekLine(1024, 5000, &cancel), "GET /partial");
         EXPECT_EQ(pair.socket->PeekLine(0, 5000, nullptr), "");
         EXPECT_EQ(syslog_capture::Count("Socket : Bad parameter size = 0\n"), 1u);
@@ -236,6 +240,7 @@ TEST_F(VSocket, PeekLineKeepsTheLineTimesOutWithBridgeLineAndFlushesIntoSecondSo
         Pair client, upstream;
         const std::string request = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
         client.Write(request);
+        shutdown(client.peer, SHUT_WR);
         EXPECT_EQ(client.socket->PeekLine(1024, 1000, nullptr), "GET / HTTP/1.1\r\n");
         EXPECT_EQ(client.socket->FlushBuffer(upstream.socket.get(), 0, 0),
                   static_cast<int32_t>(request.size()));
@@ -280,6 +285,7 @@ TEST_F(VSocket, ReadHeaderStopsAtTheFirstEmptyLine) {
     EXPECT_FALSE(pair.socket->PushBack("x", 0));
     EXPECT_TRUE(pair.socket->PushBack("H: v\r", 5));
     pair.Write("\n\r\nrest");
+    shutdown(pair.peer, SHUT_WR);
     std::string header;
     EXPECT_EQ(pair.socket->ReadHeader(header), 0);
     EXPECT_EQ(header, "H: v\r\n\r\n");
