@@ -150,14 +150,15 @@ int32_t COpenSSLCrypt::VerifyTrustBundle(const char* bundlePath, const char* roo
     ERR_clear_error();
     BIO_puts(objects.rootText, rootText.c_str());
     objects.root = PEM_read_bio_X509(objects.rootText, nullptr, nullptr, nullptr);
+    const bool rootRead = objects.root != nullptr;
     const int reencoded = i2d_PKCS7_bio(objects.bundle, objects.outer);
-    if (objects.stack != nullptr && objects.root != nullptr &&
-        sk_X509_push(objects.stack, objects.root) > 0)
+    if (objects.stack != nullptr && rootRead && sk_X509_push(objects.stack, objects.root) > 0)
         objects.root = nullptr;  // the stack owns it now
     const unsigned long queued = ERR_get_error();
-    // A null certificate never goes on to the verification, even with no error queued.
-    if (reencoded != 1 || queued != 0 || objects.root != nullptr ||
-        sk_X509_num(objects.stack) != 1) {
+    // A certificate that didn't read never goes on to the verification, even with no error
+    // queued; a missing stack is reported by the next step.
+    if (reencoded != 1 || queued != 0 || !rootRead ||
+        (objects.stack != nullptr && objects.root != nullptr)) {
         const QueuedError error(queued);
         VNTRACE(TL_ERR, "OpenSSLCrypt: Conversion from (pem to bio)/(pkcs7 to bio) failed %s %lu",
                 error.reason, error.code);
