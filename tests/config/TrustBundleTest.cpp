@@ -270,6 +270,7 @@ TEST_F(OpenSSLToolTest, KeysRoundTripWithTheTool) {
                                       RSA_PKCS1_OAEP_PADDING, &out, false, false),
               -1);
     EXPECT_EQ(out, nullptr);
+    RSA_free(built);
     EXPECT_EQ(COpenSSLCrypt::CreateRSAKey("zz", "010001", &built), 3);
     EXPECT_EQ(built, nullptr);
     ASSERT_EQ(ErrTexts().size(), 2u);
@@ -313,9 +314,12 @@ TEST_F(OpenSSLToolTest, KeysRoundTripWithTheTool) {
     ASSERT_EQ(COpenSSLCrypt::GetPublicKeyFromCertificate(Bytes(Path("ca.pem")), &fromCertificate),
               0);
     EXPECT_EQ(EVP_PKEY_eq(fromCertificate, caKey), 1);
+    EVP_PKEY_free(fromCertificate);
     EXPECT_EQ(COpenSSLCrypt::GetPublicKeyFromCertificate("no pem", &fromCertificate), -1);
     EXPECT_EQ(config_test::Logged("Error reading the certificate"), 1u);
-    EXPECT_EQ(COpenSSLCrypt::ReadPublicKey(Path("none.pem").c_str(), &publicKey), -3);
+    EVP_PKEY* none = nullptr;
+    EXPECT_EQ(COpenSSLCrypt::ReadPublicKey(Path("none.pem").c_str(), &none), -3);
+    EXPECT_EQ(none, nullptr);
 
     // Session data: a DES key with odd parity; triple DES that the tool deciphers.
     unsigned char* desKey = nullptr;
@@ -343,7 +347,6 @@ TEST_F(OpenSSLToolTest, KeysRoundTripWithTheTool) {
 
     RSA_free(rsaPrivate);
     RSA_free(rsaPublic);
-    RSA_free(built);
     DSA_free(dsa);
     EVP_PKEY_free(privateKey);
     EVP_PKEY_free(publicKey);
