@@ -7,6 +7,8 @@
 # runs in the plain leg and, with the sanitized tideway-host and module, in the ASan+UBSan leg.
 # The ThreadSanitizer leg runs only the suites labelled "threads"; the browser test is not one:
 # most of its time goes to Chromium and Node, which TSan cannot see into.
+# The system-log test (CTest host_syslog: a conversation's records in a scratch rsyslogd, in a
+# private mount namespace) runs in the plain leg only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)

@@ -9,6 +9,7 @@
 #include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
+#include <syslog.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -59,7 +60,8 @@ void PrintUsage(const char* program) {
         "    on the signal it stops, shuts down and disposes of the plug-in,\n"
         "  - unloads the module (not with --keep-loaded, which leak checkers need to see\n"
         "    the module's memory at exit).\n"
-        "The module's diagnostics go to the system log.\n"
+        "The module's diagnostics go to the system log, under this program's identity\n"
+        "(tideway-host[PID], facility user).\n"
         "\n"
         "MODULE defaults to the module built with this program:\n"
         "  %s\n"
@@ -331,5 +333,13 @@ int main(int argc, char** argv) {
     }
     if (web.cataloguePath.empty())
         web.cataloguePath = DefaultCataloguePath();
+    // The module writes to the system log through the process's connection and, as long as
+    // nothing fails badly, leaves its identity to the host; so the host names itself before
+    // loading the module, and every record of the module carries "tideway-host[PID]".
+    // LOG_PID tells two hosts apart and ties a record to its process; facility user because
+    // this is a desktop application (and the facility the records had without openlog, so they
+    // stay in user.log); no LOG_CONS, since a desktop program has no business writing on the
+    // system console.
+    openlog("tideway-host", LOG_PID, LOG_USER);
     return Run(modulePath, face, web, keepLoaded);
 }
