@@ -39,14 +39,14 @@ thread_local CCommThreadGate* t_pCurrentGate = nullptr;
 // CCommThreadGate
 
 void CCommThreadGate::ThreadMade() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CLockGuard lock(m_Mutex);
     ++m_Running;
 }
 
 void CCommThreadGate::ThreadEnded() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CLockGuard lock(m_Mutex);
     if (--m_Running == 0)
-        m_Idle.notify_all();
+        m_Idle.NotifyAll();
 }
 
 void CCommThreadGate::LeaveForCallback() {
@@ -54,7 +54,7 @@ void CCommThreadGate::LeaveForCallback() {
 }
 
 bool CCommThreadGate::ReturnFromCallback() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    CLockGuard lock(m_Mutex);
     if (m_bClosed)
         return false;
     ++m_Running;
@@ -62,9 +62,10 @@ bool CCommThreadGate::ReturnFromCallback() {
 }
 
 void CCommThreadGate::Close() {
-    std::unique_lock<std::mutex> lock(m_Mutex);
+    CLockGuard lock(m_Mutex);
     m_bClosed = true;
-    m_Idle.wait(lock, [this] { return m_Running == 0; });
+    while (m_Running != 0)
+        m_Idle.Wait(m_Mutex);
 }
 
 CCommThreadGate* CCommThreadGate::Current() {

@@ -93,10 +93,10 @@ class CCommThreadGate {
     static void SetCurrent(CCommThreadGate* gate);
 
   private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Idle;
-    int m_Running = 0;  // guarded by m_Mutex
-    bool m_bClosed = false;
+    CMutex m_Mutex;
+    CCondition m_Idle;
+    int m_Running GUARDED_BY(m_Mutex) = 0;
+    bool m_bClosed GUARDED_BY(m_Mutex) = false;
 };
 
 // Calls `call` (a host callback through g_pVantoriaApi) as a way out of the communicator: on one
