@@ -16,7 +16,16 @@ jobs=${JOBS:-$(nproc)}
 
 "$root/scripts/install-deps.sh"
 
-step() { printf '\n=== %s ===\n' "$*"; }
+# Each step's wall time is printed when the next begins, and all of them at the end.
+started=$SECONDS; stage=""; stage_start=$SECONDS; timings=()
+close_stage() {
+  if [ -n "$stage" ]; then timings+=("$(printf '%5ds  %s' $((SECONDS - stage_start)) "$stage")"); fi
+}
+step() {
+  close_stage
+  stage="$*"; stage_start=$SECONDS
+  printf '\n=== %s ===\n' "$*"
+}
 
 step "plain build"
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -31,7 +40,8 @@ step "clang thread-safety analysis (lock annotations)"
 cmake -S "$root" -B "$root/build-tsa" -DCMAKE_BUILD_TYPE=Debug \
       -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_C_COMPILER=clang-14 \
       -DTIDEWAY_THREAD_SAFETY=ON -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
-cmake --build "$root/build-tsa" -j"$jobs"
+# The product's code (module, IPC library, tools); the tests are not part of the analysis.
+cmake --build "$root/build-tsa" -j"$jobs" --target tidewayapi tideway-host tideway-agent-sim tideway-obfuscate
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S "$root" -B "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug \
@@ -44,7 +54,8 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 step "ThreadSanitizer (threaded suites)"
 cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Debug \
       -DTIDEWAY_SANITIZE=thread -DTIDEWAY_BUILD_BENCH=OFF >/dev/null
-cmake --build "$root/build-tsan" -j"$jobs"
+# Only what the suites labelled "threads" run.
+cmake --build "$root/build-tsan" -j"$jobs" --target tideway_thread_tests
 TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/tsan.supp" \
   ctest --test-dir "$root/build-tsan" --output-on-failure -j"$jobs" -L threads
 
@@ -53,4 +64,8 @@ if [ -x "$root/scripts/fuzz-smoke.sh" ]; then
   "$root/scripts/fuzz-smoke.sh"
 fi
 
+close_stage; stage=""
+printf '\n=== time by step ===\n'
+printf '%s\n' "${timings[@]}"
+printf '%5ds  total, from the end of the package installation\n' $((SECONDS - started))
 step "all tests passed"
