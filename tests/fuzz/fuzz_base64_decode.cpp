@@ -1,15 +1,5 @@
-// Drives Base64Decode with arbitrary text, and Base64Encode with arbitrary bytes. Checked: a
-// decoding is never longer than its text allows and encodes back to text that decodes to the
-// same bytes; any bytes encode, and their text decodes back to them exactly.
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
-
-#include <string>
-
+// Base64Decode fed arbitrary text, Base64Encode the same bytes; both must round-trip.
 #include "FuzzSupport.h"
-#include "common/OpenSSLCrypt.h"
-#include "common/VNTrace.h"
 
 namespace {
 
@@ -38,20 +28,12 @@ std::string Encode(const std::string& bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = (g_Trace.SetLevelMask(0), true);
-    (void)quiet;
-    const std::string input(reinterpret_cast<const char*>(data), size);
-
-    std::string bytes;
-    if (Decode(input, bytes)) {
-        std::string again;
-        FUZZ_CHECK(Decode(Encode(bytes), again));
-        FUZZ_CHECK(again == bytes);
-    }
-    if (!input.empty()) {
-        std::string back;
-        FUZZ_CHECK(Decode(Encode(input), back));
-        FUZZ_CHECK(back == input);
-    }
+    QuietTrace();
+    const std::string input = AsText(data, size);
+    std::string bytes, again, back;
+    if (Decode(input, bytes))
+        FUZZ_CHECK(Decode(Encode(bytes), again) && again == bytes);
+    if (!input.empty())
+        FUZZ_CHECK(Decode(Encode(input), back) && back == input);
     return 0;
 }

@@ -1,41 +1,26 @@
-// Drives the IPC frame decoder with an arbitrary byte stream cut into arbitrary pieces, and
-// checks every delivered frame against a one-pass reference decoding of the whole stream: same
-// frames, same order, nothing partial, nothing after an oversize header, a bounded buffer.
-//
-// Input: [mode][count][count chunk sizes][stream...]. Mode bit 0: a 64-byte frame limit (reaches
-// the oversize path) instead of 1 MiB; bits 1-3: the decoder's first buffer size; bits 4-7: the
-// sink stops after every n-th frame (0: never) and parsing resumes, which must lose and repeat
-// nothing.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <algorithm>
-#include <vector>
-
+// The IPC frame decoder fed a byte stream in arbitrary pieces, checked against a reference
+// decoding. Input: [mode][count][count chunk sizes][stream]; mode bit 0: a 64-byte frame limit,
+// bits 1-3: the first buffer size, bits 4-7: the sink stops after every n-th frame (0: never).
 #include "FrameDecoder.h"
 #include "ipc/IPCTypes.h"
+
+#include "FuzzSupport.h"
 
 namespace {
 
 using Result = ipc::CFrameDecoder::Result;
 
-struct Span {
-    size_t offset;
-    uint32_t length;
-};
+using Span = std::pair<size_t, uint32_t>;  // a frame's offset in the stream, and its length
 
 // Aborts on a frame never sent whole, or with wrong bytes, length or order.
 struct CheckingSink final : ipc::IFrameSink {
     CheckingSink(const uint8_t* s, const std::vector<Span>& e, unsigned n)
         : stream(s), expected(e), stopEvery(n) {}
     bool OnFrame(uint8_t* data, uint32_t length) override {
-        if (next >= expected.size())
-            abort();
+        FUZZ_CHECK(next < expected.size());
         const Span& want = expected[next++];
-        if (want.length != length || (length > 0 && memcmp(data, stream + want.offset, length)))
-            abort();
+        FUZZ_CHECK(want.second == length &&
+                   (!length || !memcmp(data, stream + want.first, length)));
         return stopEvery == 0 || next % stopEvery != 0;
     }
     const uint8_t* stream;
@@ -57,12 +42,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t* stream = chunks + chunkCount;
     const size_t streamSize = size - 2 - chunkCount;
 
-    // Reference: the whole frames in order, and whether a header announces more than the limit.
+    // Reference: the whole frames in order, and whether a header exceeds the limit.
     std::vector<Span> expected;
     bool oversize = false;
     for (size_t at = 0; streamSize - at >= 4;) {
-        const uint32_t length = stream[at] | (stream[at + 1] << 8) | (stream[at + 2] << 16) |
-                                (static_cast<uint32_t>(stream[at + 3]) << 24);
+        const uint32_t length = ReadLE32(stream + at);
         if ((oversize = length > limit) || streamSize - at - 4 < length)
             break;
         expected.push_back({at + 4, length});
@@ -76,8 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Result result = Result::kNeedMore;
     for (size_t at = 0, piece = 0; at < streamSize && result != Result::kOversize;) {
         uint8_t* space = decoder.WritableData(&capacity);
-        if (space == nullptr || capacity == 0)
-            abort();  // a healthy decoder always takes bytes
+        FUZZ_CHECK(space != nullptr && capacity > 0);  // a healthy decoder always takes bytes
         // Pieces of 1 to 256 bytes by the chunk table, or as large as the space without one.
         const size_t want = chunkCount > 0 ? size_t{chunks[piece++ % chunkCount]} + 1 : capacity;
         const size_t n = std::min({want, capacity, streamSize - at});
@@ -86,11 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += n;
         while ((result = decoder.Parse(sink)) == Result::kStopped) {
         }
-        if (decoder.BufferCapacity() > bufferLimit)
-            abort();
+        FUZZ_CHECK(decoder.BufferCapacity() <= bufferLimit);
     }
-    if (sink.next != expected.size() || (result == Result::kOversize) != oversize)
-        abort();  // a whole frame went missing, or the oversize header was missed
+    // No whole frame missing, no oversize header missed.
+    FUZZ_CHECK(sink.next == expected.size() && (result == Result::kOversize) == oversize);
     // After an oversize header the stream stays unusable: nothing more is parsed or read.
     if (result == Result::kOversize &&
         (decoder.Parse(sink) != Result::kOversize || decoder.WritableData(&capacity) != nullptr ||

@@ -1,27 +1,10 @@
-// Drives the UI document layer with arbitrary text (the input up to its first NUL, as the host's
-// texts end there), and checks it against rapidxml used directly:
-// - the depth scan agrees with rapidxml: within the depth limit it calls a text malformed exactly
-//   when rapidxml throws, and beyond it the event is refused; a refused text leaves no document;
-// - an event is valid exactly when the first top-level "brguiEvent" has a non-empty "id", and its
-//   controls are exactly the elements with a non-empty "id" below it;
-// - a valid event whose root is the first element, printed and parsed again, has the same id and
-//   controls (unless the print holds a NUL from a "&#0;" reference);
-// - a notice parsed from the text indexes control names only;
-// - the text as a tag, an attribute value and an element text of a built notice comes back
-//   unchanged after printing and parsing (element text only when it is not all blanks, since
-//   rapidxml makes no text node of blanks alone).
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
-
+// Arbitrary text (up to its first NUL) through the UI event and notice layer, with rapidxml used
+// directly as the reference.
 #include <map>
-#include <string>
-#include <vector>
 
 #include <rapidxml/rapidxml.hpp>
 
 #include "FuzzSupport.h"
-#include "common/VNTrace.h"
 #include "presentation/UiVocabulary.h"
 #include "presentation/XmlUIEvent.h"
 #include "presentation/XmlUINotice.h"
@@ -31,15 +14,13 @@ namespace {
 using Element = rapidxml::xml_node<char>;
 using Index = std::map<std::string, int32_t>;
 
-// Ids below `node` (included) as the event indexes them; rapidxml's own tree, walked
-// recursively (the scan keeps it within 256 levels).
+// Ids below `node` (included) as the event indexes them (the scan keeps the depth within 256).
 void ReferenceIndex(const Element* node, Index& index) {
     if (node->type() == rapidxml::node_element) {
         const rapidxml::xml_attribute<char>* id = node->first_attribute("id");
-        if (id != nullptr && id->value_size() > 0) {
+        if (id != nullptr && id->value_size() > 0)
             index[std::string(id->value(), id->value_size())] =
                 g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
-        }
     }
     for (const Element* child = node->first_node(); child != nullptr; child = child->next_sibling())
         ReferenceIndex(child, index);
@@ -57,8 +38,7 @@ Index IndexOf(const XmlControlMap& controls) {
 bool ReferenceParse(const std::string& text, std::string& id, Index& index) {
     static rapidxml::xml_document<char>* document = new rapidxml::xml_document<char>();
     document->clear();
-    std::vector<char> buffer(text.begin(), text.end());
-    buffer.push_back('\0');
+    std::vector<char> buffer(text.c_str(), text.c_str() + text.size() + 1);
     try {
         document->parse<0>(buffer.data());
     } catch (const rapidxml::parse_error&) {
@@ -87,12 +67,9 @@ void CheckEvent(const std::string& text) {
     std::string id;
     Index index;
     const bool parsed = ReferenceParse(text, id, index);
-    FUZZ_CHECK(parsed == (depth >= 0));
-    if (!parsed)
-        FUZZ_CHECK(event.ToString().empty());
-    FUZZ_CHECK(event.valid == !id.empty());
-    FUZZ_CHECK(event.GetId() == id);
-    FUZZ_CHECK(IndexOf(event.controls) == index);
+    FUZZ_CHECK(parsed == (depth >= 0) && (parsed || event.ToString().empty()));
+    FUZZ_CHECK(event.valid == !id.empty() && event.GetId() == id &&
+               IndexOf(event.controls) == index);
     if (!event.valid)
         return;
     for (const auto& entry : event.controls) {
@@ -109,8 +86,7 @@ void CheckEvent(const std::string& text) {
 
 void CheckNotice(const std::string& text) {
     XmlUINotice parsed(text.c_str());
-    if (parsed.valid)
-        FUZZ_CHECK(parsed.type >= kNoticeSetup && parsed.type < kNoticeUnknown);
+    FUZZ_CHECK(!parsed.valid || (parsed.type >= kNoticeSetup && parsed.type < kNoticeUnknown));
     for (const auto& entry : parsed.controls)
         FUZZ_CHECK(entry.second.type != kCtrlUnknown);
 
@@ -119,9 +95,8 @@ void CheckNotice(const std::string& text) {
     built.CreateNode(kUiLog).SetValue(text.c_str());
     const std::string printed = built.ToString();
     XmlUINotice back(printed.c_str());
-    FUZZ_CHECK(back.valid && back.type == kNoticeUpdate);
-    FUZZ_CHECK(back.root.GetAttribute(kUiTag) == text);
-    FUZZ_CHECK(back.GetControl(kCtrlLabel, "v").GetAttribute(kUiValue) == text);
+    FUZZ_CHECK(back.valid && back.type == kNoticeUpdate && back.root.GetAttribute(kUiTag) == text &&
+               back.GetControl(kCtrlLabel, "v").GetAttribute(kUiValue) == text);
     if (text.find_first_not_of(" \t\r\n") != std::string::npos)
         FUZZ_CHECK(back.root.FirstChild(kUiLog).GetValue() == text);
 }
@@ -130,8 +105,7 @@ void CheckNotice(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g_Trace.SetLevelMask(0);
-    const std::string text(reinterpret_cast<const char*>(data),
-                           strnlen(reinterpret_cast<const char*>(data), size));
+    const std::string text = AsText(data, strnlen(reinterpret_cast<const char*>(data), size));
     CheckEvent(text);
     CheckNotice(text);
     return 0;
