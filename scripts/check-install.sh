@@ -102,7 +102,11 @@ done
 "$prefix/bin/tideway-host" > "$work/host-check.out"
 grep -qxF "Loaded $prefix/bin/../${module#"$prefix/"}" "$work/host-check.out" ||
   fail "the installed tideway-host did not load the installed module: $(head -n1 "$work/host-check.out")"
-"$prefix/bin/tideway-host" --help | grep -q "${module#"$prefix/"}"
+# Its catalogue too: the setup notice carries the catalogue's texts.
+"$prefix/bin/tideway-host" --presentation < /dev/null > "$work/host-presentation.out" 2>&1 ||
+  { cat "$work/host-presentation.out"; fail "the installed tideway-host --presentation failed"; }
+grep -q '<label id="simple_tile_label" value="Tideway:"/>' "$work/host-presentation.out" ||
+  fail "the installed tideway-host did not translate with the installed catalogue"
 
 step "a host built outside the tree with pkg-config, against the installation"
 build_host "$work/host"
