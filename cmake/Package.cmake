@@ -12,9 +12,10 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES TRUE)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "tideway developers <tideway-dev@localhost>")
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
-# The Debian 12 packages of every shared library that the module and the tools load (ldd of the
-# installed files; scripts/check-install.sh checks that none is missing). rapidxml is headers
-# only; the minimum versions are those of Debian 12, where the package is built.
+# The Debian 12 packages of the shared libraries that the module and the tools link, and no
+# others (scripts/check-install.sh compares this list with their NEEDED entries). rapidxml is
+# headers only. The minimum versions follow the newest symbol versions the binaries use:
+# GLIBC_2.34, GLIBCXX_3.4.30 (g++ 12), OPENSSL_3.0.0.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
     "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 12), libssl3 (>= 3.0.0), \
 libboost-thread1.74.0, libboost-filesystem1.74.0, libboost-chrono1.74.0")
