@@ -35,6 +35,25 @@ if(NOT tideway_phrase_hex MATCHES "^([2-6][0-9a-f]|7[0-9a-e])+$")
       "character that is not printable ASCII")
 endif()
 
+# The development phrase is public, so a build that carries it must never ship: configuring with
+# it says so loudly, and cmake/Package.cmake refuses to package such a build. The phrase is
+# compared, not the file name, so a copy of the development file counts as well.
+file(READ "${PROJECT_SOURCE_DIR}/cmake/dev-passphrase.txt" tideway_dev_phrase_hex HEX)
+string(TOLOWER "${tideway_dev_phrase_hex}" tideway_dev_phrase_hex)
+string(REGEX REPLACE "(0d)?0a$" "" tideway_dev_phrase_hex "${tideway_dev_phrase_hex}")
+if(tideway_phrase_hex STREQUAL tideway_dev_phrase_hex)
+  set_property(GLOBAL PROPERTY TIDEWAY_DEVELOPMENT_PASSPHRASE TRUE)
+  # Indented lines reach the terminal as they stand.
+  message(WARNING
+      " ******************************************************************************\n"
+      "  THIS BUILD USES THE DEVELOPMENT PASS PHRASE (cmake/dev-passphrase.txt).\n"
+      "  It is public: such a build is for development and tests only, and cannot be\n"
+      "  packaged. A release names the real phrase: -DTIDEWAY_PASSPHRASE_FILE=<file>.\n"
+      " ******************************************************************************")
+else()
+  set_property(GLOBAL PROPERTY TIDEWAY_DEVELOPMENT_PASSPHRASE FALSE)
+endif()
+
 # Sixteen bytes a line keeps the generated header readable.
 set(tideway_phrase_bytes "")
 foreach(offset RANGE 0 511 32)

@@ -36,6 +36,12 @@ echo "the browser test's screenshot: $root/build/tests/browser/web-host.png"
 step "exported symbols of libtidewayapi.so"
 "$root/scripts/check-exports.sh" "$root/build/src/libtidewayapi.so"
 
+# Installs the plain build and builds the Debian package (in build-package/, with a scratch
+# pass phrase), and runs a host compiled outside the tree against each; see the script.
+step "install, package, and a host built outside the tree"
+. "$root/scripts/lib/port-lock.sh"
+with_port_lock "$root/scripts/check-install.sh" "$root/build"
+
 step "clang thread-safety analysis (lock annotations)"
 cmake -S "$root" -B "$root/build-tsa" -DCMAKE_BUILD_TYPE=Debug \
       -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_C_COMPILER=clang-14 \

@@ -184,8 +184,17 @@ std::string ProgramDirectory() {
     return slash == std::string::npos ? std::string(".") : self.substr(0, slash);
 }
 
+std::string DataPath(const std::string& name) {
+    const std::string beside = ProgramDirectory() + "/" + name;
+    if (access(beside.c_str(), F_OK) == 0)
+        return beside;
+    const std::string installed =
+        ProgramDirectory() + "/" + TIDEWAY_INSTALLED_DATA_DIR + "/" + name;
+    return access(installed.c_str(), F_OK) == 0 ? installed : beside;
+}
+
 std::string DefaultCataloguePath() {
-    return ProgramDirectory() + "/tideway-host.catalogue";
+    return DataPath("tideway-host.catalogue");
 }
 
 bool RunPresentation(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,

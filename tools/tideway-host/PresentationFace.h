@@ -18,7 +18,11 @@ bool RunPresentation(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
 // The folder of the running executable ("." when it cannot be found).
 std::string ProgramDirectory();
 
-// The catalogue installed beside the running executable.
+// `name` beside the running executable (in the build tree), else in the installed data folder
+// (share/tideway/ under the prefix) when it is there, else beside the executable.
+std::string DataPath(const std::string& name);
+
+// The catalogue: DataPath("tideway-host.catalogue").
 std::string DefaultCataloguePath();
 
 #endif  // TIDEWAY_TOOLS_TIDEWAY_HOST_PRESENTATIONFACE_H_

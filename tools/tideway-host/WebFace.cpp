@@ -161,7 +161,7 @@ bool RunWeb(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
     WebServerOptions serverOptions;
     serverOptions.address = options.address;
     serverOptions.port = options.port;
-    serverOptions.webRoot = options.webRoot.empty() ? ProgramDirectory() + "/web" : options.webRoot;
+    serverOptions.webRoot = options.webRoot.empty() ? DataPath("web") : options.webRoot;
     serverOptions.agentControl = control != nullptr;
     serverOptions.agentLog = !options.agentLog.empty();
     WebServer::ControlHandler onControl;

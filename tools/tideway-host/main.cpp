@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -29,6 +30,13 @@ namespace {
 using GetAvailableInterfacesFn = PluginInterfaceList (*)();
 
 enum class Face { kCheck, kApi, kPresentation, kWeb };
+
+// The module installed with this program (bin/../lib/<multiarch>/) when there is one, else the
+// module built with it.
+std::string DefaultModulePath() {
+    const std::string installed = ProgramDirectory() + "/" + TIDEWAY_INSTALLED_MODULE_PATH;
+    return access(installed.c_str(), F_OK) == 0 ? installed : TIDEWAY_DEFAULT_MODULE_PATH;
+}
 
 void PrintUsage(const char* program) {
     printf(
@@ -63,12 +71,12 @@ void PrintUsage(const char* program) {
         "The module's diagnostics go to the system log, under this program's identity\n"
         "(tideway-host[PID], facility user).\n"
         "\n"
-        "MODULE defaults to the module built with this program:\n"
+        "MODULE defaults to the module installed or built with this program:\n"
         "  %s\n"
         "\n"
         "Exit status: 0 when the module behaved as expected, 1 when it did not or could\n"
         "not be loaded, 2 for a usage error.\n",
-        program, program, TIDEWAY_DEFAULT_MODULE_PATH);
+        program, program, DefaultModulePath().c_str());
 }
 
 // Looks up one exported function; reports a missing one.
@@ -286,7 +294,7 @@ int Run(const std::string& modulePath, Face face, const WebFaceOptions& web, boo
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string modulePath = TIDEWAY_DEFAULT_MODULE_PATH;
+    std::string modulePath = DefaultModulePath();
     Face face = Face::kCheck;
     WebFaceOptions web;
     bool keepLoaded = false;
