@@ -15,6 +15,9 @@ root=$(pwd)
 jobs=${JOBS:-$(nproc)}
 
 "$root/scripts/install-deps.sh"
+# The suites that start a simulator on the product's IPC port hold its lock (with_port_lock), so
+# that this script can run beside another user of the port on the same machine.
+. "$root/scripts/lib/port-lock.sh"
 
 # Each step's wall time is printed when the next begins, and all of them at the end.
 started=$SECONDS; stage=""; stage_start=$SECONDS; timings=()
@@ -30,7 +33,7 @@ step() {
 step "plain build"
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" -j"$jobs"
-ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
+with_port_lock ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
 echo "the browser test's screenshot: $root/build/tests/browser/web-host.png"
 
 step "exported symbols of libtidewayapi.so"
@@ -39,7 +42,6 @@ step "exported symbols of libtidewayapi.so"
 # Installs the plain build and builds the Debian package (in build-package/, with a scratch
 # pass phrase), and runs a host compiled outside the tree against each; see the script.
 step "install, package, and a host built outside the tree"
-. "$root/scripts/lib/port-lock.sh"
 with_port_lock "$root/scripts/check-install.sh" "$root/build"
 
 step "clang thread-safety analysis (lock annotations)"
@@ -55,7 +57,7 @@ cmake -S "$root" -B "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug \
 cmake --build "$root/build-asan" -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   LSAN_OPTIONS=suppressions="$root/tests/lsan.supp" \
-  ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs"
+  with_port_lock ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs"
 
 step "ThreadSanitizer (threaded suites)"
 cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Debug \
