@@ -18,8 +18,7 @@ using config_test::ChainRoot;
 using config_test::LoadParameters;
 
 TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
-    ChainRoot root;
-    // The parser trims element text only outside CDATA, so those reach the map untrimmed.
+    ChainRoot root;  // the parser trims text only outside CDATA: those reach the map untrimmed
     auto config = LoadParameters(root,
                                  "<ipc_port>70000</ipc_port><ipc_port>1234</ipc_port>"
                                  "<max_connections><![CDATA[ \t 42 \r\n]]></max_connections>"
@@ -97,12 +96,11 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     const auto dct = config->GetDctSettings();
     EXPECT_EQ(dct.size(), 2u);
     EXPECT_EQ(dct.at("Mode"), "auto");  // the first of the two wins
-    const auto values = config->GetValues();
-    EXPECT_EQ(
-        values.count("TrustedNetworkDetection") + values.count("Address") + values.count("Towers"),
-        0u);
-    ASSERT_EQ(values.count("Logging"), 1u);  // complex children stand with an empty text
-    EXPECT_EQ(values.at("Logging"), "");
+    auto values = config->GetValues();  // complex children stand with an empty text
+    EXPECT_EQ(values.count("TrustedNetworkDetection") + values.count("Address") +
+                  values.count("Towers") + values.count("Logging"),
+              1u);
+    EXPECT_EQ(values["Logging"], "");
 
     ConfigParams params;
     params.ipcPort = 99;
@@ -174,13 +172,11 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     EXPECT_EQ(lines, expected);
     EXPECT_EQ(marks, std::vector<int>(expected.size(), 0));
 
-    // The owner of the files sees its own keys as well.
-    CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);
+    CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);  // the owner sees its own keys
     lines.clear();
     ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
     EXPECT_EQ(lines.at(6), "kdf_listen_port = 5001");
     CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
-
     // WARN and ERR are added to a mask without them.
     const struct {
         const char *level, *shown;
@@ -192,9 +188,8 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
         ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
         EXPECT_EQ(lines.at(0), std::string("Logging/debug_level = ") + m.shown) << m.level;
     }
-    CDnConfigFile empty;
     lines.clear();
-    EXPECT_EQ(empty.GetConfigDump(lines, marks), -1);
+    EXPECT_EQ(CDnConfigFile().GetConfigDump(lines, marks), -1);
     EXPECT_TRUE(lines.empty());
 }
 
@@ -214,8 +209,10 @@ TEST(ConfigKeysTest, TunnelTypeAndConnectTimeout) {
     };
     for (const auto& c : cases) {
         auto config = LoadParameters(root, c.params);
-        EXPECT_EQ(config->GetTunnelType(), c.tunnel) << c.params;
-        EXPECT_EQ(config->GetTowerConnectTimeout(), c.timeout) << c.params;
+        EXPECT_EQ(std::to_string(config->GetTunnelType()) + " " +
+                      std::to_string(config->GetTowerConnectTimeout()),
+                  std::to_string(c.tunnel) + " " + std::to_string(c.timeout))
+            << c.params;
     }
 }
 
@@ -236,10 +233,10 @@ std::string Settings(const std::string& logging, const std::string& outside) {
     return text;
 }
 
+// Zero, negative or below the bounds gives the default or the minimum; each field is read on
+// its own, so one profile can hold a case of each.
 TEST(LoggingSettingsTest, ClampsAndDefaults) {
     config_test::InitTrace();
-    // Zero, negative or below the bounds gives the default or the minimum; each field is read
-    // on its own, so one profile can hold a case of each.
     const struct {
         const char *logging, *outside, *expected;
     } cases[] = {
@@ -263,8 +260,7 @@ TEST(LoggingSettingsTest, ClampsAndDefaults) {
     for (const auto& c : cases)
         EXPECT_EQ(Settings(c.logging, c.outside), c.expected) << c.logging << c.outside;
 
-    // A store that never loaded leaves every default standing.
-    CXMLReadWrite unloaded;
+    CXMLReadWrite unloaded;  // a store that never loaded leaves every default standing
     LoggingSettings settings;
     settings.logFileSize = 7;
     ReadLoggingSettings(unloaded, settings);

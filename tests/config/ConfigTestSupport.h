@@ -1,11 +1,11 @@
-// Helpers of the configuration tests: the trace set up so that ERR and WARN lines reach the
-// captured system log, file bytes, obfuscated profiles, and an app-data root with the product's
-// profile folders.
+// Helpers of the configuration tests: the trace, file bytes, obfuscated profiles, shell commands,
+// and an app-data root with the product's profile folders.
 #ifndef TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 #define TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 
 #include <pwd.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -73,6 +73,29 @@ inline std::string Decode(const std::string& path) {
                : "<undecodable>";
 }
 
+// Runs `script` with sh in `dir`: its exit status, and its output and errors in `out` if given.
+inline int Shell(const std::string& dir, const std::string& script, std::string* out = nullptr) {
+    FILE* pipe = popen(("cd '" + dir + "' && (" + script + "\n) 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    std::string text;
+    char buffer[512];
+    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
+        text.append(buffer, n);
+    const int status = pclose(pipe);
+    if (out != nullptr)
+        *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Regular files in `folder`.
+inline size_t FilesIn(const std::string& folder) {
+    size_t n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        n += entry.is_regular_file() ? 1 : 0;
+    return n;
+}
+
 // How many log records say exactly `text`.
 inline size_t Logged(const std::string& text) {
     return syslog_capture::Count(text + "\n");
@@ -91,11 +114,10 @@ class ChainRoot : public TempRoot {
     ~ChainRoot() { CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin); }
 
     std::string Path(const std::string& name) const { return path() + "/" + name; }
-    std::string Current() const { return Path("tarvex/brenlo/tideway/config/Tideway.config"); }
-    std::string Update() const { return Path("tarvex/brenlo/tideway/Tideway_ServiceProfile.wso"); }
-    std::string Backup() const {
-        return Path("tarvex/brenlo/tideway/config/Tideway_config.backup");
-    }
+    std::string Current() const { return Path(kFolder + "config/Tideway.config"); }
+    std::string Update() const { return Path(kFolder + "Tideway_ServiceProfile.wso"); }
+    std::string Backup() const { return Path(kFolder + "config/Tideway_config.backup"); }
+    const std::string kFolder = "tarvex/brenlo/tideway/";
 };
 
 // A configuration object initialised (false, false) from a current file holding `parameters`.

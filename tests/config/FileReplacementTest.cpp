@@ -3,18 +3,10 @@
 // change a file that its writer could not open for writing (checked as `nobody` in a child).
 #include "common/FileReplacement.h"
 
-#include <pwd.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <functional>
 #include <iostream>
-#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -23,15 +15,7 @@
 
 namespace {
 
-using config_test::Bytes;
-using config_test::ChainRoot;
-using config_test::SaveInChild;
-using config_test::Write;
-
-size_t FilesIn(const std::string& folder) {
-    const std::filesystem::directory_iterator files(folder);
-    return static_cast<size_t>(std::distance(begin(files), end(files)));
-}
+using namespace config_test;
 
 TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoStrayFile) {
     TempRoot folder;
@@ -55,12 +39,7 @@ TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoSt
                    replacement.Commit();
         }));
     }
-    {
-        CFileReplacement abandoned(plain);
-        FILE* stream = abandoned.Open();
-        ASSERT_NE(stream, nullptr);
-        fputs("half", stream);
-    }
+    fputs("half", CFileReplacement(plain).Open());  // abandoned
     EXPECT_EQ(Bytes(obfuscated), old);
     EXPECT_EQ(Bytes(plain), old);
     EXPECT_EQ(FilesIn(folder.path()), 2u) << "a temporary file was left behind";
@@ -75,8 +54,8 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     struct stat status;
     ASSERT_EQ(stat(target.c_str(), &status), 0);
     const ino_t before = status.st_ino;
-    config_test::WriteObfuscated(link, "<Tideway/>");
-    EXPECT_EQ(config_test::Decode(target), "OBFUSCATED<Tideway/>");
+    WriteObfuscated(link, "<Tideway/>");
+    EXPECT_EQ(Decode(target), "OBFUSCATED<Tideway/>");
     ASSERT_EQ(lstat(link.c_str(), &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode)) << "the link was replaced by a file";
     ASSERT_EQ(stat(target.c_str(), &status), 0);
@@ -85,15 +64,11 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     EXPECT_EQ(FilesIn(folder.path()), 2u);
 
     // A new file is created; a device is written in place rather than replaced.
-    CFileReplacement fresh(folder.path() + "/new.xml");
+    CFileReplacement fresh(folder.path() + "/new.xml"), device("/dev/null");
     FILE* stream = fresh.Open();
-    ASSERT_NE(stream, nullptr);
-    fputs("<new/>", stream);
-    ASSERT_TRUE(fresh.Commit());
+    ASSERT_TRUE(stream != nullptr && fputs("<new/>", stream) >= 0 && fresh.Commit());
     EXPECT_EQ(Bytes(folder.path() + "/new.xml"), "<new/>");
-    CFileReplacement device("/dev/null");
-    ASSERT_NE(device.Open(), nullptr);
-    EXPECT_TRUE(device.Commit());
+    EXPECT_TRUE(device.Open() != nullptr && device.Commit());
 }
 
 // Gives `path` an access list in the kernel's form: its owner and `user` may write, its group
@@ -115,12 +90,12 @@ bool GiveAccessList(const std::string& path, uid_t user) {
 // so that only the file's own owner and mode stand between another user and the profile.
 struct OpenFolder {
     OpenFolder() : nobody(getpwnam("nobody")) {
-        config = config_test::LoadParameters(root, "<ipc_port>1001</ipc_port>");
+        config = LoadParameters(root, "<ipc_port>1001</ipc_port>");
         original = Bytes(root.Current());
         chmod(root.path().c_str(), 0755);
         chmod(Folder().c_str(), 0777);
         CXMLReadWrite store;
-        store.LoadFromString(config_test::Profile("<ipc_port>1001</ipc_port>"), true);
+        store.LoadFromString(Profile("<ipc_port>1001</ipc_port>"), true);
         store.GetXML(xml);
     }
     std::string Folder() const { return root.Path("tarvex/brenlo/tideway/config"); }
@@ -179,7 +154,7 @@ TEST(FileReplacementTest, ASaveNeverReplacesAFileItsWriterCouldNotOpenForWriting
         else if (row.type == kConfigFilePlainXml)
             EXPECT_EQ(Bytes(path), folder.xml);
         else
-            EXPECT_EQ(config_test::Decode(path), "OBFUSCATED" + folder.xml);
+            EXPECT_EQ(Decode(path), "OBFUSCATED" + folder.xml);
         struct stat status;
         ASSERT_EQ(stat(path.c_str(), &status), 0);
         EXPECT_EQ(status.st_uid, owner);
@@ -213,7 +188,7 @@ TEST(FileReplacementTest, ASaveRemovesWhatAnEarlierSaveOfThatFileLeftBehind) {
     ASSERT_TRUE(folder.config->CommitConfig());
     for (const auto& file : files)
         EXPECT_EQ(Bytes(file.name), file.kept ? "half" : "<absent>") << file.name;
-    EXPECT_EQ(config_test::Decode(path), "OBFUSCATED" + folder.xml);
+    EXPECT_EQ(Decode(path), "OBFUSCATED" + folder.xml);
 }
 
 }  // namespace

@@ -15,39 +15,23 @@
 
 namespace {
 
-std::string ConfigDir(const TempRoot& root) {
-    return root.path() + "/tarvex/brenlo/tideway/config";
-}
-
-// Writes a profile as the agent does: "OBFUSCATED" and the XML, enciphered.
-void WriteProfile(const std::string& path, const std::string& xml) {
-    const std::string text = "OBFUSCATED" + xml;
-    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(text.data(), uint32_t(text.size()), path.c_str(),
-                                                   nullptr),
-              0);
-}
-
-std::string ReadProfile(const std::string& path) {
-    std::string text;
-    EXPECT_EQ(COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), text, EVP_aes_128_cbc(), nullptr),
-              0);
-    return text;
-}
-
 // Each test has its own app-data root; a plug-in a failed test left is disposed.
 class Creation : public ::testing::Test {
   protected:
     void SetUp() override { syslog_capture::Clear(); }
     void TearDown() override { DisposePluginImpl(nullptr); }
+    std::string Dir() const { return root_.path() + "/tarvex/brenlo/tideway/config"; }
+    std::string Profile() const { return Dir() + "/Tideway.config"; }
     TempRoot root_;
 };
 
 TEST_F(Creation, WithoutAnyProfileTheDefaultIsWrittenAndApplied) {
-    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
+    ASSERT_TRUE(boost::filesystem::create_directories(Dir()));
     Plugin* plugin = CreatePluginImpl("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(plugin, nullptr);
     // The default profile is written obfuscated and its debug_level FFFFFFFF applied unclamped.
-    const std::string text = ReadProfile(ConfigDir(root_) + "/Tideway.config");
+    std::string text;
+    ASSERT_EQ(COpenSSLCrypt::DeObfuscateFiletoStr(Profile().c_str(), text, EVP_aes_128_cbc(), nullptr), 0);
     EXPECT_EQ(text.rfind("OBFUSCATED", 0), 0u);
     EXPECT_NE(text.find("<ipc_port>5003</ipc_port>"), std::string::npos);
     EXPECT_EQ(g_Trace.GetLevelMask(), 0xFFFFFFFFu);
@@ -57,11 +41,11 @@ TEST_F(Creation, WithoutAnyProfileTheDefaultIsWrittenAndApplied) {
 }
 
 TEST_F(Creation, ConnectsOnTheProfilesPortWithItsMask) {
-    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
-    WriteProfile(ConfigDir(root_) + "/Tideway.config",
-                 "<?xml version=\"1.0\"?><Tideway><ConfigurationParameters>"
-                 "<ipc_port>6123</ipc_port><Logging><debug_level>1007</debug_level></Logging>"
-                 "</ConfigurationParameters></Tideway>");
+    ASSERT_TRUE(boost::filesystem::create_directories(Dir()));
+    const std::string text = "OBFUSCATED<Tideway><ConfigurationParameters><ipc_port>6123</ipc_port>"
+                             "<Logging><debug_level>1007</debug_level></Logging>"
+                             "</ConfigurationParameters></Tideway>";
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(text.data(), text.size(), Profile().c_str(), nullptr), 0);
     AgentSimOptions options;
     options.port = 6123;
     SimLog log;
@@ -83,14 +67,14 @@ TEST_F(Creation, FailuresEndWithTheirLineAndNoPlugin) {
     EXPECT_EQ(g_pVantoriaApi.load(), nullptr);
 
     // A plain XML profile in the current place is refused, and not rewritten.
-    ASSERT_TRUE(boost::filesystem::create_directories(ConfigDir(root_)));
+    ASSERT_TRUE(boost::filesystem::create_directories(Dir()));
     const std::string plain = "<Tideway><ConfigurationParameters/></Tideway>";
-    std::ofstream(ConfigDir(root_) + "/Tideway.config") << plain;
+    std::ofstream(Profile()) << plain;
     syslog_capture::Clear();
     EXPECT_EQ(CreatePluginImpl("com.tarvex.brenlo.tideway.api"), nullptr);
     EXPECT_EQ(syslog_capture::Count("CreatePlugin failed. InitializeConfig failed.\n"), 1u);
     std::stringstream kept;
-    kept << std::ifstream(ConfigDir(root_) + "/Tideway.config").rdbuf();
+    kept << std::ifstream(Profile()).rdbuf();
     EXPECT_EQ(kept.str(), plain);
 }
 

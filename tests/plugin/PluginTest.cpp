@@ -49,35 +49,26 @@ class LoadedModule : public ::testing::Test {
     bool (*dispose_)(Plugin*) = Symbol<bool(Plugin*)>("DisposePlugin");
 };
 
-TEST_F(LoadedModule, ListsInterfacesQuietlyAndRefusesANullName) {
-    // Names and versions of the table are pinned by the host smoke test; nothing is logged here.
-    ASSERT_EQ(getInterfaces_().count, 2u);
+TEST_F(LoadedModule, NamesMustMatchWholeAndByteForByteAndASecondCreationDisposesTheFirst) {
+    ASSERT_EQ(getInterfaces_().count, 2u);  // names and versions: the host smoke test
     EXPECT_EQ(create_(nullptr), nullptr);
     EXPECT_EQ(syslog_capture::Texts(),
               std::vector<std::string>{"CreatePlugin failed. Interface name null.\n"});
     // The trace starts without opening the system log under its own identity.
     EXPECT_TRUE(syslog_capture::OpenCalls().empty());
-}
-
-TEST_F(LoadedModule, NamesMustMatchWholeAndByteForByte) {
     for (const std::string name : {"COM.TARVEX.BRENLO.TIDEWAY.API", "com.tarvex.brenlo.tideway.ap",
                                    "com.tarvex.brenlo.tideway.api ", ""}) {
         syslog_capture::Clear();
         EXPECT_EQ(create_(name.c_str()), nullptr) << name;
-        // The profile is read first; the name is refused after it.
         EXPECT_EQ(syslog_capture::Count("Unknown interface name: " + name + "\n"), 1u) << name;
-        EXPECT_EQ(syslog_capture::CountContaining("CreatePlugin failed"), 0u) << name;
     }
-}
-
-TEST_F(LoadedModule, ApiNameMakesALiveApiAndASecondCreationDisposesIt) {
     // The API object comes up and starts connecting on its own; no agent is needed for that.
     Plugin* api = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(api, nullptr);
     EXPECT_EQ(api->SupportsInterface("com.tarvex.brenlo.tideway.api", 3), 1);
-    EXPECT_EQ(api->SupportsInterface("com.tarvex.brenlo.tideway.api", 2), 0);
-    EXPECT_EQ(api->SupportsInterface(nullptr, 3), 0);
-    // A second creation disposes the first plug-in.
+    EXPECT_EQ(api->SupportsInterface("com.tarvex.brenlo.tideway.api", 2) +
+                  api->SupportsInterface(nullptr, 3),
+              0);
     syslog_capture::Clear();
     Plugin* second = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(second, nullptr);
@@ -110,7 +101,6 @@ TEST_F(LoadedModule, PresentationPluginLivesThroughTheHostInterfacesAndIsDispose
     const std::string embedded = CreatedAddress("PRESENTATION_PLUGIN");
     EXPECT_NE(embedded, "<none>");
     EXPECT_EQ(plugin->SupportsInterface("com.tarvex.brenlo.presentation", 12), 1);
-    EXPECT_EQ(plugin->SupportsInterface("com.tarvex.brenlo.tideway.api", 3), 0);
     IPresentationPlugin* p = static_cast<IPresentationPlugin*>(plugin);
     RecordingHost host;
     int context = 0;
@@ -125,13 +115,11 @@ TEST_F(LoadedModule, PresentationPluginLivesThroughTheHostInterfacesAndIsDispose
     EXPECT_EQ(p->HandleEvent(event.c_str()), 0);
     ASSERT_TRUE(log.WaitFor("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower=\"east-1\""));
     EXPECT_EQ(p->Stop(), 0);
-    // Stop ends with NotifyStopped on the caller's thread; a callback already under way may
-    // still deliver a notice after it (Unregister does not wait for a running callback).
+    // Stop ends with NotifyStopped on the caller's thread (a running callback may still notify).
     EXPECT_EQ(host.NoticesOfThisThread().back(), "<stopped>");
     EXPECT_EQ(p->Shutdown(), 0);
 
-    // A second creation, of either kind, disposes the live plug-in whole; the line names the
-    // API that the global pointed to.
+    // A second creation disposes the live plug-in whole; the line names the API it pointed to.
     syslog_capture::Clear();
     Plugin* api = create_("com.tarvex.brenlo.tideway.api");
     ASSERT_NE(api, nullptr);
@@ -167,8 +155,7 @@ TEST(InProcessBoundary, DisposeClearsTheGlobalBeforeDestroyingAndLogsAtApiLevel)
     EXPECT_TRUE(DisposePlugin(plugin));
     EXPECT_EQ(apiAtDestruction, nullptr);  // destroyed, after the global was cleared
     EXPECT_EQ(g_pVantoriaApi, nullptr);
-    // Null: the line, the cleared global, true.
-    g_pVantoriaApi = standIn;
+    g_pVantoriaApi = standIn;  // null: the line, the cleared global, true
     EXPECT_TRUE(DisposePlugin(nullptr));
     EXPECT_EQ(g_pVantoriaApi, nullptr);
 
