@@ -1,7 +1,6 @@
 // A UI host for the presentation plug-in in tests: records every notice and NotifyStopped in
-// order, can run a hook inside DeliverXml (on the delivering thread), and translates keys from a
-// small catalogue ("text <key>" for any key) or, with `translatorFault`, answers wrongly.
-// Calls come from the plug-in's and the module's threads: `mutex` guards the records.
+// order (with client id and delivering thread), can run a hook inside DeliverXml, and translates
+// key k as "text k", or answers wrongly with `translatorFault`. `mutex` guards the records.
 #ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
 #define TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_
 
@@ -24,43 +23,24 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
     enum Fault { kNone, kSizeAnswer0, kSizeZero, kHugeSize, kNoTerminator, kFillFails };
 
     int32_t DeliverXml(uint32_t clientId, const char* xml) override {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            notices.push_back(xml);
-            ids.push_back(clientId);
-            deliverers.push_back(std::this_thread::get_id());
-        }
-        changed.notify_all();
+        Record(clientId, xml);
         if (deliverHook)
             deliverHook(xml);
         return 0;
     }
-    int32_t NotifyStopped(uint32_t clientId) override {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            notices.push_back("<stopped>");
-            ids.push_back(clientId);
-            deliverers.push_back(std::this_thread::get_id());
-        }
-        changed.notify_all();
-        return 0;
-    }
+    int32_t NotifyStopped(uint32_t clientId) override { return Record(clientId, "<stopped>"); }
     int32_t TranslateText(uint32_t key, char* buffer, uint32_t& size) override {
         const std::string text = Text(key);
         if (buffer == nullptr) {
-            switch (translatorFault) {
-                case kSizeAnswer0: size = uint32_t(text.size() + 1); return 0;
-                case kSizeZero: size = 0; return -3;
-                case kHugeSize: size = 0xFFFFFFFFu; return -3;
-                default: size = uint32_t(text.size() + 1); return -3;
-            }
+            size = translatorFault == kSizeZero   ? 0
+                   : translatorFault == kHugeSize ? 0xFFFFFFFFu
+                                                  : uint32_t(text.size() + 1);
+            return translatorFault == kSizeAnswer0 ? 0 : -3;
         }
         if (translatorFault == kFillFails)
             return -10;
-        if (translatorFault == kNoTerminator) {  // fills the whole buffer, no NUL
-            memset(buffer, 'x', size);
-            return 0;
-        }
+        if (translatorFault == kNoTerminator)  // fills the whole buffer, no NUL
+            return memset(buffer, 'x', size), 0;
         if (size < text.size() + 1)
             return -3;
         memcpy(buffer, text.c_str(), text.size() + 1);
@@ -72,8 +52,14 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
         std::lock_guard<std::mutex> lock(mutex);
         return notices;
     }
-    // The notices the calling thread delivered: what a host event produced, without the ones
-    // the module's threads deliver meanwhile.
+    // Returns the notices so far and forgets them.
+    std::vector<std::string> Take() {
+        std::lock_guard<std::mutex> lock(mutex);
+        ids.clear();
+        deliverers.clear();
+        return std::move(notices);
+    }
+    // The notices the calling thread delivered, without those of the module's threads.
     std::vector<std::string> NoticesOfThisThread() {
         std::lock_guard<std::mutex> lock(mutex);
         std::vector<std::string> own;
@@ -86,7 +72,7 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, limit, [&] { return notices.size() >= n; });
     }
-    // Waits for a notice holding `part`; true when one came.
+    // True when a notice holding `part` came within ten seconds.
     bool WaitForNotice(const std::string& part) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] {
@@ -104,6 +90,18 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
     std::vector<std::string> notices;
     std::vector<uint32_t> ids;
     std::vector<std::thread::id> deliverers;
+
+  private:
+    int32_t Record(uint32_t clientId, const char* text) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            notices.push_back(text);
+            ids.push_back(clientId);
+            deliverers.push_back(std::this_thread::get_id());
+        }
+        changed.notify_all();
+        return 0;
+    }
 };
 
 #endif  // TIDEWAY_TESTS_SUPPORT_RECORDINGHOST_H_

@@ -1,11 +1,15 @@
-// The web face's server in-process, driven by Beast's own client: what it serves and to whom,
-// what it does with oversized and broken frames, and that every page, early or late, sees the
-// notices it must see. The test is the notice source; no module and no agent are involved.
-#include "WebServer.h"
-
+// tideway-host's web face without the module, over real sockets: the server in-process driven
+// by Beast's own client (what it serves and to whom, oversized and broken frames, every page
+// seeing every notice in one order, the replay for a late page), and the links to the agent
+// simulator against stand-ins of its log file and control socket.
+#include <poll.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
@@ -19,9 +23,13 @@
 #include <gtest/gtest.h>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+
+#include "AgentLink.h"
+#include "WebServer.h"
 
 namespace {
 
@@ -30,12 +38,53 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
+using Strings = std::vector<std::string>;
 
-// Only to catch a hang: no step of these tests takes more than a fraction of it.
-constexpr std::chrono::seconds kHang{20};
+constexpr std::chrono::seconds kHang{20};  // only to catch a hang
 
-// Runs one asynchronous operation on `io` to its end. A hang (the operation not done within
-// kHang) closes `socket` and counts as a time-out.
+// Lines handed over by another thread.
+class Lines {
+  public:
+    void Add(std::string line) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(std::move(line));
+        changed_.notify_all();
+    }
+    // Waits (up to kHang) for at least `count` lines; returns them all.
+    Strings WaitFor(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, kHang, [&] { return lines_.size() >= count; });
+        return lines_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Strings lines_;
+};
+
+// A scratch folder and an I/O thread that runs until the test ends.
+class IoTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tideway-web-face-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override {
+        work_.reset();
+        if (thread_.joinable())
+            thread_.join();
+        EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
+    }
+    asio::io_context io_;
+    asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
+    std::thread thread_;
+    std::string dir_;
+    Lines lines_;
+};
+
+// Runs one asynchronous operation on `io` to its end; a hang closes `socket` and is a time-out.
 template <typename Start>
 beast::error_code Await(asio::io_context& io, tcp::socket& socket, Start start) {
     std::optional<beast::error_code> result;
@@ -51,7 +100,7 @@ beast::error_code Await(asio::io_context& io, tcp::socket& socket, Start start) 
     return asio::error::timed_out;
 }
 
-const tcp::endpoint Loopback(uint16_t port) {
+tcp::endpoint Loopback(uint16_t port) {
     return tcp::endpoint(asio::ip::make_address("127.0.0.1"), port);
 }
 
@@ -60,22 +109,17 @@ class Page {
   public:
     Page(uint16_t port, const std::string& host, const std::string& origin) : ws_(io_) {
         ec_ = Await(io_, socket(), [&](auto h) { socket().async_connect(Loopback(port), h); });
-        if (!origin.empty()) {
-            ws_.set_option(
-                websocket::stream_base::decorator([origin](websocket::request_type& request) {
-                    request.set(http::field::origin, origin);
-                }));
-        }
+        ws_.set_option(websocket::stream_base::decorator([origin](websocket::request_type& r) {
+            if (!origin.empty())
+                r.set(http::field::origin, origin);
+        }));
         ws_.read_message_max(64 << 20);
         if (!ec_)
             ec_ = Await(io_, socket(),
                         [&](auto h) { ws_.async_handshake(response_, host, "/ws", h); });
     }
-    ~Page() { Vanish(); }
-
     unsigned Status() const { return response_.result_int(); }
     bool Open() const { return !ec_; }
-
     beast::error_code Send(const std::string& text) {
         return Await(io_, socket(), [&](auto h) { ws_.async_write(asio::buffer(text), h); });
     }
@@ -85,11 +129,9 @@ class Page {
         ec_ = Await(io_, socket(), [&](auto h) { ws_.async_read(buffer, h); });
         return ec_ ? std::string() : beast::buffers_to_string(buffer.data());
     }
-    // The first frame of a message that never ends.
-    void SendHalf(const std::string& text) {
+    // The first frame of a message that never ends, then the connection vanishes.
+    void SendHalfAndVanish(const std::string& text) {
         Await(io_, socket(), [&](auto h) { ws_.async_write_some(false, asio::buffer(text), h); });
-    }
-    void Vanish() {
         beast::error_code ignored;
         socket().close(ignored);
     }
@@ -100,7 +142,6 @@ class Page {
 
   private:
     tcp::socket& socket() { return ws_.next_layer().socket(); }
-
     asio::io_context io_;
     websocket::stream<beast::tcp_stream> ws_;
     websocket::response_type response_;
@@ -119,43 +160,38 @@ http::response<http::string_body> Fetch(uint16_t port, http::verb method, const 
     http::response_parser<http::string_body> parser;
     parser.skip(method == http::verb::head);
     beast::flat_buffer buffer;
-    tcp::socket& socket = stream.socket();
     beast::error_code ec =
-        Await(io, socket, [&](auto h) { stream.async_connect(Loopback(port), h); });
+        Await(io, stream.socket(), [&](auto h) { stream.async_connect(Loopback(port), h); });
     if (!ec)
-        ec = Await(io, socket, [&](auto h) { http::async_write(stream, request, h); });
+        ec = Await(io, stream.socket(), [&](auto h) { http::async_write(stream, request, h); });
     if (!ec)
-        ec = Await(io, socket, [&](auto h) { http::async_read(stream, buffer, parser, h); });
+        ec = Await(io, stream.socket(),
+                   [&](auto h) { http::async_read(stream, buffer, parser, h); });
     EXPECT_FALSE(ec) << target << ": " << ec.message();
     return parser.release();
 }
 
-class WebServerTest : public ::testing::Test {
+class WebServerTest : public IoTest {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/tideway-web-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
+        IoTest::SetUp();
         const std::string root = dir_ + "/web";
         ASSERT_EQ(system(("mkdir -p '" + root + "/sub'").c_str()), 0);
-        Write(root + "/index.html", "<p>index</p>");
-        Write(root + "/app.js", "let page = 1;");
-        Write(root + "/notes.txt", "not a page file");
-        Write(root + "/sub/inner.html", "in a subfolder");
-        Write(dir_ + "/secret.html", "outside the root");
+        const std::pair<const char*, const char*> files[] = {
+            {"web/index.html", "<p>index</p>"},
+            {"web/app.js", "let page = 1;"},
+            {"web/notes.txt", "not a page"},
+            {"web/sub/inner.html", "in a subfolder"},
+            {"secret.html", "outside the root"}};
+        for (const auto& file : files)
+            std::ofstream(dir_ + "/" + file.first) << file.second;
         ASSERT_EQ(symlink("../secret.html", (root + "/leak.html").c_str()), 0);
-
         WebServerOptions options;
         options.port = 0;
         options.webRoot = root;
         options.agentControl = true;
         server_ = std::make_unique<WebServer>(
-            io_, options,
-            [this](std::string xml) {
-                std::lock_guard<std::mutex> lock(mutex_);
-                events_.push_back(std::move(xml));
-                changed_.notify_all();
-            },
+            io_, options, [this](std::string xml) { lines_.Add(std::move(xml)); },
             [](std::string line, WebServer::Reply reply) { reply("OK echo " + line); });
         std::string error;
         ASSERT_TRUE(server_->Listen(error)) << error;
@@ -163,23 +199,12 @@ class WebServerTest : public ::testing::Test {
         host_ = "127.0.0.1:" + std::to_string(port_);
         thread_ = std::thread([this] { io_.run(); });
     }
-
     void TearDown() override {
         if (server_)
             server_->Close();
-        work_.reset();
-        if (thread_.joinable())
-            thread_.join();
+        IoTest::TearDown();
         server_.reset();
-        if (!dir_.empty()) {
-            EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
-        }
     }
-
-    static void Write(const std::string& path, const std::string& text) {
-        std::ofstream(path) << text;
-    }
-
     // A page of this server's own origin, past its two "I" lines.
     std::unique_ptr<Page> OwnPage() {
         auto page = std::make_unique<Page>(port_, host_, "http://" + host_);
@@ -188,29 +213,16 @@ class WebServerTest : public ::testing::Test {
         return page;
     }
 
-    bool WaitForEvents(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kHang, [&] { return events_.size() >= count; });
-    }
-
-    asio::io_context io_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
     std::unique_ptr<WebServer> server_;
-    std::thread thread_;
-    std::string dir_;
     uint16_t port_ = 0;
     std::string host_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> events_;  // guarded by mutex_
 };
 
 TEST_F(WebServerTest, ServesOnlyItsOwnFilesToItsOwnHost) {
     const std::string local = "localhost:" + std::to_string(port_);
-    struct Case {
+    const struct {
         http::verb method;
-        std::string target;
-        std::string host;
+        std::string target, host;
         unsigned status;
         std::string body;
     } cases[] = {
@@ -228,7 +240,7 @@ TEST_F(WebServerTest, ServesOnlyItsOwnFilesToItsOwnHost) {
         {http::verb::get, "/", "127.0.0.1:" + std::to_string(port_ == 1 ? 2 : 1), 403, ""},
         {http::verb::get, "/", "", 403, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const auto response = Fetch(port_, c.method, c.target, c.host);
         EXPECT_EQ(response.result_int(), c.status) << c.target << " for " << c.host;
         if (c.status == 200 && c.method == http::verb::get) {
@@ -244,9 +256,9 @@ TEST_F(WebServerTest, ServesOnlyItsOwnFilesToItsOwnHost) {
 
 TEST_F(WebServerTest, WebSocketOnlyFromItsOwnPage) {
     const std::string local = "localhost:" + std::to_string(port_);
-    struct Case {
-        std::string host;
-        std::string origin;
+    const std::string evil = "evil.example:" + std::to_string(port_);
+    const struct {
+        std::string host, origin;
         unsigned status;
     } cases[] = {
         {host_, "http://" + host_, 101},
@@ -255,10 +267,9 @@ TEST_F(WebServerTest, WebSocketOnlyFromItsOwnPage) {
         {host_, "", 403},
         {host_, "https://" + host_, 403},
         {host_, "http://" + local, 403},  // an allowed host, but not the one asked for
-        {"evil.example:" + std::to_string(port_), "http://evil.example:" + std::to_string(port_),
-         403},
+        {evil, "http://" + evil, 403},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Page page(port_, c.host, c.origin);
         EXPECT_EQ(page.Status(), c.status) << c.host << " from " << c.origin;
         EXPECT_EQ(page.Open(), c.status == 101) << c.host << " from " << c.origin;
@@ -272,7 +283,6 @@ TEST_F(WebServerTest, OversizedOrBrokenFramesCloseOnlyTheirPage) {
     auto big = OwnPage();
     auto vanishing = OwnPage();
     auto steady = OwnPage();
-
     // The server hangs up at the frame's header: the write may fail half-way, or end and meet
     // the close frame (message too big); either way no hang and no message.
     const beast::error_code sent = big->Send("E" + std::string(10 << 20, 'x'));
@@ -282,23 +292,17 @@ TEST_F(WebServerTest, OversizedOrBrokenFramesCloseOnlyTheirPage) {
         EXPECT_EQ(big->error(), websocket::error::closed) << big->error().message();
         EXPECT_EQ(big->CloseCode(), websocket::close_code::too_big);
     }
-    vanishing->SendHalf("E<brguiEvent id=\"half");
-    vanishing->Vanish();
-
+    vanishing->SendHalfAndVanish("E<brguiEvent id=\"half");
     // The largest message allowed passes whole; the others still hear the server.
     const std::string largest = "E" + std::string(WebServer::kMaxFrameBytes - 1, 'y');
     EXPECT_FALSE(steady->Send(largest));
-    ASSERT_TRUE(WaitForEvents(1));
-    server_->PublishNotice(
-        "<brguiNotice type=\"update\"><label id=\"a\" value=\"1\"/></brguiNotice>");
-    EXPECT_EQ(steady->Receive(),
-              "N<brguiNotice type=\"update\"><label id=\"a\" value=\"1\"/></brguiNotice>");
-    auto later = OwnPage();
-    EXPECT_EQ(later->Receive(),
-              "N<brguiNotice type=\"update\"><label id=\"a\" value=\"1\"/></brguiNotice>");
-    std::lock_guard<std::mutex> lock(mutex_);
-    ASSERT_EQ(events_.size(), 1u);  // nothing of the broken messages came through
-    EXPECT_TRUE(events_[0] == largest.substr(1));
+    const std::string notice =
+        "<brguiNotice type=\"update\"><label id=\"a\" value=\"1\"/></brguiNotice>";
+    server_->PublishNotice(notice);
+    EXPECT_EQ(steady->Receive(), "N" + notice);
+    EXPECT_EQ(OwnPage()->Receive(), "N" + notice);
+    // Nothing of the broken messages came through.
+    EXPECT_TRUE(lines_.WaitFor(1) == Strings{largest.substr(1)});
 }
 
 TEST_F(WebServerTest, TwentyPagesGetEveryNoticeInTheSameOrder) {
@@ -316,26 +320,23 @@ TEST_F(WebServerTest, TwentyPagesGetEveryNoticeInTheSameOrder) {
     std::thread first(deliver, 0), second(deliver, 1);
     first.join();
     second.join();
-
-    std::vector<std::string> order;
+    Strings order;
     for (size_t p = 0; p < pages.size(); ++p) {
-        std::vector<std::string> seen;
+        Strings seen;
         for (int i = 0; i < 2 * kPerThread; ++i)
             seen.push_back(pages[p]->Receive());
         if (p == 0)
             order = seen;
-        else
-            EXPECT_EQ(seen, order) << "page " << p;
+        EXPECT_EQ(seen, order) << "page " << p;
     }
-    int next[2] = {0, 0};
+    int next[2] = {0, 0};  // each thread's notices in its own order
     for (const std::string& message : order) {
         const int thread = message.find("id=\"t1\"") != std::string::npos ? 1 : 0;
         EXPECT_NE(message.find("value=\"" + std::to_string(next[thread]++) + "\""),
                   std::string::npos)
             << message;
     }
-    EXPECT_EQ(next[0], kPerThread);
-    EXPECT_EQ(next[1], kPerThread);
+    EXPECT_TRUE(next[0] == kPerThread && next[1] == kPerThread);
 }
 
 TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
@@ -347,13 +348,6 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
         return "<brguiNotice module=\"m\" type=\"popup\"><popup timestamp=\"t\" id=\"" + id +
                "\" " + rest + "><title value=\"x\"/></popup></brguiNotice>";
     };
-    const std::string setup =
-        "<brguiNotice module=\"m\" type=\"setup\"><label id=\"a\"/>"
-        "<label id=\"b\"/></brguiNotice>";
-    const std::string a1 = update("<label id=\"a\" value=\"1\"/>", " state=\"Error\"");
-    const std::string a2 = update("<label id=\"a\" value=\"2\"/>", " state=\"Good\"");
-    const std::string bHidden = update("<label id=\"b\" hidden=\"true\"/>");
-    const std::string bValue = update("<label id=\"b\" value=\"x\"/>");
     // The same row id stands in both boxes: a row of one does not replace the other's.
     const auto row = [&](const char* box, const char* attributes, const char* value) {
         return update(std::string("<outlinelistbox id=\"") + box + "\"" + attributes +
@@ -361,18 +355,32 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
                       "label=\"" +
                       value + "\"/></listrow></listgroup></outlinelistbox>");
     };
-    const std::string statsOld = row("stat_outlinelistbox", " updaterows=\"true\"", "old");
+    const auto log = [&](int i) {
+        return update("<log messagehistory=\"line " + std::to_string(i) + "\"/>");
+    };
+    const std::string setup =
+        "<brguiNotice module=\"m\" type=\"setup\"><label id=\"a\"/><label id=\"b\"/></brguiNotice>";
+    const std::string a2 = update("<label id=\"a\" value=\"2\"/>", " state=\"Good\"");
+    const std::string bHidden = update("<label id=\"b\" hidden=\"true\"/>");
+    const std::string bValue = update("<label id=\"b\" value=\"x\"/>");
     const std::string overview = row("overview_stat_outlinelistbox", "", "o");
     const std::string statsNew = row("stat_outlinelistbox", " updaterows=\"true\"", "new");
-    const std::string dialog = popup("credential_dialog", "type=\"custom\"");
     const std::string error = popup("error_popup", "type=\"error\"");
-    const std::string dispose = popup("credential_dialog", "dispose=\"true\"");
 
     auto early = OwnPage();
-    std::vector<std::string> published = {setup,    a1,       a2,     bHidden, bValue, statsOld,
-                                          overview, statsNew, dialog, error,   dispose};
+    Strings published = {setup,
+                         update("<label id=\"a\" value=\"1\"/>", " state=\"Error\""),
+                         a2,
+                         bHidden,
+                         bValue,
+                         row("stat_outlinelistbox", " updaterows=\"true\"", "old"),
+                         overview,
+                         statsNew,
+                         popup("credential_dialog", "type=\"custom\""),
+                         error,
+                         popup("credential_dialog", "dispose=\"true\"")};
     for (int i = 0; i < 105; ++i)
-        published.push_back(update("<log messagehistory=\"line " + std::to_string(i) + "\"/>"));
+        published.push_back(log(i));
     published.push_back("not a notice at all");
     for (const std::string& notice : published)
         server_->PublishNotice(notice);
@@ -381,9 +389,9 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
     for (const std::string& notice : published)  // live: everything, as it came
         ASSERT_EQ(early->Receive(), "N" + notice);
 
-    std::vector<std::string> expected = {setup, a2, bHidden, bValue, overview, statsNew, error};
+    Strings expected = {setup, a2, bHidden, bValue, overview, statsNew, error};
     for (int i = 5; i < 105; ++i)
-        expected.push_back(update("<log messagehistory=\"line " + std::to_string(i) + "\"/>"));
+        expected.push_back(log(i));
     auto late = OwnPage();
     for (const std::string& notice : expected)
         EXPECT_EQ(late->Receive(), "N" + notice);
@@ -414,16 +422,147 @@ TEST_F(WebServerTest, EventsInOrderAndRepliesToTheAskingPageOnly) {
     EXPECT_FALSE(asking->Send("Cstate 1\nexit"));
     EXPECT_EQ(asking->Receive().substr(0, 5), "RERR ");
     EXPECT_FALSE(other->Send("E<brguiEvent id=\"e3\"/>"));
-    ASSERT_TRUE(WaitForEvents(4));
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        EXPECT_EQ(events_,
-                  (std::vector<std::string>{"<brguiEvent id=\"e0\"/>", "<brguiEvent id=\"e1\"/>",
-                                            "<brguiEvent id=\"e2\"/>", "<brguiEvent id=\"e3\"/>"}));
-    }
+    EXPECT_EQ(lines_.WaitFor(4), (Strings{"<brguiEvent id=\"e0\"/>", "<brguiEvent id=\"e1\"/>",
+                                          "<brguiEvent id=\"e2\"/>", "<brguiEvent id=\"e3\"/>"}));
     // The other page heard none of the replies: its next message is the next notice.
     server_->PublishStopped();
     EXPECT_EQ(other->Receive(), "S");
+}
+
+class AgentLinkTest : public IoTest {
+  protected:
+    void SetUp() override {
+        IoTest::SetUp();
+        thread_ = std::thread([this] { io_.run(); });
+    }
+    void TearDown() override {
+        // Also after a failed assertion: the links' timers would keep the I/O thread running.
+        asio::post(io_, [this] {
+            if (tail_)
+                tail_->Close();
+            if (control_)
+                control_->Close();
+        });
+        IoTest::TearDown();
+    }
+    std::shared_ptr<AgentLogTail> tail_;
+    std::shared_ptr<AgentControl> control_;
+};
+
+TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
+    const std::string path = dir_ + "/agent.log";
+    auto append = [&path](const std::string& text) { std::ofstream(path, std::ios::app) << text; };
+    // More than the tail starts with: it begins on a whole line, near the end.
+    std::string start;
+    for (int i = 0; i < 5000; ++i) {
+        char line[100];
+        snprintf(line, sizeof(line), "%-98d\n", i);
+        start += line;
+    }
+    append(start + "one\ntwo\npart");
+    tail_ = std::make_shared<AgentLogTail>(io_, path, [this](std::string l) { lines_.Add(l); });
+    asio::post(io_, [tail = tail_] { tail->Start(); });
+
+    // The whole numbered lines within the window that also holds "one\ntwo\npart".
+    const size_t n = (AgentLogTail::kStartBytes - 12) / 99;
+    Strings seen = lines_.WaitFor(n + 2);
+    ASSERT_EQ(seen.size(), n + 2);
+    const std::string first = std::to_string(5000 - n);
+    EXPECT_EQ(seen.front(), first + std::string(98 - first.size(), ' '));
+    EXPECT_EQ(seen[n - 1].substr(0, 5), "4999 ");
+    EXPECT_EQ(Strings(seen.begin() + n, seen.end()), (Strings{"one", "two"}));
+
+    append("ial\r\nthree\n");
+    seen = lines_.WaitFor(n + 4);
+    EXPECT_EQ(Strings(seen.begin() + n + 2, seen.end()), (Strings{"partial", "three"}));
+    std::ofstream(path, std::ios::trunc) << "after truncation\n";
+    seen = lines_.WaitFor(n + 5);
+    EXPECT_EQ(Strings(seen.begin() + n + 4, seen.end()), Strings{"after truncation"});
+    // A new file under the name, already longer than what was read of the old one.
+    ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
+    append(std::string(40, 'n') + "\nsecond\n");
+    seen = lines_.WaitFor(n + 7);
+    EXPECT_EQ(Strings(seen.begin() + n + 5, seen.end()), (Strings{std::string(40, 'n'), "second"}));
+}
+
+// Stands in for the simulator's control socket: one client at a time, "OK <line>" for each
+// line; after "bye" it hangs up, as a simulator that restarts does.
+class FakeControl {
+  public:
+    explicit FakeControl(const std::string& path) : path_(path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+        EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listen_, 4), 0);
+        thread_ = std::thread([this] { Serve(); });
+    }
+    // Closes the listener and the connection and removes the socket file.
+    void Stop() {
+        stop_ = true;
+        thread_.join();
+        close(listen_);
+        unlink(path_.c_str());
+    }
+    Lines hangUps;  // one line per connection the fake has closed
+
+  private:
+    bool Readable(int fd) {
+        pollfd p{fd, POLLIN, 0};
+        return poll(&p, 1, 50) > 0;
+    }
+    void Serve() {
+        while (!stop_) {
+            if (!Readable(listen_))
+                continue;
+            const int fd = accept(listen_, nullptr, nullptr);
+            std::string pending;
+            for (bool open = fd >= 0; open && !stop_;) {
+                if (!Readable(fd))
+                    continue;
+                char chunk[256];
+                const ssize_t n = read(fd, chunk, sizeof(chunk));
+                open = n > 0;
+                pending.append(chunk, open ? static_cast<size_t>(n) : 0);
+                for (size_t eol; open && (eol = pending.find('\n')) != std::string::npos;) {
+                    const std::string line = pending.substr(0, eol), reply = "OK " + line + "\n";
+                    pending.erase(0, eol + 1);
+                    open = write(fd, reply.data(), reply.size()) > 0 && line != "bye";
+                }
+            }
+            if (fd >= 0)
+                close(fd);
+            hangUps.Add("closed");
+        }
+    }
+
+    const std::string path_;
+    const int listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST_F(AgentLinkTest, ControlRepliesInOrderAndReconnects) {
+    const std::string path = dir_ + "/control";
+    FakeControl fake(path);
+    control_ = std::make_shared<AgentControl>(io_, path);
+    const auto ask = [this](const std::string& line) {
+        asio::post(io_, [this, line] {
+            control_->Ask(line, [this, line](const std::string& reply) {
+                lines_.Add(line + " -> " + reply);
+            });
+        });
+    };
+    ask("state 1");
+    ask("bye");
+    EXPECT_EQ(lines_.WaitFor(2), (Strings{"state 1 -> OK state 1", "bye -> OK bye"}));
+    fake.hangUps.WaitFor(1);
+    ask("proxy");  // the kept connection is dead: the line goes on a new one
+    EXPECT_EQ(lines_.WaitFor(3).back(), "proxy -> OK proxy");
+    fake.Stop();
+    ask("drop");
+    const std::string last = lines_.WaitFor(4).back();
+    EXPECT_EQ(last.rfind("drop -> ERR agent control " + path + ": ", 0), 0u) << last;
 }
 
 }  // namespace
