@@ -67,7 +67,7 @@ TEST_F(ApiWithFakeChannel, StateAndResultBytesBecomeStatusesAndAskForFreshState)
     const size_t before = cb_.Statuses().size();
     const size_t sentBefore = fake_->Locked([&] { return fake_->sentIds.size(); });
     // The highest-priority state bit wins; 0x80 alone and a missing byte say nothing.
-    for (uint8_t byte : {0x09, 0x80, 0x42, 0x02, 0x04, 0x10, 0x20, 0x01, 0x00})
+    for (uint8_t byte : {0x09, 0x80, 0x42, 0x06, 0x04, 0x10, 0x20, 0x01, 0x00})
         fake_->Deliver(COMM_MSG_ICON_APLUS_STATE, &byte, 1);
     fake_->Deliver(COMM_MSG_ICON_APLUS_STATE);
     const uint8_t ok = 1, failed = 0;

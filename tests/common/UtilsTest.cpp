@@ -97,23 +97,6 @@ TEST(Utils, AppDataRootMovesForTestsAndReadsAreNeverTorn) {
     EXPECT_EQ(path, "/opt");  // the empty root restores the product's place
 }
 
-TEST(Utils, ProcessAndTimeFacts) {
-    // The initial directory is where the process started, not where it is now.
-    char startDir[4096];
-    ASSERT_NE(getcwd(startDir, sizeof(startDir)), nullptr);
-    ASSERT_EQ(chdir("/"), 0);
-    const std::string initial = GetInitialDirectory();
-    ASSERT_EQ(chdir(startDir), 0);
-    EXPECT_EQ(initial, startDir);
-
-    // A short buffer gets the start of the stamp (the year) and a NUL in its last byte.
-    char buffer[8];
-    memset(buffer, '#', sizeof(buffer));
-    GetLocalTimeStamp(buffer, 5);
-    EXPECT_EQ(std::string(buffer, 6), std::to_string(atoi(buffer)) + '\0' + '#');
-    GetLocalTimeStamp(nullptr, 16);  // must not crash
-}
-
 TEST(Utils, FileExistsAndDeleteIfExistsWithItsLogLine) {
     g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
                       10000, 100, 1, 0, 60);

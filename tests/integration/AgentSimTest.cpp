@@ -1,4 +1,4 @@
-// The agent simulator against a scripted client over the real channel: every request pair, the
+// The agent simulator against a scripted client over the real channel: the request pairs, the
 // statistics stream, the control lines, and the daemon binary.
 #include "AgentSimulator.h"
 
@@ -15,19 +15,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-uint8_t Byte(const ReceivedMessage& m) {
-    return m.data.empty() ? 0xEE : m.data[0];
-}
-
 template <class T>
-T As(const ReceivedMessage& m) {
-    T value{};
-    EXPECT_EQ(m.data.size(), sizeof(T)) << "message " << m.id;
-    memcpy(&value, m.data.data(), std::min(sizeof(T), m.data.size()));
-    return value;
+std::string Bytes(const T& value) {
+    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
-TEST(AgentSimulator, AnswersEveryRequestPairAndLogsWhatItReceived) {
+TEST(AgentSimulator, AnswersRequestsStreamsStatisticsAndTakesControlLines) {
     TempRoot root;
     SimLog log;
     AgentSimOptions options;
@@ -36,138 +29,117 @@ TEST(AgentSimulator, AnswersEveryRequestPairAndLogsWhatItReceived) {
     ASSERT_EQ(sim.Start(), 0);
     ScriptedClient client;
     ASSERT_TRUE(client.Connect(options.port));
-    ReceivedMessage m = client.Next();
-    EXPECT_EQ(m.id, COMM_MSG_SRVC_STARTED);
+    EXPECT_EQ(client.Next().id, COMM_MSG_SRVC_STARTED);
 
-    // Tower list with the active tower behind "&"; a known name in any case is taken.
-    m = client.Ask(COMM_MSG_TOWERS_REQUEST_INFO);
-    EXPECT_EQ(m.id, COMM_MSG_TOWERS_RESPONSE_INFO);
-    EXPECT_EQ(m.Text(), "west-1,west-2,east-1&west-2");
-    for (const std::string name : {"EAST-1", "", "nowhere"}) {
-        m = client.Ask(COMM_MSG_CHANGE_ACTIVE_TOWER, name.data(), name.size());
-        EXPECT_EQ(m.id, COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS);
-        EXPECT_EQ(Byte(m), name == "EAST-1" ? 1 : 0) << name;
-    }
-    EXPECT_EQ(client.Ask(COMM_MSG_TOWERS_REQUEST_INFO).Text(), "west-1,west-2,east-1&east-1");
-
-    // DCT settings: the update is taken and reported back, the GUI field kept.
-    m = client.Ask(COMM_MSG_DCT_SETTINGS_REQUEST);
-    ASSERT_EQ(m.id, COMM_MSG_DCT_SETTINGS_RESPONSE);
-    auto fields = [](const DCTSettings& d) {
-        return std::vector<uint32_t>{d.nMode, d.nDetectClosest, d.nGUI};
+    // Each request and its answer: a known tower name in any case is taken, an update of the
+    // closest-tower settings keeps the GUI field.
+    const std::string yes("\1", 1), no("\0", 1);
+    const struct {
+        eCOMM_MESSAGE_ID ask;
+        std::string data;
+        uint32_t id;
+        std::string answer;
+    } steps[] = {
+        {COMM_MSG_TOWERS_REQUEST_INFO, "", COMM_MSG_TOWERS_RESPONSE_INFO,
+         "west-1,west-2,east-1&west-2"},
+        {COMM_MSG_CHANGE_ACTIVE_TOWER, "EAST-1", COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS, yes},
+        {COMM_MSG_CHANGE_ACTIVE_TOWER, "", COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS, no},
+        {COMM_MSG_CHANGE_ACTIVE_TOWER, "nowhere", COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS, no},
+        {COMM_MSG_TOWERS_REQUEST_INFO, "", COMM_MSG_TOWERS_RESPONSE_INFO,
+         "west-1,west-2,east-1&east-1"},
+        {COMM_MSG_DCT_SETTINGS_REQUEST, "", COMM_MSG_DCT_SETTINGS_RESPONSE,
+         Bytes(DCTSettings{0, 0, 1})},
+        {COMM_MSG_DCT_SETTINGS_UPDATE, Bytes(DCTSettings{2, 1, 0}), COMM_MSG_DCT_SETTINGS_UPDATED,
+         yes},
+        {COMM_MSG_DCT_SETTINGS_REQUEST, "", COMM_MSG_DCT_SETTINGS_RESPONSE,
+         Bytes(DCTSettings{2, 1, 1})},
+        {COMM_MSG_SERVICE_STATS_START, "", COMM_MSG_SERVICE_STATS_START_RESULT, yes},
     };
-    EXPECT_EQ(fields(As<DCTSettings>(m)), (std::vector<uint32_t>{0, 0, 1}));
-    const DCTSettings update{2, 1, 0};
-    m = client.Ask(COMM_MSG_DCT_SETTINGS_UPDATE, &update, sizeof(update));
-    EXPECT_EQ(m.id, COMM_MSG_DCT_SETTINGS_UPDATED);
-    EXPECT_EQ(Byte(m), 1);
-    m = client.Ask(COMM_MSG_DCT_SETTINGS_REQUEST);
-    EXPECT_EQ(fields(As<DCTSettings>(m)), (std::vector<uint32_t>{2, 1, 1}));
+    for (const auto& s : steps) {
+        const ReceivedMessage m = client.Ask(s.ask, s.data.data(), s.data.size());
+        EXPECT_EQ(m.id, s.id) << s.ask << " " << s.data;
+        EXPECT_EQ(m.Text(), s.answer) << s.ask << " " << s.data;
+    }
 
-    // Statistics: 1058 then a stream of whole, growing records until 1060.
-    m = client.Ask(COMM_MSG_SERVICE_STATS_START);
-    EXPECT_EQ(m.id, COMM_MSG_SERVICE_STATS_START_RESULT);
-    EXPECT_EQ(Byte(m), 1);
+    // Then a stream of whole, growing records until the stop; "stats off" pauses it.
     uint64_t lastTotal = 0;
     for (int i = 0; i < 3; ++i) {
-        m = client.Next();
+        const ReceivedMessage m = client.Next();
         ASSERT_EQ(m.id, COMM_MSG_SERVICE_STATS);
-        const ServiceStatistics stats = As<ServiceStatistics>(m);
-        EXPECT_GT(stats.totalFilteredA, lastTotal);
-        lastTotal = stats.totalFilteredA;
-        EXPECT_STREQ(stats.szActiveTower, "east-1");
-        EXPECT_EQ(stats.nSelectionMode, 2u);
+        ASSERT_EQ(m.data.size(), sizeof(ServiceStatistics));
+        const auto* stats = reinterpret_cast<const ServiceStatistics*>(m.data.data());
+        EXPECT_GT(stats->totalFilteredA, lastTotal);
+        lastTotal = stats->totalFilteredA;
+        EXPECT_STREQ(stats->szActiveTower, "east-1");
+        EXPECT_EQ(stats->nSelectionMode, 2u);
     }
-    // "stats off" pauses the stream (nothing past a marker's answer), "stats on" resumes it.
     EXPECT_EQ(sim.Control("stats off"), "OK stats=off");
     ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));
     EXPECT_EQ(client.Next(milliseconds(150)).id, 0u);
     EXPECT_EQ(sim.Control("stats on 5"), "OK stats=on");
     EXPECT_EQ(client.Next().id, static_cast<uint32_t>(COMM_MSG_SERVICE_STATS));
-    // After the stop and a marker's answer nothing more comes.
     ASSERT_TRUE(client.Send(COMM_MSG_SERVICE_STATS_STOP));
     ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));
     EXPECT_EQ(client.Next(milliseconds(150)).id, 0u);
 
-    // Service control and disconnect show in 1030/1028 and the state byte.
-    EXPECT_EQ(client.Ask(COMM_MSG_STOP_SERVICE).id, COMM_MSG_SRVC_STOPPED);
-    m = client.Next();
-    EXPECT_EQ(m.id, COMM_MSG_ICON_APLUS_STATE);
-    EXPECT_EQ(Byte(m), kSimStateStopped);
-    EXPECT_EQ(client.Ask(COMM_MSG_START_SERVICE).id, COMM_MSG_SRVC_STARTED);
-    EXPECT_EQ(Byte(client.Next()), kSimStateFiltering);
-    m = client.Ask(COMM_MSG_DISCONNECT);
-    EXPECT_EQ(m.id, COMM_MSG_ICON_APLUS_STATE);
-    EXPECT_EQ(Byte(m), kSimStateBypassed);
+    // Commands and control lines with what each sends; bad lines send nothing.
+    ProxyCredRequest request{};
+    strcpy(request.szProxyHost, "192.168.1.10");
+    request.nProxyPort = 3128;
+    strcpy(request.szAuthType, "Basic");
+    strcpy(request.szRealm, "Corporate proxy");
+    const struct {
+        eCOMM_MESSAGE_ID ask;  // COMM_MSG_NONE: the control line instead
+        const char* line;
+        std::vector<uint32_t> ids;
+        std::string last;  // the data of the last message
+    } sends[] = {
+        {COMM_MSG_STOP_SERVICE, "", {COMM_MSG_SRVC_STOPPED, COMM_MSG_ICON_APLUS_STATE}, "\x02"},
+        {COMM_MSG_START_SERVICE, "", {COMM_MSG_SRVC_STARTED, COMM_MSG_ICON_APLUS_STATE}, "\x01"},
+        {COMM_MSG_DISCONNECT, "", {COMM_MSG_ICON_APLUS_STATE}, "\x04"},
+        {COMM_MSG_NONE, "state 0x48", {COMM_MSG_ICON_APLUS_STATE}, "\x48"},
+        {COMM_MSG_NONE,
+         "proxy 192.168.1.10 3128 Basic Corporate proxy",
+         {COMM_MSG_PROXY_CRED_REQUEST},
+         Bytes(request)},
+        {COMM_MSG_NONE,
+         "info 12 tower  west-1 is down",
+         {COMM_MSG_INFO_MESSAGE},
+         {"12#tower  west-1 is down", 25}},
+        {COMM_MSG_NONE, "activate east-1", {COMM_MSG_DCT_TOWER_ACTIVATED}, "east-1"},
+        {COMM_MSG_NONE, "send 1041 612C62", {COMM_MSG_TOWERS_RESPONSE_INFO}, "a,b"},
+        {COMM_MSG_NONE, "fail-service", {COMM_MSG_SRVC_START_FAILED}, ""},
+        {COMM_MSG_NONE,
+         "start-service",
+         {COMM_MSG_SRVC_STARTED, COMM_MSG_ICON_APLUS_STATE},
+         "\x01"},
+    };
+    for (const auto& s : sends) {
+        SCOPED_TRACE(s.line);
+        if (s.ask == COMM_MSG_NONE)
+            EXPECT_EQ(sim.Control(s.line).rfind("OK ", 0), 0u);
+        else
+            ASSERT_TRUE(client.Send(s.ask));
+        ReceivedMessage m;
+        for (uint32_t id : s.ids)
+            EXPECT_EQ((m = client.Next()).id, id);
+        EXPECT_EQ(m.Text(), s.last);
+    }
+    EXPECT_EQ(sim.Control("stats-burst 2"), "OK sent=2");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(client.Next().data.size(), sizeof(ServiceStatistics));
+    for (const char* bad : {"state 256", "send 1041 ABC", "send 1041 ZZ", "bogus", ""})
+        EXPECT_EQ(sim.Control(bad).rfind("ERR", 0), 0u) << bad;
+    EXPECT_EQ(client.Next(milliseconds(100)).id, 0u);
 
     // The log decodes what the client sent, also a full field without a terminator.
-    ProxyCredInfo info;
-    memset(&info, 0, sizeof(info));
+    ProxyCredInfo info{};
     memset(info.szUser, 'u', sizeof(info.szUser));
     strcpy(info.szPassword, "secret");
     ASSERT_TRUE(client.Send(COMM_MSG_PROXY_CRED_RESPONSE, &info, sizeof(info)));
     ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));
     EXPECT_TRUE(log.Has("RECV session=1 COMM_MSG_PROXY_CRED_RESPONSE len=400 user=\"" +
                         std::string(100, 'u') + "\" password=\"secret\" reserved=zero"));
-    sim.Stop();
-}
-
-TEST(AgentSimulator, ControlLinesReachTheClientAndBadOnesChangeNothing) {
-    TempRoot root;
-    SimLog log;
-    AgentSimOptions options;
-    options.service = SimServiceState::kStopped;
-    CAgentSimulator sim(options, log.Sink());
-    ASSERT_EQ(sim.Start(), 0);
-    ScriptedClient client;
-    ASSERT_TRUE(client.Connect(options.port));
-    EXPECT_EQ(client.Next().id, COMM_MSG_SRVC_STOPPED);
-
-    EXPECT_EQ(sim.Control("state 0x48"), "OK sent=1");
-    ReceivedMessage m = client.Next();
-    EXPECT_EQ(m.id, COMM_MSG_ICON_APLUS_STATE);
-    EXPECT_EQ(m.data, std::vector<uint8_t>{0x48});
-
-    EXPECT_EQ(sim.Control("proxy 192.168.1.10 3128 Basic Corporate proxy"), "OK sent=1");
-    m = client.Next();
-    ASSERT_EQ(m.id, COMM_MSG_PROXY_CRED_REQUEST);
-    const ProxyCredRequest request = As<ProxyCredRequest>(m);
-    EXPECT_STREQ(request.szProxyHost, "192.168.1.10");
-    EXPECT_EQ(request.nProxyPort, 3128u);
-    EXPECT_STREQ(request.szAuthType, "Basic");
-    EXPECT_STREQ(request.szRealm, "Corporate proxy");
-
-    const struct {
-        const char* line;
-        uint32_t id;
-        std::string text;
-    } sends[] = {
-        {"info 12 tower  west-1 is down", COMM_MSG_INFO_MESSAGE, {"12#tower  west-1 is down", 25}},
-        {"activate east-1", COMM_MSG_DCT_TOWER_ACTIVATED, "east-1"},
-        {"send 1041 612C62", COMM_MSG_TOWERS_RESPONSE_INFO, "a,b"},
-    };
-    for (const auto& s : sends) {
-        EXPECT_EQ(sim.Control(s.line), "OK sent=1") << s.line;
-        m = client.Next();
-        EXPECT_EQ(m.id, s.id) << s.line;
-        EXPECT_EQ(m.Text(), s.text) << s.line;
-    }
-
-    EXPECT_EQ(sim.Control("start-service"), "OK service=running");
-    EXPECT_EQ(client.Next().id, COMM_MSG_SRVC_STARTED);
-    EXPECT_EQ(client.Next().id, COMM_MSG_ICON_APLUS_STATE);
-    EXPECT_EQ(sim.Control("fail-service"), "OK service=failed");
-    EXPECT_EQ(client.Next().id, COMM_MSG_SRVC_START_FAILED);
-    EXPECT_EQ(sim.Control("stats-burst 5"), "OK sent=5");
-    for (int i = 0; i < 5; ++i) {
-        m = client.Next();
-        EXPECT_EQ(m.id, COMM_MSG_SERVICE_STATS);
-        EXPECT_EQ(m.data.size(), sizeof(ServiceStatistics));
-    }
-
-    for (const char* bad : {"state 256", "send 1041 ABC", "send 1041 ZZ", "bogus", ""})
-        EXPECT_EQ(sim.Control(bad).rfind("ERR", 0), 0u) << bad;
-    EXPECT_EQ(client.Next(milliseconds(100)).id, 0u);
 
     EXPECT_EQ(sim.Control("clients"), "OK clients=1");
     EXPECT_EQ(sim.Control("drop"), "OK dropped=1");
@@ -194,7 +166,7 @@ TEST(AgentSimulator, DaemonTakesAControlLineOnStdinAndEndsWithIt) {
     fflush(daemon);
     const ReceivedMessage m = client.Next();
     EXPECT_EQ(m.id, COMM_MSG_ICON_APLUS_STATE);
-    EXPECT_EQ(m.data, std::vector<uint8_t>{8});
+    EXPECT_EQ(m.Text(), "\x08");
     EXPECT_EQ(pclose(daemon), 0);  // the end of stdin ends the daemon
     EXPECT_TRUE(client.WaitDisconnected());
 }

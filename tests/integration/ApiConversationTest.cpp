@@ -75,6 +75,51 @@ class ApiAgainstAgent : public ::testing::Test {
         StopApi();
         EXPECT_LT(Clock::now() - start, seconds(1)) << "stop " << phase;
     }
+    // Holds the first status `code` on its thread until `released` is ready; `held` tells when.
+    void HoldFirst(uint64_t code, std::promise<void>& held, std::shared_future<void> released) {
+        auto first = std::make_shared<bool>(true);  // only the notifying thread touches it
+        cb_.statusHook = [=, &held](uint64_t status) {
+            if (status == code && *first) {
+                *first = false;
+                held.set_value();
+                released.wait();
+            }
+        };
+    }
+    // Stops what is left and waits until the threads of the test are gone.
+    void ExpectThreadsBackTo(int baseline) {
+        StopApi();
+        sim_.reset();
+        for (auto end = Clock::now() + seconds(10); ThreadCount() > baseline && Clock::now() < end;)
+            std::this_thread::sleep_for(milliseconds(10));
+        EXPECT_EQ(ThreadCount(), baseline);
+    }
+    // A server of our own in place of the agent: it records the session and, once `released`
+    // is set, lets its I/O thread hang in the first packet's callback until it is ready.
+    struct OwnAgent : IIPCServerCallback {
+        std::atomic<uint32_t> session{0};
+        std::shared_future<void> released;
+        void OnPeerStateChanged(uint32_t, uint32_t s, uint32_t state) override {
+            if (state == 2)
+                session = s;
+        }
+        void OnReqMsgRecv(IPCBuffer*) override {
+            if (released.valid())
+                released.wait();
+        }
+        void OnRespMsgRecv(IPCBuffer*) override {}
+    };
+    std::unique_ptr<IIPCServer> ListenAsAgent(OwnAgent& agent) {
+        BR_STATUSCODE status = 0;
+        std::unique_ptr<IIPCServer> server(CIPCFactory::CreateIPCServer(8, &agent, status, kPort));
+        EXPECT_TRUE(server && server->Listen() == 0);
+        return server;
+    }
+    bool WaitSession(OwnAgent& agent) {
+        for (auto end = Clock::now() + seconds(10); !agent.session && Clock::now() < end;)
+            std::this_thread::sleep_for(milliseconds(10));
+        return agent.session != 0;
+    }
 
     TempRoot root_;
     SimLog log_;
@@ -209,11 +254,8 @@ TEST_F(ApiAgainstAgent, LostAgentGivesStatus8AfterThePauseAndReconnectsWhenItRet
     const Statuses statuses = cb_.Statuses();
     EXPECT_EQ(Statuses(statuses.begin(), statuses.begin() + 2), (Statuses{9, 15}));
     EXPECT_EQ(statuses.back(), 9u);
-    const int during = ThreadCount();
-    StopApi();
-    sim_.reset();
-    EXPECT_LE(during - baseline, 6) << "threads pile up across reconnects";
-    EXPECT_EQ(ThreadCount(), baseline);
+    EXPECT_LE(ThreadCount() - baseline, 6) << "threads pile up across reconnects";
+    ExpectThreadsBackTo(baseline);
 }
 
 TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
@@ -224,21 +266,11 @@ TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
     EXPECT_EQ(syslog_capture::Count("Communicator : Communicator stopped\n"), 1u);
 
     // Connecting: the channel is up but the agent never says its service runs.
-    struct Silent : IIPCServerCallback {
-        void OnPeerStateChanged(uint32_t, uint32_t, uint32_t) override {}
-        void OnReqMsgRecv(IPCBuffer*) override {}
-        void OnRespMsgRecv(IPCBuffer*) override {}
-    } silent;
-    BR_STATUSCODE status = 0;
-    std::unique_ptr<IIPCServer> server(CIPCFactory::CreateIPCServer(8, &silent, status, kPort));
-    ASSERT_TRUE(server);
-    ASSERT_EQ(server->Listen(), 0);
+    OwnAgent silent;
+    std::unique_ptr<IIPCServer> server = ListenAsAgent(silent);
     StartApi();
-    for (auto end = Clock::now() + seconds(10); !server->PeerCount() && Clock::now() < end;)
-        std::this_thread::sleep_for(milliseconds(10));
-    ASSERT_EQ(server->PeerCount(), 1u);
+    ASSERT_TRUE(WaitSession(silent));
     StopPromptly("while connecting");
-    server->TearDown();
     server.reset();
 
     StartAgent();
@@ -250,26 +282,12 @@ TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
 TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop) {
     // The agent greets, then its I/O thread hangs in a callback and reads nothing more: the
     // sender blocks in SendData, whose time-out must end it before the stop's join gives up.
-    struct Stalled : IIPCServerCallback {
-        std::atomic<uint32_t> session{0};
-        std::shared_future<void> released;
-        void OnPeerStateChanged(uint32_t, uint32_t s, uint32_t state) override {
-            if (state == 2)
-                session = s;
-        }
-        void OnReqMsgRecv(IPCBuffer*) override { released.wait(); }
-        void OnRespMsgRecv(IPCBuffer*) override {}
-    } stalled;
+    OwnAgent stalled;
     std::promise<void> release;
     stalled.released = release.get_future().share();
-    BR_STATUSCODE status = 0;
-    std::unique_ptr<IIPCServer> server(CIPCFactory::CreateIPCServer(8, &stalled, status, kPort));
-    ASSERT_TRUE(server);
-    ASSERT_EQ(server->Listen(), 0);
+    std::unique_ptr<IIPCServer> server = ListenAsAgent(stalled);
     StartApi(true);
-    for (auto end = Clock::now() + seconds(10); !stalled.session && Clock::now() < end;)
-        std::this_thread::sleep_for(milliseconds(10));
-    ASSERT_NE(stalled.session, 0u);
+    ASSERT_TRUE(WaitSession(stalled));
     MSG_QUEUE_MSG started(COMM_MSG_SRVC_STARTED, 0, 1, 0);
     CWirePacket packet;
     ASSERT_TRUE(MakeWirePacket(&started, packet));
@@ -327,15 +345,7 @@ TEST_F(ApiAgainstAgent, CallbackStuckAcrossADropLeavesTheNextConnectionWhole) {
     StartApi(true);
     ASSERT_TRUE(cb_.WaitForStatus(9));
     std::promise<void> stuck, release;
-    std::shared_future<void> released = release.get_future().share();
-    bool first = true;  // only the first receiver thread touches it
-    cb_.statusHook = [&](uint64_t code) {
-        if (code == 3 && first) {
-            first = false;
-            stuck.set_value();
-            released.wait();
-        }
-    };
+    HoldFirst(3, stuck, release.get_future().share());
     ASSERT_EQ(sim_->Control("state 0x02"), "OK sent=1");
     ASSERT_EQ(stuck.get_future().wait_for(seconds(10)), std::future_status::ready);
     ASSERT_EQ(sim_->Control("state 0x04"), "OK sent=1");  // queued behind the stuck callback
@@ -361,11 +371,7 @@ TEST_F(ApiAgainstAgent, CallbackStuckAcrossADropLeavesTheNextConnectionWhole) {
     EXPECT_EQ(Statuses(all.begin() + before, all.end()), (Statuses{3, 4}));
     EXPECT_TRUE(
         syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5), exits + 1));
-    StopApi();
-    sim_.reset();
-    for (auto end = Clock::now() + seconds(10); ThreadCount() > baseline && Clock::now() < end;)
-        std::this_thread::sleep_for(milliseconds(10));
-    EXPECT_EQ(ThreadCount(), baseline);
+    ExpectThreadsBackTo(baseline);
 }
 
 TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) {
@@ -373,15 +379,7 @@ TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) 
     StartAgent();
     StartApi();
     std::promise<void> stuck, release;
-    std::shared_future<void> released = release.get_future().share();
-    bool first = true;  // only the receiver thread touches it
-    cb_.statusHook = [&](uint64_t code) {
-        if (code == 6 && first) {
-            first = false;
-            stuck.set_value();
-            released.wait();
-        }
-    };
+    HoldFirst(6, stuck, release.get_future().share());
     Listen();
     ASSERT_TRUE(cb_.WaitForStatus(9));
     ASSERT_EQ(sim_->Control("state 0x08"), "OK sent=1");
@@ -398,10 +396,7 @@ TEST_F(ApiAgainstAgent, ReceiverStuckInACallbackIsGivenUpWithoutHangingTheStop) 
     // Released, the abandoned receiver touches nothing freed and ends.
     release.set_value();
     EXPECT_TRUE(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", seconds(5)));
-    sim_.reset();
-    for (auto end = Clock::now() + seconds(10); ThreadCount() > baseline && Clock::now() < end;)
-        std::this_thread::sleep_for(milliseconds(10));
-    EXPECT_EQ(ThreadCount(), baseline);
+    ExpectThreadsBackTo(baseline);
 }
 
 }  // namespace

@@ -48,9 +48,7 @@ struct Root : TempRoot {
     }
 };
 
-// Records what a client or server reports; thread-safe. The hooks run on the I/O thread after
-// the record, outside the lock. A test sets `closed` once TearDown returned: any later callback
-// counts in `callsAfterClose`.
+// Records what a client or server reports; once `closed` is set, callbacks count as late.
 class Recorder : public IIPCServerCallback {
   public:
     void OnPeerStateChanged(uint32_t peer, uint32_t session, uint32_t state) override {
@@ -116,8 +114,7 @@ class Recorder : public IIPCServerCallback {
 };
 
 std::string LE32(uint32_t v) {
-    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-            static_cast<char>(v >> 24)};
+    return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
 }
 
 // A recognisable packet of `size` bytes whose first 4 bytes hold `tag`.
@@ -133,9 +130,8 @@ std::string Frame(const std::string& payload) {
 }
 
 // The 12-byte handshake: "TWIP", version 1, session, identity, little-endian.
-std::string HelloRecord(uint32_t identity, uint16_t session) {
-    return std::string("TWIP\1\0", 6) + static_cast<char>(session & 0xff) +
-           static_cast<char>(session >> 8) + LE32(identity);
+std::string Hello(uint32_t identity, uint16_t session) {
+    return std::string("TWIP\1\0", 6) + char(session & 0xff) + char(session >> 8) + LE32(identity);
 }
 
 // A buffer over `bytes`, which must outlive it.
@@ -169,8 +165,8 @@ sockaddr_un AddressOf(const std::string& path) {
     return address;
 }
 
-// A raw server socket on the port's path, for servers that do what the library never does;
-// reads on its connections give up after 5 s.
+// A raw server socket on the port's path, for servers that do what the library never does; reads on
+// its connections give up after 5 s.
 int RawListener() {
     const std::string path = ipc::SocketPathForPort(kPort);
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -184,6 +180,16 @@ int RawListener() {
     return -1;
 }
 
+// Connects a library client to the raw listener: the accepted socket, after the client's hello.
+int AcceptClient(int listener, IIPCClient& client) {
+    EXPECT_EQ(client.ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    std::string hello(12, '\0');
+    EXPECT_EQ(recv(fd, &hello[0], hello.size(), MSG_WAITALL), 12);
+    EXPECT_EQ(hello, Hello(kModule, 0));
+    return fd;
+}
+
 bool WriteBytes(int fd, const std::string& bytes, bool oneAtATime = false) {
     for (size_t at = 0; at < bytes.size();) {
         const ssize_t sent =
@@ -195,20 +201,11 @@ bool WriteBytes(int fd, const std::string& bytes, bool oneAtATime = false) {
     return true;
 }
 
-std::string ReadBytes(int fd, size_t n) {
-    std::string bytes(n, '\0');
-    size_t at = 0;
-    for (ssize_t got; at < n && (got = recv(fd, &bytes[at], n - at, 0)) > 0;)
-        at += static_cast<size_t>(got);
-    return bytes.substr(0, at);
-}
-
-// A library server and client on a fresh root. The objects are declared after their recorders,
-// so they are destroyed (and torn down) first.
+// A library server and client on a fresh root. The objects are declared after their recorders, so
+// they are destroyed (and torn down) first.
 struct Channel {
     Root root;
-    Recorder serverEvents;
-    Recorder clientEvents;
+    Recorder serverEvents, clientEvents;
     std::unique_ptr<IIPCServer> server = MakeServer(serverEvents);
     std::unique_ptr<IIPCClient> client = MakeClient(clientEvents);
     uint16_t session = 0;
@@ -233,42 +230,39 @@ struct Channel {
         session = static_cast<uint16_t>(c[1]);
         return ::testing::AssertionSuccess();
     }
+    BR_STATUSCODE Send(bool fromServer, const std::string& bytes) {
+        IPCBuffer buffer = BufferOf(bytes);
+        return fromServer ? server->SendData(&buffer, session) : client->SendData(&buffer);
+    }
 };
 
 TEST(IPCChannel, DeliversWholePacketsInOrderBothWaysAlsoFromConcurrentSenders) {
     Channel ch;
     ASSERT_TRUE(ch.Connect());
     std::vector<std::string> sent;
-    for (size_t size : {24u, 600u, 65537u, 1u << 20, 0u}) {
+    for (size_t size : {24u, 600u, 65537u, kIPCMaxFrameLength, 0u}) {
         sent.push_back(Payload(size, static_cast<uint32_t>(sent.size())));
-        IPCBuffer buffer = BufferOf(sent.back());
-        ASSERT_EQ(ch.client->SendData(&buffer), IPC_STATUS_OK) << size;
-        ASSERT_EQ(ch.server->SendData(&buffer, ch.session), IPC_STATUS_OK) << size;
+        ASSERT_EQ(ch.Send(false, sent.back()), IPC_STATUS_OK) << size;
+        ASSERT_EQ(ch.Send(true, sent.back()), IPC_STATUS_OK) << size;
     }
     // Above the limit is refused before a byte goes out; the connection stays usable.
     const std::string tooBig(kIPCMaxFrameLength + 1, 'x');
-    IPCBuffer big = BufferOf(tooBig);
-    EXPECT_EQ(ch.client->SendData(&big), IPC_STATUS_TOO_LARGE);
-    EXPECT_EQ(ch.server->SendData(&big, ch.session), IPC_STATUS_TOO_LARGE);
+    EXPECT_EQ(ch.Send(false, tooBig), IPC_STATUS_TOO_LARGE);
+    EXPECT_EQ(ch.Send(true, tooBig), IPC_STATUS_TOO_LARGE);
     ASSERT_TRUE(ch.serverEvents.WaitPackets(sent.size()));
     ASSERT_TRUE(ch.clientEvents.WaitPackets(sent.size()));
     EXPECT_EQ(ch.serverEvents.Packets(), sent);
     EXPECT_EQ(ch.clientEvents.Packets(), sent);
 
-    // Bursts from two client threads and the server at once.
-    // Sizes up to 300 KiB fill the socket, so that sends are partial and a sender without the
-    // connection's lock would interleave its bytes with another's.
+    // Bursts from two client threads and the server at once. Sizes up to 300 KiB fill the socket,
+    // so that sends are partial and a sender without the connection's lock would interleave its
+    // bytes with another's.
     constexpr uint32_t kEach = 1000;
     auto sizeOf = [](uint32_t i) { return 24 + (i * 7919) % (i % 10 == 0 ? 300000 : 2000); };
     std::atomic<int> failures{0};
     auto pump = [&](uint32_t who, bool fromServer) {
-        for (uint32_t i = 0; i < kEach; ++i) {
-            const std::string bytes = Payload(sizeOf(i), (who << 24) | i);
-            IPCBuffer buffer = BufferOf(bytes);
-            if ((fromServer ? ch.server->SendData(&buffer, ch.session)
-                            : ch.client->SendData(&buffer)) != IPC_STATUS_OK)
-                ++failures;
-        }
+        for (uint32_t i = 0; i < kEach; ++i)
+            failures += ch.Send(fromServer, Payload(sizeOf(i), (who << 24) | i)) != IPC_STATUS_OK;
     };
     std::thread a(pump, 1, false), b(pump, 2, false), c(pump, 3, true);
     a.join();
@@ -308,15 +302,13 @@ TEST(IPCChannel, ConnectsOnlyToALiveServerAndEachConnectionEndsWithOneClosedEven
     Recorder otherEvents;
     EXPECT_EQ(MakeServer(otherEvents)->Listen(), IPC_STATUS_ADDRESS_IN_USE);
     const uint16_t first = ch.session;
-    const std::string ping = "ping";
-    IPCBuffer buffer = BufferOf(ping);
 
     // The server drops the client: one state 0 on each side, then nothing can be sent.
     ASSERT_EQ(ch.server->DisconnectPeer(first), IPC_STATUS_OK);
     ASSERT_TRUE(ch.clientEvents.WaitEvents(2));
     ASSERT_TRUE(ch.serverEvents.WaitEvents(2));
-    EXPECT_NE(ch.client->SendData(&buffer), IPC_STATUS_OK);
-    EXPECT_EQ(ch.server->SendData(&buffer, first), IPC_STATUS_NO_SESSION);
+    EXPECT_NE(ch.Send(false, "ping"), IPC_STATUS_OK);
+    EXPECT_EQ(ch.Send(true, "ping"), IPC_STATUS_NO_SESSION);
 
     // The same client object connects again; the server goes away with its socket file.
     ASSERT_TRUE(ch.Reconnect());
@@ -343,9 +335,8 @@ TEST(IPCChannel, NoCallbackRunsAfterTearDownReturnsUnderAStreamOfPackets) {
         std::atomic<bool> pumping{true};
         std::thread pump([&] {
             const std::string bytes = Payload(64 + 10 * round, round);
-            IPCBuffer buffer = BufferOf(bytes);
             while (pumping)
-                way == 2 ? ch.client->SendData(&buffer) : ch.server->SendData(&buffer, ch.session);
+                ch.Send(way != 2, bytes);
         });
         Recorder& receiver = way == 2 ? ch.serverEvents : ch.clientEvents;
         Recorder& survivor = way == 2 ? ch.clientEvents : ch.serverEvents;
@@ -372,9 +363,7 @@ TEST(IPCChannel, NoCallbackRunsAfterTearDownReturnsUnderAStreamOfPackets) {
         callbackDone = true;
     };
     ASSERT_TRUE(ch.Connect());
-    const std::string bytes = Payload(100, 1);
-    IPCBuffer buffer = BufferOf(bytes);
-    ASSERT_EQ(ch.server->SendData(&buffer, ch.session), IPC_STATUS_OK);
+    ASSERT_EQ(ch.Send(true, Payload(100, 1)), IPC_STATUS_OK);
     ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
     auto tearDown = std::async(std::launch::async, [&] {
         ch.client->TearDown();
@@ -391,37 +380,36 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     ipc::SetHandshakeTimeoutForTesting(200);
     syslog_capture::Clear();
     const std::vector<std::string> sent = {Payload(24, 1), Payload(600, 2), Payload(3000, 3)};
-    const std::string frames = Frame(sent[0]) + Frame(sent[1]) + Frame(sent[2]);
     const std::string& a = sent[1];
-    const std::string oversize = Frame(a) + LE32(kIPCMaxFrameLength + 1) + std::string(8, 'z');
-    const std::string cut = Frame(a) + Frame(a).substr(0, 60);
     const std::vector<Event> lost = {{kAgent, 0, 0}}, ended = {{kAgent, 5, 2}, {kAgent, 5, 0}};
-    struct Case {
+    const struct {
         const char* what;
-        std::string bytes;  // after them the raw server shuts its side, unless there are none
+        std::string bytes;  // after them the raw server shuts its side, unless there
+                            // are none
         bool oneAtATime;
         std::vector<Event> events;
         std::vector<std::string> packets;
-    };
-    const Case cases[] = {
-        {"trickled", HelloRecord(kAgent, 5) + frames, true, ended, sent},
-        {"oversize", HelloRecord(kAgent, 5) + oversize, false, ended, {a}},
-        {"cut at close", HelloRecord(kAgent, 5) + cut, false, ended, {a}},
+    } cases[] = {
+        {"trickled", Hello(kAgent, 5) + Frame(sent[0]) + Frame(a) + Frame(sent[2]), true, ended,
+         sent},
+        {"oversize",
+         Hello(kAgent, 5) + Frame(a) + LE32(kIPCMaxFrameLength + 1) + "zzzz",
+         false,
+         ended,
+         {a}},
+        {"cut at close", Hello(kAgent, 5) + Frame(a) + Frame(a).substr(0, 60), false, ended, {a}},
         {"garbage record", "HTTP/1.1 200 OK\r\n\r\n", false, lost, {}},
-        {"wrong identity", HelloRecord(7, 5) + Frame(a), false, lost, {}},
+        {"wrong identity", Hello(7, 5) + Frame(a), false, lost, {}},
         {"silent", "", false, lost, {}},
     };
     const int listener = RawListener();
     ASSERT_GE(listener, 0);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         Recorder events;
         const auto start = Clock::now();
         auto client = MakeClient(events);
-        ASSERT_EQ(client->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        EXPECT_EQ(ReadBytes(fd, 12), HelloRecord(kModule, 0));
+        const int fd = AcceptClient(listener, *client);
         if (!c.bytes.empty()) {
             WriteBytes(fd, c.bytes, c.oneAtATime);
             shutdown(fd, SHUT_WR);
@@ -436,8 +424,35 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
             EXPECT_LE(MillisSince(start), 1500);
         }
     }
-    close(listener);
     EXPECT_EQ(syslog_capture::CountContaining("exceeds the limit"), 1u);
+
+    // A server that stops reading: sends fill the socket until one times out after about 300 ms,
+    // and the connection is dropped.
+    ipc::SetSendTimeoutForTesting(300);
+    Recorder events;
+    auto client = MakeClient(events);
+    const int rawServer = AcceptClient(listener, *client);
+    ASSERT_TRUE(WriteBytes(rawServer, Hello(kAgent, 3)));
+    ASSERT_TRUE(events.WaitEvents(1));
+    const std::string big(kIPCMaxFrameLength, 'b');
+    IPCBuffer buffer = BufferOf(big);
+    BR_STATUSCODE status = IPC_STATUS_OK;
+    long long ms = 0;
+    for (int i = 0; i < 20 && status == IPC_STATUS_OK; ++i) {
+        const auto start = Clock::now();
+        status = client->SendData(&buffer);
+        ms = MillisSince(start);
+    }
+    EXPECT_EQ(status, IPC_STATUS_TIMEOUT);
+    EXPECT_GE(ms, 250);
+    EXPECT_LE(ms, 3000);
+    ASSERT_TRUE(events.WaitEvents(2));
+    EXPECT_EQ(events.Events()[1], (Event{kAgent, 3, 0}));
+    EXPECT_NE(client->SendData(&buffer), IPC_STATUS_OK);
+    client->TearDown();
+    EXPECT_EQ(events.Events().size(), 2u);
+    close(rawServer);
+    close(listener);
 }
 
 TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
@@ -445,7 +460,8 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     if (geteuid() != 0 || nobody == nullptr)
         GTEST_SKIP() << "needs root and a 'nobody' user";
     Root root;
-    chmod(root.path().c_str(), 0755);  // the impostor, running as nobody, must traverse it
+    chmod(root.path().c_str(),
+          0755);  // the impostor, running as nobody, must traverse it
     const std::string path = ipc::SocketPathForPort(kPort);
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     std::filesystem::create_directories(directory.parent_path());
@@ -475,7 +491,8 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     }
     close(ready[1]);
     char signal = 0;
-    ASSERT_EQ(read(ready[0], &signal, 1), 1);  // 0 when the child failed before listening
+    ASSERT_EQ(read(ready[0], &signal, 1),
+              1);  // 0 when the child failed before listening
     close(ready[0]);
 
     syslog_capture::Clear();
@@ -492,52 +509,16 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     EXPECT_TRUE(events.Events().empty());
 }
 
-TEST(IPCChannel, SendToAServerThatStopsReadingFailsInBoundedTimeAndDropsIt) {
-    Root root;
-    ipc::SetSendTimeoutForTesting(300);
-    const std::string big(kIPCMaxFrameLength, 'b');
-    IPCBuffer buffer = BufferOf(big);
-    const int listener = RawListener();
-    Recorder events;
-    auto client = MakeClient(events);
-    ASSERT_EQ(client->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
-    const int rawServer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_TRUE(WriteBytes(rawServer, HelloRecord(kAgent, 3)));
-    ASSERT_TRUE(events.WaitEvents(1));
-    // The server never reads: sends fill the socket until one times out after about 300 ms.
-    BR_STATUSCODE status = IPC_STATUS_OK;
-    long long ms = 0;
-    for (int i = 0; i < 20 && status == IPC_STATUS_OK; ++i) {
-        const auto start = Clock::now();
-        status = client->SendData(&buffer);
-        ms = MillisSince(start);
-    }
-    EXPECT_EQ(status, IPC_STATUS_TIMEOUT);
-    EXPECT_GE(ms, 250);
-    EXPECT_LE(ms, 3000);
-    ASSERT_TRUE(events.WaitEvents(2));
-    EXPECT_EQ(events.Events()[1], (Event{kAgent, 3, 0}));
-    EXPECT_NE(client->SendData(&buffer), IPC_STATUS_OK);
-    client->TearDown();
-    EXPECT_EQ(events.Events().size(), 2u);
-    close(rawServer);
-    close(listener);
-}
-
 TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     Channel ch;
-    const std::string bytes = "ping";
-    IPCBuffer ping = BufferOf(bytes);
-    EXPECT_EQ(ch.client->TearDown(), IPC_STATUS_OK);  // harmless without a connection
-    EXPECT_EQ(ch.client->SendData(&ping), IPC_STATUS_NOT_CONNECTED);
+    EXPECT_EQ(ch.client->TearDown(),
+              IPC_STATUS_OK);  // harmless without a connection
+    EXPECT_EQ(ch.Send(false, "ping"), IPC_STATUS_NOT_CONNECTED);
     EXPECT_EQ(ch.client->SendData(nullptr), IPC_STATUS_BAD_ARGUMENT);
 
-    // The server echoes from inside its callback.
-    ch.serverEvents.onPacket = [&](uint16_t session, const std::string& bytes) {
-        IPCBuffer echo = BufferOf(bytes);
-        ch.server->SendData(&echo, session);
-    };
-    // The client tears itself down inside its third delivery, after trying to reconnect there.
+    // The server echoes from inside its callback; the client tries to reconnect inside its third
+    // delivery, then tears itself down there.
+    ch.serverEvents.onPacket = [&](uint16_t, const std::string& bytes) { ch.Send(true, bytes); };
     std::atomic<BR_STATUSCODE> connectInside{-1};
     ch.clientEvents.onPacket = [&](uint16_t, const std::string&) {
         if (ch.clientEvents.Packets().size() == 3) {
@@ -547,7 +528,7 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     };
     ASSERT_TRUE(ch.Connect());
     for (int i = 0; i < 10; ++i)
-        ch.client->SendData(&ping);
+        ch.Send(false, "ping");
     ASSERT_TRUE(ch.serverEvents.WaitEvents(2));  // the client's end, seen by the server
     EXPECT_EQ(connectInside, IPC_STATUS_WRONG_THREAD);
     EXPECT_EQ(ch.clientEvents.Packets().size(), 3u);
@@ -556,16 +537,15 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     // A client deleted inside its own callback ends without touching the freed object.
     Recorder doomedEvents;
     IIPCClient* doomed = MakeClient(doomedEvents).release();
-    std::atomic<bool> deleted{false};
+    std::promise<void> deleted;
     doomedEvents.onEvent = [&](const Event&) {
         delete doomed;
-        deleted = true;  // the recorder is not touched after this: it may go when we return
+        deleted.set_value();  // the recorder is not touched after this: it may go
+                              // when we return
     };
     ASSERT_EQ(doomed->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
     ASSERT_TRUE(ch.serverEvents.WaitEvents(4));  // its arrival and its end, seen by the server
-    for (const auto until = Clock::now() + 5s; !deleted && Clock::now() < until;)
-        std::this_thread::yield();
-    EXPECT_TRUE(deleted);
+    EXPECT_EQ(deleted.get_future().wait_for(5s), std::future_status::ready);
     EXPECT_EQ(ch.serverEvents.Events()[3][2], 0u);
     EXPECT_EQ(doomedEvents.Events().size(), 1u);
 }

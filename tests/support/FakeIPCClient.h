@@ -1,8 +1,5 @@
-// A stand-in for the IPC library's client, handed to the communicator through its factory:
-// it records what the module connects and sends, can be told to fail a send, and lets a test
-// play the library by calling the module's callback with peer events and packets.
-// State is shared with the test and outlives the client, which the module owns; `mutex` guards
-// every member but the atomics and `callback`, which is set before the module's threads run.
+// The IPC client replaced for the communicator: records connects and sends, fails sends on
+// demand, and plays the library's callbacks. `mutex` guards State but the atomics and `callback`.
 #ifndef TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 #define TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 

@@ -1,7 +1,5 @@
-// An IVantoriaApiCB that records each notification as one line in `events` (in arrival order),
-// statuses also as values, and reads every getter of each result object while it is alive,
-// noting in `faults` a getter that breaks its contract. Notifications come on the module's
-// threads: `mutex` guards every recorded member; wait with WaitUntil.
+// Records each notification as one line in `events` and checks every getter of each result
+// object while it lives (broken contracts go to `faults`). `mutex` guards the recorded members.
 #ifndef TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 #define TIDEWAY_TESTS_SUPPORT_RECORDINGCALLBACK_H_
 
@@ -19,9 +17,8 @@
 
 #include "IVantoriaApiCB.h"
 
-// Reads a text getter by the two-call protocol (ask the size, then copy), checking that the
-// size fits exactly, nothing is written past it and one byte less is refused. On a broken
-// contract returns false with `text` naming the fault.
+// Reads a text getter by the two-call protocol (size, then copy); false with `text` naming the
+// fault when the size is not exact, a byte is written past it or one byte less is taken.
 template <typename Getter>
 bool ReadTextChecked(Getter get, std::string& text) {
     uint32_t length = 0;
@@ -133,8 +130,7 @@ class RecordingCallback final : public IVantoriaApiCB {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, timeout, done);
     }
-    // Waits until status `code` has come `occurrences` times in all; to wait for a new one
-    // after earlier ones, pass Count(code) + 1, never a fixed total.
+    // Waits until status `code` has come `occurrences` times in all (for a new one: Count + 1).
     bool WaitForStatus(uint64_t code, size_t occurrences = 1,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         return WaitUntil([&] { return CountLocked(code) >= occurrences; }, timeout);

@@ -1,6 +1,4 @@
-// A test client for the agent's side of the channel: connects with the module's IPC identity,
-// sends messages and queues what arrives, so a test can script a conversation step by step.
-// The test thread calls everything; the IPC I/O thread only fills the queue under m_Mutex.
+// Plays the module against an agent: sends messages and queues what arrives (under m_Mutex).
 #ifndef TIDEWAY_TESTS_SUPPORT_SCRIPTEDCLIENT_H_
 #define TIDEWAY_TESTS_SUPPORT_SCRIPTEDCLIENT_H_
 
@@ -63,13 +61,10 @@ class ScriptedClient : private IIPCCallback {
     }
     // Sends `id`, then skips what is still in flight until `answer` comes; false if it never does.
     bool AskPast(eCOMM_MESSAGE_ID id, uint32_t answer) {
-        if (!Send(id))
-            return false;
-        for (ReceivedMessage m; (m = Next()).id != 0;) {
-            if (m.id == answer)
-                return true;
-        }
-        return false;
+        uint32_t got = Send(id) ? answer + 1 : 0;
+        while (got != 0 && got != answer)
+            got = Next().id;
+        return got == answer;
     }
 
   private:
@@ -85,15 +80,12 @@ class ScriptedClient : private IIPCCallback {
         m_Changed.notify_all();
     }
     void OnReqMsgRecv(IPCBuffer* buffer) override {
-        MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
-        if (!ParsePacket(buffer->m_pData, buffer->m_Length, message))
+        MSG_QUEUE_MSG m(COMM_MSG_NONE, 0, 1, 0);
+        if (!ParsePacket(buffer->m_pData, buffer->m_Length, m))
             return;
-        ReceivedMessage received;
-        received.id = message.m_MessageId;
-        if (message.m_pData != nullptr)
-            received.data.assign(message.m_pData, message.m_pData + message.m_DataLength);
         std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Messages.push_back(std::move(received));
+        m_Messages.push_back(
+            {m.m_MessageId, {m.m_pData, m.m_pData + (m.m_pData ? m.m_DataLength : 0)}});
         m_Changed.notify_all();
     }
     void OnRespMsgRecv(IPCBuffer*) override {}

@@ -1,7 +1,5 @@
-// Captures the system log of a test process. Every test executable links SyslogCapture.cpp,
-// which defines openlog and vsyslog itself: the module's calls (also from a module loaded with
-// dlopen, since test executables export their symbols) land here instead of in the C library.
-// Every function is thread-safe.
+// Captures the system log: SyslogCapture.cpp defines openlog and vsyslog, which test executables
+// export, so the module's records (also from dlopen) land here. Thread-safe.
 #ifndef TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
 #define TIDEWAY_TESTS_SUPPORT_SYSLOGCAPTURE_H_
 

@@ -1,6 +1,4 @@
-// Shared pieces of the tests that run the module against an agent: a temporary app-data root
-// (which also holds the IPC sockets), the process's thread count, and a log of the agent
-// simulator's lines with waits (thread-safe: the simulator writes from its own threads).
+// A temporary app-data root (also the IPC sockets' root), the thread count, the simulator's log.
 #ifndef TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 #define TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 
@@ -30,15 +28,13 @@ inline int ThreadCount() {
     return n;
 }
 
-// The thread count to come back to: a first thread is started and joined before counting, so
-// that a sanitizer's background thread, which appears with the first thread, is counted too.
+// The thread count to come back to, counted after a first thread (a sanitizer starts its own).
 inline int ThreadBaseline() {
     std::thread([] {}).join();
     return ThreadCount();
 }
 
-// A fresh directory as the app-data root, and so the IPC sockets' root, for the life of the
-// object; removed afterwards.
+// A fresh directory as the app-data root for the life of the object.
 class TempRoot {
   public:
     TempRoot() {
