@@ -1,11 +1,7 @@
 #include "config/XMLReadWrite.h"
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 
