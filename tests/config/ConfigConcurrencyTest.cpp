@@ -1,14 +1,9 @@
-// Readers on several threads against a thread that edits and reloads the same configuration:
-// every read sees one whole profile, never the emptied maps of a reload in progress.
+// Readers on several threads never see a reload by another thread half done.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 

@@ -1,12 +1,4 @@
-// The file chain on real files in a temporary app-data root: which file becomes the running
-// profile, and what each of the three files holds afterwards, compared byte for byte.
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+// The file chain on real files: which file runs, and what each of the three holds afterwards.
 
 #include "ConfigTestSupport.h"
 
@@ -32,9 +24,8 @@ uint16_t RunningPort(CDnConfigFile& config) {
 }
 
 TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
-    // Files before: current G(ood) X(garbage) P(lain XML) -; update G B(ad) E(mpty) -;
-    // backup O(ther) U(pdate's copy) E -. After: K(ept) A(bsent) U(pdate's bytes) D(efault).
-    // Port 0: the load fails.
+    // Before: G(ood) X(garbage) P(lain XML) B(ad) O(ther) U(pdate's copy) -; after: K(ept)
+    // A(bsent) U(pdate's bytes) D(efault). Port 0: the load fails.
     const struct {
         const char *name, *before;
         bool checkUpdate, updateOnly;
@@ -78,10 +69,8 @@ TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
             else if (c == 'U')
                 fs::copy_file(root.Update(), paths[i]);
             else if (c != '-')
-                Write(paths[i], c == 'X'   ? std::string(64, 'x')
-                                : c == 'B' ? "junk"
-                                : c == 'P' ? kCurrentProfile
-                                           : "");
+                Write(paths[i],
+                      c == 'X' ? std::string(64, 'x') : c == 'B' ? "junk" : kCurrentProfile);
             before[i] = Bytes(paths[i]);
         }
         syslog_capture::Clear();
@@ -92,10 +81,8 @@ TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
             if (want == 'D')
                 EXPECT_EQ(Decode(paths[i]), "OBFUSCATED" + defaultXml) << paths[i];
             else
-                EXPECT_EQ(Bytes(paths[i]), want == 'K'   ? before[i]
-                                           : want == 'U' ? before[1]
-                                                         : "<absent>")
-                    << paths[i];
+                EXPECT_EQ(Bytes(paths[i]),
+                          want == 'K' ? before[i] : want == 'U' ? before[1] : "<absent>");
         }
         std::string label;
         EXPECT_EQ(config.GetProfileLabel(label), row.port != 0);  // a failed load leaves no store
@@ -152,8 +139,7 @@ TEST(ConfigFileChainTest, UserAndGroupsSurviveAnAdoptedUpdateOnlyWhileTheDomains
 
 TEST(ConfigFileChainTest, FailedCopiesOfTheUpdate) {
     ChainRoot root;
-    // The current place is a folder that cannot be removed: the update stays loaded, the
-    // initialisation fails, and no file changes.
+    // The current place is a folder: the update runs, the initialisation fails, no file changes.
     fs::create_directories(root.Current() + "/inner");
     WriteObfuscated(root.Update(), kUpdateProfile);
     const std::string update = Bytes(root.Update());
@@ -313,30 +299,12 @@ TEST(ConfigFileChainTest, CommitWritesTheTypeOfTheLastProbe) {
     EXPECT_EQ(Logged("UpdateData : Failed to commit changes to config"), 1u);
 }
 
-TEST(ConfigFileChainTest, ChangesStayInMemoryOutsideTheOwnerAndBadArgumentsAreRefused) {
+TEST(ConfigFileChainTest, BadArgumentsAndAMissingStoreAreRefused) {
     ChainRoot root;
     auto config = LoadParameters(root, "<ipc_port>1001</ipc_port>");
-    const std::string file = Bytes(root.Current());
-    EXPECT_TRUE(config->UpdateConfigKey("ipc_port", "4444", true));
-    EXPECT_TRUE(config->UpdateConfigKey("brand_new", "x", true));
-    EXPECT_EQ(RunningPort(*config), 4444);
-    EXPECT_EQ(config->GetString("brand_new"), "x");
-    EXPECT_EQ(Bytes(root.Current()), file);
-    EXPECT_TRUE(config->Reload());  // reads the file again: the change is gone
-    EXPECT_EQ(RunningPort(*config), 1001);
-    EXPECT_EQ(config->GetString("brand_new"), "");
-
-    syslog_capture::Clear();
-    EXPECT_FALSE(config->UpdateConfigKey(nullptr, "x", true));
-    EXPECT_FALSE(config->UpdateConfigKey("", "x", true));
-    EXPECT_FALSE(config->UpdateData(nullptr, "k", "v", false));
     boost::property_tree::ptree tree;
-    EXPECT_FALSE(config->GetXmlSubtree("", tree));
-    EXPECT_EQ(
-        syslog_capture::Texts(),
-        (std::vector<std::string>{
-            "XMLParser : Empty path passed in\n", "Config : Failed to update config key <=x>.\n",
-            "UpdateData : Bad parameter\n", "XMLParser : Empty xpath passed in\n"}));
+    EXPECT_FALSE(config->UpdateConfigKey(nullptr, "x", true) || config->GetXmlSubtree("", tree) ||
+                 config->UpdateConfigKey("", "x", true) || config->UpdateData(nullptr, "k", "v", 0));
     // Without a store every operation refuses.
     CDnConfigFile empty;
     EXPECT_FALSE(empty.SetXmlValue("ipc_port", "1") || empty.GetXmlSubtree("Logging", tree) ||

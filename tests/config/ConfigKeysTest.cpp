@@ -1,16 +1,8 @@
-// The typed reading of a loaded profile: the map filled by the walk, the trimmed getters, the
-// start-up record, the dump, and the log settings with their clamps.
+// The typed reading of a loaded profile: map, getters, start-up record, dump, log settings.
 #include <arpa/inet.h>
-#include <stdio.h>
-
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 #include "config/Config.h"
-#include "config/ConfigKeys.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
-// Helpers of the configuration tests: the trace, file bytes, obfuscated profiles, shell commands,
-// and an app-data root with the product's profile folders.
+// Helpers of the configuration tests: files, obfuscated profiles, shell runs, an app-data root.
 #ifndef TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 #define TIDEWAY_TESTS_CONFIG_CONFIGTESTSUPPORT_H_
 
@@ -7,6 +6,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +14,10 @@
 #include <functional>
 #include <fstream>
 #include <iterator>
+#include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +25,7 @@
 #include "TestEnv.h"
 #include "common/OpenSSLCrypt.h"
 #include "common/VNTrace.h"
+#include "config/ConfigKeys.h"
 #include "config/DnConfigFile.h"
 
 namespace config_test {
@@ -41,10 +44,9 @@ inline std::string Write(const std::string& path, const std::string& bytes) {
 // A file's bytes, or "<absent>".
 inline std::string Bytes(const std::string& path) {
     std::error_code ec;
-    if (!std::filesystem::is_regular_file(path, ec))
-        return "<absent>";
     std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return !std::filesystem::is_regular_file(path, ec) ? "<absent>"
+           : std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // A profile document around `parameters`, the inner text of ConfigurationParameters.
@@ -59,9 +61,7 @@ inline std::string Profile(const std::string& parameters, const std::string& lab
 // Writes `plain` obfuscated to `path`, with the marker in front unless `marker` is false.
 inline void WriteObfuscated(const std::string& path, const std::string& plain, bool marker = true) {
     const std::string data = (marker ? std::string(kObfuscatedMarker) : std::string()) + plain;
-    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), static_cast<uint32_t>(data.size()),
-                                                   path.c_str(), nullptr),
-              0)
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), data.size(), path.c_str(), nullptr), 0)
         << path;
 }
 
@@ -101,8 +101,7 @@ inline size_t Logged(const std::string& text) {
     return syslog_capture::Count(text + "\n");
 }
 
-// A temporary app-data root with the product's folders and the plug-in's role; the trace is set
-// up and the captured log cleared.
+// A temporary app-data root with the profile folders, the plug-in's role and a cleared log.
 class ChainRoot : public TempRoot {
   public:
     ChainRoot() {
@@ -129,9 +128,8 @@ inline std::unique_ptr<CDnConfigFile> LoadParameters(const ChainRoot& root,
     return config;
 }
 
-// Runs `save` in a forked child, as `user` when given, with files that may not grow past 1 KiB
-// when `fullDisk`; returns what it gave and what it logged: "true" or "false", then "|" and each
-// record.
+// Runs `save` in a forked child (as `user` if given; files capped at 1 KiB if `fullDisk`):
+// "true" or "false", then "|" and each log record.
 inline std::string SaveInChild(const passwd* user, const std::function<bool()>& save,
                                bool fullDisk = false) {
     int out[2];

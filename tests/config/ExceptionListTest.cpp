@@ -1,12 +1,4 @@
-// Exception and inclusion lists: names, IPv4 and IPv6 subnets, the kinds of refusal, and the
-// sorted, de-duplicated order in which entries come out.
-#include <stdio.h>
-
-#include <list>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+// Exception and inclusion lists: names, IPv4 and IPv6 subnets, refusals, sorted order.
 
 #include "ConfigTestSupport.h"
 

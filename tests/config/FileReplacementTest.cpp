@@ -1,15 +1,9 @@
-// Saving a profile must never leave it half written: a full disk (here a file-size limit in a
-// forked child) fails the save and leaves the old bytes and no stray file behind. Nor may a save
-// change a file that its writer could not open for writing (checked as `nobody` in a child).
+// A save never leaves a profile half written, nor changes a file its writer may not write.
 #include "common/FileReplacement.h"
 
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <iostream>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 

@@ -1,16 +1,7 @@
-// Downloaded profiles and the trusted-network section, on real files in a temporary app-data
-// root: what reaches the update file (and what never does), that the file chain adopts it, and
-// that replacing the trusted servers leaves every other byte of the profile as it was.
-#include <pwd.h>
+// Downloaded profiles and the trusted-network section, on real files.
 #include <stdlib.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include <boost/property_tree/ptree.hpp>
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 #include "config/HostedConfigFile.h"

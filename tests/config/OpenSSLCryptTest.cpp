@@ -1,10 +1,4 @@
-#include "common/OpenSSLCrypt.h"
-
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 #include "TidewayPassPhrase.h"
@@ -22,10 +16,7 @@ const std::string kXml =
 
 class OpenSSLCryptTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        config_test::InitTrace();
-        syslog_capture::Clear();
-    }
+    void SetUp() override { config_test::InitTrace(), syslog_capture::Clear(); }
     std::string Path(const std::string& name) const { return root.path() + "/" + name; }
     std::string Obfuscate(const std::string& name, const std::string& plain,
                           const char* phrase = nullptr) {

@@ -1,15 +1,9 @@
-// The trust-bundle check and the key, digest and encoding helpers, against the openssl tool:
-// certificates, bundles, keys and signatures are made by the tool at test time.
+// The trust-bundle check and the key, digest and encoding helpers, against the openssl tool.
 #include <string.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <openssl/pem.h>
 
 #include "ConfigTestSupport.h"
-#include "common/OpenSSLCrypt.h"
 #include "common/Utils.h"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the helpers take RSA and DSA keys
@@ -20,10 +14,7 @@ using config_test::Write;
 
 class OpenSSLToolTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        config_test::InitTrace();
-        syslog_capture::Clear();
-    }
+    void SetUp() override { config_test::InitTrace(), syslog_capture::Clear(); }
     std::string Path(const std::string& name) const { return root.path() + "/" + name; }
     std::string File(const std::string& name) const { return config_test::Bytes(Path(name)); }
     void Run(const std::string& script) {
@@ -126,8 +117,6 @@ TEST_F(OpenSSLToolTest, DigestsAndBase64MatchPublishedVectors) {
         std::string text, hex;
     } digests[] = {
         {"SHA1", "abc", "A9993E364706816ABA3E25717850C26C9CD0D89D"},
-        {"SHA1", two, "84983E441C3BD26EBAAE4AA1F95129E5E54670F1"},
-        {"SHA256", "abc", "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
         {"sha256", two, "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1"},
         {"NOSUCH", "abc", ""},
     };
