@@ -254,22 +254,12 @@ TEST(XmlNode, AttributesChildrenAndCopiesBetweenDocuments) {
     EXPECT_TRUE(XmlNode().AddChild("x").IsNull());
     EXPECT_TRUE(target.CreateChildNode(XmlNode(), "x").IsNull());
     target.root.RemoveAttribute(kUiTimestamp);
-    EXPECT_EQ(target.ToString(),
-              "<brguiNotice type=\"update\">\n"
-              "\t<a x=\"5\">\n"
-              "\t\ttext\n"
-              "\t\t<b y=\"2\"/>\n"
-              "\t\ttail\n"
-              "\t\t<b/>\n"
-              "\t\t<c>\n"
-              "\t\t\ttext\n"
-              "\t\t\t<b y=\"2\"/>\n"
-              "\t\t\ttail\n"
-              "\t\t\t<b/>\n"
-              "\t\t\t<c/>\n"
-              "\t\t</c>\n"
-              "\t</a>\n"
-              "</brguiNotice>\n");
+    const auto copy = [](const std::string& t) {  // a's content, indented by `t`
+        return t + "text\n" + t + "<b y=\"2\"/>\n" + t + "tail\n" + t + "<b/>\n";
+    };
+    EXPECT_EQ(target.ToString(), "<brguiNotice type=\"update\">\n\t<a x=\"5\">\n" + copy("\t\t") +
+                                     "\t\t<c>\n" + copy("\t\t\t") +
+                                     "\t\t\t<c/>\n\t\t</c>\n\t</a>\n</brguiNotice>\n");
 }
 
 }  // namespace
