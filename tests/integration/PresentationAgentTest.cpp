@@ -1,7 +1,5 @@
-// The presentation plug-in made by CreatePlugin, against the agent simulator over the real
-// channel: what the agent says and the notices the host gets for it, in order; and what each
-// host action makes reach the agent, before or after the dialog's notice. Built twice, once per
-// table (GTEST_FILTER in CMakeLists.txt).
+// The plug-in made by CreatePlugin against the agent simulator over the real channel: the
+// notices for what the agent says, and what each host action makes reach the agent.
 #include <string.h>
 
 #include <chrono>
@@ -35,41 +33,38 @@ std::string T(uint32_t key) {
 // page changes. "empty" for an update with nothing in it, "popup <id> <type> <title>|<text>".
 std::string Summary(const std::string& xml) {
     const XmlUINotice n(xml.c_str());  // owns the nodes read below
-    if (!n.valid || n.type == kNoticeSetup)
-        return n.valid ? "setup" : "invalid " + xml;
-    if (n.type == kNoticePopup) {
+    if (!n.valid || n.type != kNoticeUpdate) {
         const XmlNode p = n.root.FirstChild(kUiPopup);
-        return "popup " + p.GetAttribute(kUiId) + " " + p.GetAttribute(kUiType) + " " +
-               p.FirstChild(kUiTitle).GetAttribute(kUiValue) + "|" +
-               p.FirstChild(kUiText).GetAttribute(kUiValue);
+        return !n.valid ? "invalid " + xml
+               : n.type == kNoticeSetup
+                   ? "setup"
+                   : "popup " + p.GetAttribute(kUiId) + " " + p.GetAttribute(kUiType) + " " +
+                         p.FirstChild(kUiTitle).GetAttribute(kUiValue) + "|" +
+                         p.FirstChild(kUiText).GetAttribute(kUiValue);
     }
-    if (n.type != kNoticeUpdate)
-        return "type " + std::to_string(n.type);
     std::string s;
     auto add = [&s](const std::string& part) { s += (s.empty() ? "" : "|") + part; };
     bool hasState = false;
     const std::string state = n.root.GetAttribute(kUiState, hasState);
     if (hasState)
         add("state=" + state);
-    auto value = [&](const char* id, const std::string& field) {
-        const auto found = n.controls.find(id);
+    const XmlNode log = n.root.FirstChild(kUiLog);
+    for (const auto& f :
+         {std::make_pair(kIdSimpleStatus, "status"), std::make_pair(kIdTrayStateString, "tray"),
+          std::make_pair("", "log"), std::make_pair(kIdTower, "tower")}) {
+        const auto found = n.controls.find(f.first);
         if (found != n.controls.end())
-            add(field + "=" + found->second.GetAttribute(kUiValue));
-    };
-    value(kIdSimpleStatus, "status");
-    value(kIdTrayStateString, "tray");
-    if (!n.root.FirstChild(kUiLog).IsNull())
-        add("log=" + n.root.FirstChild(kUiLog).GetAttribute(kUiMessageHistory));
-    value(kIdTower, "tower");
+            add(f.second + ("=" + found->second.GetAttribute(kUiValue)));
+        else if (*f.first == '\0' && !log.IsNull())
+            add("log=" + log.GetAttribute(kUiMessageHistory));
+    }
     const auto combo = n.controls.find(kIdTowerListCombobox);
     if (combo != n.controls.end() && !combo->second.FirstChild(kUiComboItem).IsNull())
         add("list");
     else if (!hasState && (n.controls.count(kIdTowerUpdatePending) != 0 ||
                            n.controls.count(kIdModeRadioGroup) != 0))
         add("page");
-    if (s.empty())
-        return n.root.FirstChild().IsNull() ? "empty" : "other " + xml;
-    return s;
+    return !s.empty() ? s : n.root.FirstChild().IsNull() ? "empty" : "other " + xml;
 }
 // The summary of a status notice: tray state (none for nullptr), and the key's text on tile,
 // tray and history, with the tower behind tile and history when there is one.
@@ -199,8 +194,7 @@ TEST_F(PresentationAgent, EachAgentStatusReachesTheHostAsItsNotice) {
     for (const auto& row : rows) {
         if (*row.control != '\0')
             control(row.control);
-        // Notices come on the module's threads: wait for the row's number, then compare them
-        // all, so that a missing, extra or reordered notice fails this row or the next.
+        // A missing, extra or reordered notice fails this row or the next.
         const bool complete = host_.WaitForCount(next + row.notices.size(), seconds(20));
         const std::vector<std::string> all = host_.Notices();
         std::vector<std::string> got;

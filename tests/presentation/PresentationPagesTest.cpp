@@ -1,8 +1,6 @@
-// The pages of the presentation plug-in against a recording host, without an agent: a script of
-// callbacks fed the API's own result objects, and byte for byte what each one printed (notices,
-// timestamps masked; the plug-in's trace lines and the API requests it made, which all fail
-// here and so show in their order), compared with the references in data/.
-// PAGES_WRITE_REFERENCE=1 rewrites the references from the run.
+// The plug-in's pages against a recording host: scripted callbacks with the API's own result
+// objects; all they print (notices, trace lines, the API requests, which fail here) is compared
+// with the references in data/ (PAGES_WRITE_REFERENCE=1 rewrites them).
 #include <string.h>
 
 #include <fstream>

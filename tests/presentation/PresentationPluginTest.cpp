@@ -1,9 +1,8 @@
-// The presentation plug-in's life against a recording host, without an agent: the result codes
-// of every host operation in order, the text getters, translators that answer wrongly, late
-// callbacks after Shutdown, and a host that calls back into the plug-in from DeliverXml.
+// The presentation plug-in's life against a recording host, without an agent.
 #include <future>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -90,21 +89,18 @@ TEST_F(PresentationLife, TextGettersKeepTheBufferProtocol) {
     uint32_t size = uint32_t(identity.size());  // one byte short
     EXPECT_EQ(plugin_.GetInterfaceName(buffer, size), -3);
     EXPECT_EQ(size, identity.size() + 1);
-    struct Copy {
-        const char* text;
-        bool withBuffer;
-        uint32_t size;
-        int32_t result;
-        uint32_t sizeAfter;
-    };
-    for (const Copy& c :
-         {Copy{"", true, 64, -2, 64}, Copy{"", false, 0, -3, 1}, Copy{"abc", false, 0, -3, 4},
-          Copy{"abc", true, 4, 0, 4}, Copy{"abc", true, 3, -2, 3}}) {
-        uint32_t s = c.size;
-        EXPECT_EQ(plugin_.GetTextCopy(c.text, nullptr, c.withBuffer ? buffer : nullptr, s),
-                  c.result)
-            << c.text << " " << c.size;
-        EXPECT_EQ(s, c.sizeAfter) << c.text;
+    // text, buffer or none, size before, result, size after
+    for (const auto& c : std::vector<std::tuple<const char*, bool, uint32_t, int32_t, uint32_t>>{
+             {"", true, 64, -2, 64},
+             {"", false, 0, -3, 1},
+             {"abc", false, 0, -3, 4},
+             {"abc", true, 4, 0, 4},
+             {"abc", true, 3, -2, 3}}) {
+        uint32_t s = std::get<2>(c);
+        EXPECT_EQ(
+            plugin_.GetTextCopy(std::get<0>(c), nullptr, std::get<1>(c) ? buffer : nullptr, s),
+            std::get<3>(c));
+        EXPECT_EQ(s, std::get<4>(c)) << std::get<0>(c) << " " << std::get<2>(c);
     }
     EXPECT_EQ(plugin_.SupportsInterface("com.tarvex.brenlo.presentation", 99), 1);
     EXPECT_EQ(plugin_.SupportsInterface("com.tarvex.brenlo.presentatio", 0), 0);

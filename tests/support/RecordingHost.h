@@ -7,6 +7,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -72,14 +73,11 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, limit, [&] { return notices.size() >= n; });
     }
-    // True when a notice holding `part` came within ten seconds.
-    bool WaitForNotice(const std::string& part) {
+    bool WaitForNotice(const std::string& part) {  // one holding `part`, within ten seconds
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] {
-            for (const auto& n : notices)
-                if (n.find(part) != std::string::npos)
-                    return true;
-            return false;
+            return std::any_of(notices.begin(), notices.end(),
+                               [&](const std::string& n) { return n.find(part) != n.npos; });
         });
     }
 
@@ -93,12 +91,10 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
 
   private:
     int32_t Record(uint32_t clientId, const char* text) {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            notices.push_back(text);
-            ids.push_back(clientId);
-            deliverers.push_back(std::this_thread::get_id());
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        notices.push_back(text);
+        ids.push_back(clientId);
+        deliverers.push_back(std::this_thread::get_id());
         changed.notify_all();
         return 0;
     }

@@ -1,7 +1,5 @@
-// tideway-host's web face without the module, over real sockets: the server in-process driven
-// by Beast's own client (what it serves and to whom, oversized and broken frames, every page
-// seeing every notice in one order, the replay for a late page), and the links to the agent
-// simulator against stand-ins of its log file and control socket.
+// tideway-host's web face over real sockets, driven by Beast's client, and its links to the
+// agent against stand-ins of the agent's log file and control socket.
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -43,24 +41,20 @@ using Strings = std::vector<std::string>;
 constexpr std::chrono::seconds kHang{20};  // only to catch a hang
 
 // Lines handed over by another thread.
-class Lines {
-  public:
+struct Lines {
     void Add(std::string line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back(std::move(line));
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(std::move(line));
+        changed.notify_all();
     }
-    // Waits (up to kHang) for at least `count` lines; returns them all.
-    Strings WaitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, kHang, [&] { return lines_.size() >= count; });
-        return lines_;
+    Strings WaitFor(size_t count) {  // all lines, once there are `count` (or after kHang)
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, kHang, [&] { return lines.size() >= count; });
+        return lines;
     }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    Strings lines_;
+    std::mutex mutex;
+    std::condition_variable changed;
+    Strings lines;
 };
 
 // A scratch folder and an I/O thread that runs until the test ends.
@@ -101,7 +95,7 @@ beast::error_code Await(asio::io_context& io, tcp::socket& socket, Start start) 
 }
 
 tcp::endpoint Loopback(uint16_t port) {
-    return tcp::endpoint(asio::ip::make_address("127.0.0.1"), port);
+    return {asio::ip::make_address("127.0.0.1"), port};
 }
 
 // One page: a WebSocket to /ws with the given Host and Origin headers.
@@ -115,36 +109,22 @@ class Page {
         }));
         ws_.read_message_max(64 << 20);
         if (!ec_)
-            ec_ = Await(io_, socket(),
-                        [&](auto h) { ws_.async_handshake(response_, host, "/ws", h); });
+            ec_ = Await(io_, socket(), [&](auto h) { ws_.async_handshake(res_, host, "/ws", h); });
     }
-    unsigned Status() const { return response_.result_int(); }
-    bool Open() const { return !ec_; }
-    beast::error_code Send(const std::string& text) {
-        return Await(io_, socket(), [&](auto h) { ws_.async_write(asio::buffer(text), h); });
+    beast::error_code Send(const std::string& text, bool whole = true) {
+        return Await(io_, socket(),
+                     [&](auto h) { ws_.async_write_some(whole, asio::buffer(text), h); });
     }
-    // The next message; empty with the error in error() when the connection ended.
+    // The next message; empty with the error in ec_ when the connection ended.
     std::string Receive() {
         beast::flat_buffer buffer;
         ec_ = Await(io_, socket(), [&](auto h) { ws_.async_read(buffer, h); });
         return ec_ ? std::string() : beast::buffers_to_string(buffer.data());
     }
-    // The first frame of a message that never ends, then the connection vanishes.
-    void SendHalfAndVanish(const std::string& text) {
-        Await(io_, socket(), [&](auto h) { ws_.async_write_some(false, asio::buffer(text), h); });
-        beast::error_code ignored;
-        socket().close(ignored);
-    }
-    const beast::error_code& error() const { return ec_; }
-    websocket::close_code CloseCode() const {
-        return static_cast<websocket::close_code>(ws_.reason().code);
-    }
-
-  private:
     tcp::socket& socket() { return ws_.next_layer().socket(); }
     asio::io_context io_;
     websocket::stream<beast::tcp_stream> ws_;
-    websocket::response_type response_;
+    websocket::response_type res_;
     beast::error_code ec_;
 };
 
@@ -271,38 +251,52 @@ TEST_F(WebServerTest, WebSocketOnlyFromItsOwnPage) {
     };
     for (const auto& c : cases) {
         Page page(port_, c.host, c.origin);
-        EXPECT_EQ(page.Status(), c.status) << c.host << " from " << c.origin;
-        EXPECT_EQ(page.Open(), c.status == 101) << c.host << " from " << c.origin;
-        if (page.Open()) {
+        EXPECT_EQ(page.res_.result_int(), c.status) << c.host << " from " << c.origin;
+        EXPECT_EQ(!page.ec_, c.status == 101) << c.host << " from " << c.origin;
+        if (!page.ec_) {
             EXPECT_EQ(page.Receive(), "Iagent-control=yes");
         }
     }
 }
 
-TEST_F(WebServerTest, OversizedOrBrokenFramesCloseOnlyTheirPage) {
+// Oversized or broken frames close only their page; events come in order, control replies go
+// to the asking page only.
+TEST_F(WebServerTest, FramesEventsAndRepliesReachOnlyTheirPage) {
     auto big = OwnPage();
     auto vanishing = OwnPage();
     auto steady = OwnPage();
+    auto other = OwnPage();
     // The server hangs up at the frame's header: the write may fail half-way, or end and meet
     // the close frame (message too big); either way no hang and no message.
     const beast::error_code sent = big->Send("E" + std::string(10 << 20, 'x'));
     EXPECT_EQ(big->Receive(), "");
-    EXPECT_NE(big->error(), asio::error::timed_out);
+    EXPECT_NE(big->ec_, asio::error::timed_out);
     if (!sent) {
-        EXPECT_EQ(big->error(), websocket::error::closed) << big->error().message();
-        EXPECT_EQ(big->CloseCode(), websocket::close_code::too_big);
+        EXPECT_EQ(big->ec_, websocket::error::closed) << big->ec_.message();
+        EXPECT_EQ(big->ws_.reason().code, websocket::close_code::too_big);
     }
-    vanishing->SendHalfAndVanish("E<brguiEvent id=\"half");
-    // The largest message allowed passes whole; the others still hear the server.
+    vanishing->Send("E<brguiEvent id=\"half", false);  // a message that never ends
+    vanishing.reset();
     const std::string largest = "E" + std::string(WebServer::kMaxFrameBytes - 1, 'y');
     EXPECT_FALSE(steady->Send(largest));
+    for (int i = 0; i < 2; ++i)
+        EXPECT_FALSE(steady->Send("E<brguiEvent id=\"e" + std::to_string(i) + "\"/>"));
+    EXPECT_FALSE(steady->Send("Cproxy 10.1.2.3 3128 Basic office"));
+    EXPECT_EQ(steady->Receive(), "ROK echo proxy 10.1.2.3 3128 Basic office");
+    EXPECT_FALSE(steady->Send("Cstate 1\nexit"));
+    EXPECT_EQ(steady->Receive().substr(0, 5), "RERR ");
+    EXPECT_FALSE(other->Send("E<brguiEvent id=\"e2\"/>"));
+    EXPECT_EQ(lines_.WaitFor(4), (Strings{largest.substr(1), "<brguiEvent id=\"e0\"/>",
+                                          "<brguiEvent id=\"e1\"/>", "<brguiEvent id=\"e2\"/>"}));
+    // The others still hear the server, and `other` none of the replies.
     const std::string notice =
         "<brguiNotice type=\"update\"><label id=\"a\" value=\"1\"/></brguiNotice>";
     server_->PublishNotice(notice);
     EXPECT_EQ(steady->Receive(), "N" + notice);
     EXPECT_EQ(OwnPage()->Receive(), "N" + notice);
-    // Nothing of the broken messages came through.
-    EXPECT_TRUE(lines_.WaitFor(1) == Strings{largest.substr(1)});
+    server_->PublishStopped();
+    EXPECT_EQ(other->Receive(), "N" + notice);
+    EXPECT_EQ(other->Receive(), "S");
 }
 
 TEST_F(WebServerTest, TwentyPagesGetEveryNoticeInTheSameOrder) {
@@ -310,33 +304,31 @@ TEST_F(WebServerTest, TwentyPagesGetEveryNoticeInTheSameOrder) {
     for (int i = 0; i < 20; ++i)
         pages.push_back(OwnPage());
     // Two module threads deliver at once; every page must see one and the same order.
-    constexpr int kPerThread = 50;
-    auto deliver = [this](int thread) {
-        for (int i = 0; i < kPerThread; ++i)
-            server_->PublishNotice("<brguiNotice type=\"update\"><label id=\"t" +
-                                   std::to_string(thread) + "\" value=\"" + std::to_string(i) +
-                                   "\"/></brguiNotice>");
+    const auto notice = [](int thread, int i) {
+        return "<brguiNotice type=\"update\"><label id=\"t" + std::to_string(thread) +
+               "\" value=\"" + std::to_string(i) + "\"/></brguiNotice>";
+    };
+    auto deliver = [&](int thread) {
+        for (int i = 0; i < 50; ++i)
+            server_->PublishNotice(notice(thread, i));
     };
     std::thread first(deliver, 0), second(deliver, 1);
     first.join();
     second.join();
-    Strings order;
-    for (size_t p = 0; p < pages.size(); ++p) {
+    Strings order, own[2];  // each thread's notices must keep their own order
+    for (auto& page : pages) {
         Strings seen;
-        for (int i = 0; i < 2 * kPerThread; ++i)
-            seen.push_back(pages[p]->Receive());
-        if (p == 0)
+        for (int i = 0; i < 100; ++i)
+            seen.push_back(page->Receive());
+        if (order.empty())
             order = seen;
-        EXPECT_EQ(seen, order) << "page " << p;
+        EXPECT_EQ(seen, order);
     }
-    int next[2] = {0, 0};  // each thread's notices in its own order
-    for (const std::string& message : order) {
-        const int thread = message.find("id=\"t1\"") != std::string::npos ? 1 : 0;
-        EXPECT_NE(message.find("value=\"" + std::to_string(next[thread]++) + "\""),
-                  std::string::npos)
-            << message;
-    }
-    EXPECT_TRUE(next[0] == kPerThread && next[1] == kPerThread);
+    for (const std::string& message : order)
+        own[message.find("id=\"t1\"") != std::string::npos].push_back(message.substr(1));
+    for (int t = 0; t < 2; ++t)
+        for (int i = 0; i < 50; ++i)
+            EXPECT_EQ(own[t].at(i), notice(t, i));
 }
 
 TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
@@ -349,84 +341,54 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
                "\" " + rest + "><title value=\"x\"/></popup></brguiNotice>";
     };
     // The same row id stands in both boxes: a row of one does not replace the other's.
-    const auto row = [&](const char* box, const char* attributes, const char* value) {
-        return update(std::string("<outlinelistbox id=\"") + box + "\"" + attributes +
-                      "><listgroup id=\"g\"><listrow id=\"id_cur_tower\"><listrowcolumn "
-                      "label=\"" +
-                      value + "\"/></listrow></listgroup></outlinelistbox>");
+    const auto row = [&](const std::string& box, const std::string& value) {
+        return update("<outlinelistbox id=\"" + box +
+                      "><listgroup id=\"g\"><listrow id=\"id_cur_"
+                      "tower\"><listrowcolumn label=\"" +
+                      value +
+                      "\"/></listrow></listgroup>"
+                      "</outlinelistbox>");
     };
-    const auto log = [&](int i) {
-        return update("<log messagehistory=\"line " + std::to_string(i) + "\"/>");
-    };
-    const std::string setup =
-        "<brguiNotice module=\"m\" type=\"setup\"><label id=\"a\"/><label id=\"b\"/></brguiNotice>";
-    const std::string a2 = update("<label id=\"a\" value=\"2\"/>", " state=\"Good\"");
-    const std::string bHidden = update("<label id=\"b\" hidden=\"true\"/>");
-    const std::string bValue = update("<label id=\"b\" value=\"x\"/>");
-    const std::string overview = row("overview_stat_outlinelistbox", "", "o");
-    const std::string statsNew = row("stat_outlinelistbox", " updaterows=\"true\"", "new");
-    const std::string error = popup("error_popup", "type=\"error\"");
-
-    auto early = OwnPage();
-    Strings published = {setup,
-                         update("<label id=\"a\" value=\"1\"/>", " state=\"Error\""),
-                         a2,
-                         bHidden,
-                         bValue,
-                         row("stat_outlinelistbox", " updaterows=\"true\"", "old"),
-                         overview,
-                         statsNew,
-                         popup("credential_dialog", "type=\"custom\""),
-                         error,
-                         popup("credential_dialog", "dispose=\"true\"")};
+    const std::string stats = "stat_outlinelistbox\" updaterows=\"true\"";
+    const std::string setup = "<brguiNotice module=\"m\" type=\"setup\"></brguiNotice>";
+    // Published, and whether the late page gets it back.
+    std::vector<std::pair<std::string, bool>> published = {
+        {setup, true},
+        {update("<label id=\"a\" value=\"1\"/>", " state=\"Error\""), false},
+        {update("<label id=\"a\" value=\"2\"/>", " state=\"Good\""), true},
+        {update("<label id=\"b\" hidden=\"true\"/>"), true},
+        {update("<label id=\"b\" value=\"x\"/>"), true},
+        {row(stats, "old"), false},
+        {row("overview_stat_outlinelistbox\"", "o"), true},
+        {row(stats, "new"), true},
+        {popup("credential_dialog", "type=\"custom\""), false},
+        {popup("error_popup", "type=\"error\""), true},
+        {popup("credential_dialog", "dispose=\"true\""), false}};
     for (int i = 0; i < 105; ++i)
-        published.push_back(log(i));
-    published.push_back("not a notice at all");
-    for (const std::string& notice : published)
-        server_->PublishNotice(notice);
+        published.push_back(
+            {update("<log messagehistory=\"" + std::to_string(i) + "\"/>"), i >= 5});
+    published.push_back({"not a notice at all", false});
+    auto early = OwnPage();
+    for (const auto& notice : published)
+        server_->PublishNotice(notice.first);
     for (int i = 0; i < 250; ++i)
         server_->PublishAgentLine("RECV line " + std::to_string(i));
-    for (const std::string& notice : published)  // live: everything, as it came
-        ASSERT_EQ(early->Receive(), "N" + notice);
-
-    Strings expected = {setup, a2, bHidden, bValue, overview, statsNew, error};
-    for (int i = 5; i < 105; ++i)
-        expected.push_back(log(i));
+    for (const auto& notice : published)  // live: everything, as it came
+        ASSERT_EQ(early->Receive(), "N" + notice.first);
     auto late = OwnPage();
-    for (const std::string& notice : expected)
-        EXPECT_EQ(late->Receive(), "N" + notice);
+    for (const auto& notice : published)
+        EXPECT_TRUE(!notice.second || late->Receive() == "N" + notice.first) << notice.first;
     for (int i = 50; i < 250; ++i)
         EXPECT_EQ(late->Receive(), "ARECV line " + std::to_string(i));
-
     // A new setup starts the page over: nothing from before it is replayed.
-    const std::string setup2 =
-        "<brguiNotice module=\"m\" type=\"setup\"><label id=\"c\"/></brguiNotice>";
     const std::string c1 = update("<label id=\"c\" value=\"1\"/>");
-    server_->PublishNotice(setup2);
+    server_->PublishNotice(setup);
     server_->PublishNotice(c1);
     server_->PublishAgentLine("RECV last");
-    EXPECT_EQ(late->Receive(), "N" + setup2);  // the late page is now live too
+    EXPECT_EQ(late->Receive(), "N" + setup);  // the late page is now live too
     auto latest = OwnPage();
-    EXPECT_EQ(latest->Receive(), "N" + setup2);
-    EXPECT_EQ(latest->Receive(), "N" + c1);
-    EXPECT_EQ(latest->Receive(), "ARECV line 51");
-}
-
-TEST_F(WebServerTest, EventsInOrderAndRepliesToTheAskingPageOnly) {
-    auto asking = OwnPage();
-    auto other = OwnPage();
-    for (int i = 0; i < 3; ++i)
-        EXPECT_FALSE(asking->Send("E<brguiEvent id=\"e" + std::to_string(i) + "\"/>"));
-    EXPECT_FALSE(asking->Send("Cproxy 10.1.2.3 3128 Basic office"));
-    EXPECT_EQ(asking->Receive(), "ROK echo proxy 10.1.2.3 3128 Basic office");
-    EXPECT_FALSE(asking->Send("Cstate 1\nexit"));
-    EXPECT_EQ(asking->Receive().substr(0, 5), "RERR ");
-    EXPECT_FALSE(other->Send("E<brguiEvent id=\"e3\"/>"));
-    EXPECT_EQ(lines_.WaitFor(4), (Strings{"<brguiEvent id=\"e0\"/>", "<brguiEvent id=\"e1\"/>",
-                                          "<brguiEvent id=\"e2\"/>", "<brguiEvent id=\"e3\"/>"}));
-    // The other page heard none of the replies: its next message is the next notice.
-    server_->PublishStopped();
-    EXPECT_EQ(other->Receive(), "S");
+    for (const std::string& message : {"N" + setup, "N" + c1, std::string("ARECV line 51")})
+        EXPECT_EQ(latest->Receive(), message);
 }
 
 class AgentLinkTest : public IoTest {
@@ -435,8 +397,7 @@ class AgentLinkTest : public IoTest {
         IoTest::SetUp();
         thread_ = std::thread([this] { io_.run(); });
     }
-    void TearDown() override {
-        // Also after a failed assertion: the links' timers would keep the I/O thread running.
+    void TearDown() override {  // the links' timers would keep the I/O thread running
         asio::post(io_, [this] {
             if (tail_)
                 tail_->Close();
@@ -454,11 +415,8 @@ TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
     auto append = [&path](const std::string& text) { std::ofstream(path, std::ios::app) << text; };
     // More than the tail starts with: it begins on a whole line, near the end.
     std::string start;
-    for (int i = 0; i < 5000; ++i) {
-        char line[100];
-        snprintf(line, sizeof(line), "%-98d\n", i);
-        start += line;
-    }
+    for (int i = 0; i < 5000; ++i)
+        start += std::to_string(i) + std::string(98 - std::to_string(i).size(), ' ') + "\n";
     append(start + "one\ntwo\npart");
     tail_ = std::make_shared<AgentLogTail>(io_, path, [this](std::string l) { lines_.Add(l); });
     asio::post(io_, [tail = tail_] { tail->Start(); });
@@ -490,23 +448,19 @@ TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
 class FakeControl {
   public:
     explicit FakeControl(const std::string& path) : path_(path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
+        sockaddr_un address{AF_UNIX, {}};
         snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
         EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
         EXPECT_EQ(listen(listen_, 4), 0);
         thread_ = std::thread([this] { Serve(); });
     }
-    // Closes the listener and the connection and removes the socket file.
-    void Stop() {
+    void Stop() {  // closes the listener and the connection, removes the socket file
         stop_ = true;
         thread_.join();
         close(listen_);
         unlink(path_.c_str());
     }
     Lines hangUps;  // one line per connection the fake has closed
-
-  private:
     bool Readable(int fd) {
         pollfd p{fd, POLLIN, 0};
         return poll(&p, 1, 50) > 0;
