@@ -27,7 +27,8 @@ TEST(AgentSimulator, AnswersRequestsStreamsStatisticsAndTakesControlLines) {
 
     // The request answers are checked through the API (api_conversation_test); here the
     // statistics stream: whole, growing records until the stop; "stats off" pauses it.
-    ASSERT_EQ(client.Ask(COMM_MSG_SERVICE_STATS_START).Text(), "\1");
+    ASSERT_TRUE(client.Send(COMM_MSG_SERVICE_STATS_START));
+    ASSERT_EQ(client.Next().Text(), "\1");
     uint64_t lastTotal = 0;
     for (int i = 0; i < 3; ++i) {
         const ReceivedMessage m = client.Next();
