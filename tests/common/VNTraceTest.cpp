@@ -31,13 +31,14 @@ TEST_F(TraceTest, RecordsHoldTheMessageAndOneNewlineWithTheLevelPriority) {
     VNTRACE(TL_ERR, "Comm : Failed to create packet, %s", "System Out Of Memory");
     VNTRACE(TL_WARN, "warned %d", 7);
     VNTRACE(TL_API, "DisposePlugin %p called\n", static_cast<void*>(nullptr));
-    std::vector<std::pair<int, std::string>> records;
-    for (const auto& r : syslog_capture::Records())
-        records.emplace_back(r.priority, r.text);
-    EXPECT_EQ(records, (decltype(records){
-                           {LOG_ERR, "Comm : Failed to create packet, System Out Of Memory\n"},
-                           {LOG_WARNING, "warned 7\n"},
-                           {LOG_NOTICE, "DisposePlugin (nil) called\n\n"}}));  // one more newline
+    const auto records = syslog_capture::Records();
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[0].text, "Comm : Failed to create packet, System Out Of Memory\n");
+    EXPECT_EQ(records[0].priority, LOG_ERR);
+    EXPECT_EQ(records[1].text, "warned 7\n");
+    EXPECT_EQ(records[1].priority, LOG_WARNING);
+    EXPECT_EQ(records[2].text, "DisposePlugin (nil) called\n\n");  // its own newline and one more
+    EXPECT_EQ(records[2].priority, LOG_NOTICE);
 }
 
 TEST_F(TraceTest, DisabledLevelsEvaluateNothingAndLevel15IsAlwaysOff) {
@@ -73,9 +74,7 @@ TEST_F(TraceTest, WithoutTraceObjectOnlyErrorsReachTheLogDirectly) {
 
 TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
     CVNFileTrace trace;
-    const struct {
-        uint32_t given, mask;
-    } clamps[] = {{0xFFFF, 0x7FFF}, {0x8000, 0x6}, {0x1001, 0x1007}};
+    const struct { uint32_t given, mask; } clamps[] = {{0xFFFF, 0x7FFF}, {0x8000, 0x6}, {0x1001, 0x1007}};
     for (const auto& c : clamps) {
         trace.SetDebugLevel(c.given);
         EXPECT_EQ(trace.GetLevelMask(), c.mask) << c.given;
