@@ -1,5 +1,6 @@
 // The client API against the agent simulator over the real channel: commands, answers, refusals,
 // service stops, lost agents and stops in each phase.
+
 #include <atomic>
 #include <chrono>
 #include <future>
