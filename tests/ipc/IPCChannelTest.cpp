@@ -42,10 +42,7 @@ long long MillisSince(Clock::time_point start) {
 
 // A fresh socket root for the life of the object; the testing time-outs are restored afterwards.
 struct Root : TempRoot {
-    ~Root() {
-        ipc::SetSendTimeoutForTesting(0);
-        ipc::SetHandshakeTimeoutForTesting(0);
-    }
+    ~Root() { ipc::SetSendTimeoutForTesting(0), ipc::SetHandshakeTimeoutForTesting(0); }
 };
 
 // Records what a client or server reports; once `closed` is set, callbacks count as late.
@@ -63,14 +60,10 @@ class Recorder : public IIPCServerCallback {
         std::string bytes(static_cast<const char*>(buffer->m_pData), buffer->m_Length);
         if (buffer->m_Kind != kIPCBufferKindRequest)
             bytes = "wrong kind";
-        Add([&] {
-            m_Packets.push_back(bytes);
-            m_Sessions.push_back(session);
-        });
+        Add([&] { m_Packets.push_back(bytes), m_Sessions.push_back(session); });
         if (onPacket)
             onPacket(session, bytes);
     }
-
     bool WaitEvents(size_t n) {
         return WaitUntil([&] { return m_Events.size() >= n; });
     }
@@ -88,8 +81,7 @@ class Recorder : public IIPCServerCallback {
 
   private:
     void Add(const std::function<void()>& change) {
-        if (closed)
-            ++callsAfterClose;
+        callsAfterClose += closed ? 1 : 0;
         {
             std::lock_guard<std::mutex> guard(m_Lock);
             change();
@@ -384,8 +376,7 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     const std::vector<Event> lost = {{kAgent, 0, 0}}, ended = {{kAgent, 5, 2}, {kAgent, 5, 0}};
     const struct {
         const char* what;
-        std::string bytes;  // after them the raw server shuts its side, unless there
-                            // are none
+        std::string bytes;  // then the raw server shuts its side, unless there are none
         bool oneAtATime;
         std::vector<Event> events;
         std::vector<std::string> packets;
@@ -393,7 +384,7 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
         {"trickled", Hello(kAgent, 5) + Frame(sent[0]) + Frame(a) + Frame(sent[2]), true, ended,
          sent},
         {"oversize",
-         Hello(kAgent, 5) + Frame(a) + LE32(kIPCMaxFrameLength + 1) + "zzzz",
+         Hello(kAgent, 5) + Frame(a) + LE32(kIPCMaxFrameLength + 1) + "zz",
          false,
          ended,
          {a}},
@@ -460,8 +451,7 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     if (geteuid() != 0 || nobody == nullptr)
         GTEST_SKIP() << "needs root and a 'nobody' user";
     Root root;
-    chmod(root.path().c_str(),
-          0755);  // the impostor, running as nobody, must traverse it
+    chmod(root.path().c_str(), 0755);  // the impostor, running as nobody, must traverse it
     const std::string path = ipc::SocketPathForPort(kPort);
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     std::filesystem::create_directories(directory.parent_path());
@@ -491,8 +481,7 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     }
     close(ready[1]);
     char signal = 0;
-    ASSERT_EQ(read(ready[0], &signal, 1),
-              1);  // 0 when the child failed before listening
+    ASSERT_EQ(read(ready[0], &signal, 1), 1);  // 0 when the child failed before listening
     close(ready[0]);
 
     syslog_capture::Clear();
@@ -511,8 +500,7 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
 
 TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     Channel ch;
-    EXPECT_EQ(ch.client->TearDown(),
-              IPC_STATUS_OK);  // harmless without a connection
+    EXPECT_EQ(ch.client->TearDown(), IPC_STATUS_OK);  // harmless without a connection
     EXPECT_EQ(ch.Send(false, "ping"), IPC_STATUS_NOT_CONNECTED);
     EXPECT_EQ(ch.client->SendData(nullptr), IPC_STATUS_BAD_ARGUMENT);
 
@@ -540,8 +528,7 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     std::promise<void> deleted;
     doomedEvents.onEvent = [&](const Event&) {
         delete doomed;
-        deleted.set_value();  // the recorder is not touched after this: it may go
-                              // when we return
+        deleted.set_value();  // the recorder is not touched after this
     };
     ASSERT_EQ(doomed->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
     ASSERT_TRUE(ch.serverEvents.WaitEvents(4));  // its arrival and its end, seen by the server

@@ -55,10 +55,6 @@ class ScriptedClient : private IIPCCallback {
         }
         return out;
     }
-    // Sends and returns the next message (id 0 when the send fails or nothing comes).
-    ReceivedMessage Ask(eCOMM_MESSAGE_ID id, const void* data = nullptr, uint32_t length = 0) {
-        return Send(id, data, length) ? Next() : ReceivedMessage();
-    }
     // Sends `id`, then skips what is still in flight until `answer` comes; false if it never does.
     bool AskPast(eCOMM_MESSAGE_ID id, uint32_t answer) {
         uint32_t got = Send(id) ? answer + 1 : 0;
