@@ -54,6 +54,14 @@ std::string LocalTimeStamp() {
     return text;
 }
 
+// The names the two display getters offer; false, after the line both write, when there is none.
+bool OfferedTowers(CDnConfigFile& config, std::list<std::string>& names) {
+    if (config.GetValidDisplayTowers(names) == 0)
+        return true;
+    VNTRACE(TL_ERR, "Config: Failed to get valid display towers list.");
+    return false;
+}
+
 }  // namespace
 
 int CDnConfigFile::GetActiveTower(TowerInfo& out) {
@@ -208,10 +216,8 @@ int CDnConfigFile::GetDisplayTowerNames(std::string& out) {
     Guard lock(m_Lock);
     out.clear();
     std::list<std::string> names;
-    if (GetValidDisplayTowers(names) != 0) {
-        VNTRACE(TL_ERR, "Config: Failed to get valid display towers list.");
+    if (!OfferedTowers(*this, names))
         return 0;
-    }
     for (const std::string& name : names)
         out += name + ",";
     return 0;
@@ -221,10 +227,8 @@ int CDnConfigFile::GetDisplayTowerInfos(std::vector<TowerInfo>& out) {
     Guard lock(m_Lock);
     out.clear();
     std::list<std::string> names;
-    if (GetValidDisplayTowers(names) != 0) {
-        VNTRACE(TL_ERR, "Config: Failed to get valid display towers list.");
+    if (!OfferedTowers(*this, names))
         return 0;
-    }
     for (const std::string& name : names) {
         const auto found = FindTower(m_Towers, name);
         if (found != m_Towers.end())
