@@ -13,6 +13,12 @@ log="$work/agent.log"
 trap 'stop_agent_sim; rm -rf "$work"' EXIT
 start_agent_sim "$agent" "$log" --stats-interval-ms 200
 
+# An address that is not one is a usage error, refused before the module is loaded.
+for bad in abc:12 :80 127.0.0.1:65536; do
+  rc=0; timeout 20 "$host" --web "$bad" "$module" > /dev/null 2>&1 || rc=$?
+  [ "$rc" -eq 2 ] || { echo "tideway-host --web $bad exited $rc, not 2" >&2; exit 1; }
+done
+
 # Kept loaded so that the sanitizer build's leak check at exit sees the module's memory.
 "$host" --api --keep-loaded "$module" > "$work/host.out"
 cat "$work/host.out"

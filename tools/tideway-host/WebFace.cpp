@@ -18,6 +18,7 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 
@@ -132,9 +133,14 @@ bool ParseWebAddress(const std::string& text, std::string& address, uint16_t& po
         return false;
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']')
         host = host.substr(1, host.size() - 2);
-    if (host.empty())
+    if (host == "localhost")
+        host = "127.0.0.1";
+    // A name other than localhost is refused here, as a usage error, rather than at the bind.
+    boost::system::error_code notAnAddress;
+    asio::ip::make_address(host, notAnAddress);
+    if (notAnAddress)
         return false;
-    address = host == "localhost" ? "127.0.0.1" : host;
+    address = host;
     port = static_cast<uint16_t>(std::stoul(digits));
     return true;
 }
