@@ -69,8 +69,9 @@ TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
             else if (c == 'U')
                 fs::copy_file(root.Update(), paths[i]);
             else if (c != '-')
-                Write(paths[i],
-                      c == 'X' ? std::string(64, 'x') : c == 'B' ? "junk" : kCurrentProfile);
+                Write(paths[i], c == 'X'   ? std::string(64, 'x')
+                                : c == 'B' ? "junk"
+                                           : kCurrentProfile);
             before[i] = Bytes(paths[i]);
         }
         syslog_capture::Clear();
@@ -81,8 +82,9 @@ TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
             if (want == 'D')
                 EXPECT_EQ(Decode(paths[i]), "OBFUSCATED" + defaultXml) << paths[i];
             else
-                EXPECT_EQ(Bytes(paths[i]),
-                          want == 'K' ? before[i] : want == 'U' ? before[1] : "<absent>");
+                EXPECT_EQ(Bytes(paths[i]), want == 'K'   ? before[i]
+                                           : want == 'U' ? before[1]
+                                                         : "<absent>");
         }
         std::string label;
         EXPECT_EQ(config.GetProfileLabel(label), row.port != 0);  // a failed load leaves no store
@@ -304,7 +306,8 @@ TEST(ConfigFileChainTest, BadArgumentsAndAMissingStoreAreRefused) {
     auto config = LoadParameters(root, "<ipc_port>1001</ipc_port>");
     boost::property_tree::ptree tree;
     EXPECT_FALSE(config->UpdateConfigKey(nullptr, "x", true) || config->GetXmlSubtree("", tree) ||
-                 config->UpdateConfigKey("", "x", true) || config->UpdateData(nullptr, "k", "v", 0));
+                 config->UpdateConfigKey("", "x", true) ||
+                 config->UpdateData(nullptr, "k", "v", 0));
     // Without a store every operation refuses.
     CDnConfigFile empty;
     EXPECT_FALSE(empty.SetXmlValue("ipc_port", "1") || empty.GetXmlSubtree("Logging", tree) ||

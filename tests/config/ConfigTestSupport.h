@@ -11,8 +11,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <list>
 #include <memory>
@@ -45,8 +45,10 @@ inline std::string Write(const std::string& path, const std::string& bytes) {
 inline std::string Bytes(const std::string& path) {
     std::error_code ec;
     std::ifstream file(path, std::ios::binary);
-    return !std::filesystem::is_regular_file(path, ec) ? "<absent>"
-           : std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return !std::filesystem::is_regular_file(path, ec)
+               ? "<absent>"
+               : std::string(std::istreambuf_iterator<char>(file),
+                             std::istreambuf_iterator<char>());
 }
 
 // A profile document around `parameters`, the inner text of ConfigurationParameters.
@@ -61,7 +63,8 @@ inline std::string Profile(const std::string& parameters, const std::string& lab
 // Writes `plain` obfuscated to `path`, with the marker in front unless `marker` is false.
 inline void WriteObfuscated(const std::string& path, const std::string& plain, bool marker = true) {
     const std::string data = (marker ? std::string(kObfuscatedMarker) : std::string()) + plain;
-    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), data.size(), path.c_str(), nullptr), 0)
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), data.size(), path.c_str(), nullptr),
+              0)
         << path;
 }
 

@@ -35,19 +35,24 @@ struct HostedRoot : ChainRoot {
 
 TEST(HostedConfigTest, OnlyANewDecodableProfileReplacesTheUpdateFile) {
     HostedRoot root;
-    const std::string installed = "UseHostedConfig : Loaded and copied hosted config to update config";
+    const std::string installed =
+        "UseHostedConfig : Loaded and copied hosted config to update config";
     const std::string old = ObfuscatedBytes(root, Profile("<ipc_port>1</ipc_port>", "old"));
     const std::string fresh = ObfuscatedBytes(root, Profile("<ipc_port>2</ipc_port>", "new"));
-    const std::string oldSize = std::to_string(old.size()), wrongType = "UseHostedConfig : Downoaded config was wrong type ";
+    const std::string oldSize = std::to_string(old.size()),
+                      wrongType = "UseHostedConfig : Downoaded config was wrong type ";
     const struct {
         const char* name;
         bool updateExists;
         std::string hosted;
         std::string logged;  // besides the installed line, which a success adds
     } rows[] = {
-        {"identical", true, old, "UseHostedConfig : updateLength=" + oldSize + " hostedLength=" + oldSize},
-        {"different", true, fresh, "UseHostedConfig : Wrote " + std::to_string(fresh.size()) + " bytes"},
-        {"no update yet", false, fresh, "Config : Update file '" + root.Update() + "' doesn't exist. Code :2"},
+        {"identical", true, old,
+         "UseHostedConfig : updateLength=" + oldSize + " hostedLength=" + oldSize},
+        {"different", true, fresh,
+         "UseHostedConfig : Wrote " + std::to_string(fresh.size()) + " bytes"},
+        {"no update yet", false, fresh,
+         "Config : Update file '" + root.Update() + "' doesn't exist. Code :2"},
         {"without marker", true, ObfuscatedBytes(root, Profile(""), false), installed},
         {"garbage", true, "\x01\x02 not a profile", wrongType + "0"},
         {"plain XML", true, Profile("<ipc_port>3</ipc_port>"), wrongType + "1"},
@@ -65,12 +70,15 @@ TEST(HostedConfigTest, OnlyANewDecodableProfileReplacesTheUpdateFile) {
         }
         syslog_capture::Clear();
         EXPECT_EQ(CDnConfigFile().UseHostedConfig(row.hosted), result);
-        EXPECT_TRUE(Bytes(root.Update()) == (result ? row.hosted : row.updateExists ? old : "<absent>"));
+        EXPECT_TRUE(Bytes(root.Update()) == (result             ? row.hosted
+                                             : row.updateExists ? old
+                                                                : "<absent>"));
         EXPECT_EQ(Logged(row.logged), 1u);
         EXPECT_EQ(Logged(installed), result ? 1u : 0u);
         // A refused download stays in the temporary folder; nothing else is left beside.
         EXPECT_EQ(FilesIn(root.temporary), result || row.hosted == old ? 0u : 1u);
-        EXPECT_EQ(FilesIn(root.Path("tarvex/brenlo/tideway")), Bytes(root.Update()) == "<absent>" ? 0u : 1u);
+        EXPECT_EQ(FilesIn(root.Path("tarvex/brenlo/tideway")),
+                  Bytes(root.Update()) == "<absent>" ? 0u : 1u);
         struct stat status;
         if (row.updateExists && stat(root.Update().c_str(), &status) == 0) {
             EXPECT_EQ(status.st_mode & 07777, 0640u) << "the update file's mode changed";
@@ -79,7 +87,8 @@ TEST(HostedConfigTest, OnlyANewDecodableProfileReplacesTheUpdateFile) {
 
     // A full disk while the download is written, or a writer that may not write the update
     // file, leaves the old one whole and no stray file beside it.
-    const std::string large = ObfuscatedBytes(root, Profile("<!--" + std::string(4096, '-') + "-->"));
+    const std::string large =
+        ObfuscatedBytes(root, Profile("<!--" + std::string(4096, '-') + "-->"));
     Write(root.Update(), old);
     ASSERT_EQ(chmod(root.Update().c_str(), 0644), 0);
     const auto install = [&] { return CDnConfigFile().UseHostedConfig(large); };
@@ -103,7 +112,10 @@ TEST(HostedConfigTest, AnInstalledProfileIsReadAndThenAdoptedByTheNextRun) {
     Write(root.Update(), ObfuscatedBytes(root, Profile("<ipc_port>1</ipc_port>", "first")));
     ASSERT_TRUE(CDnConfigFile().InitializeConfig(true, false));  // adopted: backup == update
     const std::string hosted = ObfuscatedBytes(
-        root, Profile("<ipc_port>2</ipc_port><Towers><Tower><DisplayName>T</DisplayName></Tower></Towers>", "hosted"));
+        root,
+        Profile(
+            "<ipc_port>2</ipc_port><Towers><Tower><DisplayName>T</DisplayName></Tower></Towers>",
+            "hosted"));
     ASSERT_TRUE(CDnConfigFile().UseHostedConfig(hosted));
     std::string label;
     CHostedConfigFile reader;
@@ -155,7 +167,8 @@ TEST(HostedConfigTest, TrustedServersAreReplacedInPlaceAndTheRestKeepsItsBytes) 
         const std::string end = "</TrustedNetworkDetection>";
         const size_t stop = text.find(end) == std::string::npos ? text.find("/>", begin) + 2
                                                                 : text.find(end) + end.size();
-        return std::make_pair(text.substr(0, begin) + text.substr(stop), text.substr(begin, stop - begin));
+        return std::make_pair(text.substr(0, begin) + text.substr(stop),
+                              text.substr(begin, stop - begin));
     };
     const struct {
         int role;
@@ -199,7 +212,8 @@ TEST(HostedConfigTest, TrustedServersAreReplacedInPlaceAndTheRestKeepsItsBytes) 
         std::string trimmed = row.enabled;
         Trim(trimmed, kWhitespace);
         EXPECT_EQ(config->GetXmlValue(cfgkey::kTndEnabled), trimmed);
-        EXPECT_EQ(config->GetValues().count(cfgkey::kTndEnabled), row.role == kConfigRolePlugin ? 1u : 0u);
+        EXPECT_EQ(config->GetValues().count(cfgkey::kTndEnabled),
+                  row.role == kConfigRolePlugin ? 1u : 0u);
         ASSERT_TRUE(config->Reload());  // a reload of the file keeps every other key as it was
         EXPECT_EQ(config->GetValues(), valuesBefore);
     }

@@ -41,8 +41,9 @@ TEST_F(OpenSSLCryptTest, FileIsTheToolsCiphertextAndReadsBackAppended) {
         const std::string ours = Obfuscate("ours", plain, phrase);
         Write(Path("phrase"), phrase ? phrase : kBuiltInPassPhrase);
         Write(Path("plain"), plain);
-        ASSERT_EQ(Shell(root.path(), "openssl enc -e -aes-128-cbc -md sha1 -nosalt -pass "
-                                     "file:phrase -in plain -out theirs"),
+        ASSERT_EQ(Shell(root.path(),
+                        "openssl enc -e -aes-128-cbc -md sha1 -nosalt -pass "
+                        "file:phrase -in plain -out theirs"),
                   0);
         EXPECT_EQ(Bytes(ours), Bytes(Path("theirs")));
         std::string out = "kept:";
@@ -152,8 +153,12 @@ TEST_F(OpenSSLCryptTest, ObfuscateFileAndTheToolConvertBothWays) {
         const char* arguments;
         int status;
     } runs[] = {
-        {"-e -d plain.xml t", 2},  {"--decode plain.xml t", 1}, {"-p phrase -e plain.xml t.enc", 0},
-        {"-d t.enc t.dec", 1},     {"-p phrase -d t.enc t.dec", 0}, {"-d enc no/dir", 1},
+        {"-e -d plain.xml t", 2},
+        {"--decode plain.xml t", 1},
+        {"-p phrase -e plain.xml t.enc", 0},
+        {"-d t.enc t.dec", 1},
+        {"-p phrase -d t.enc t.dec", 0},
+        {"-d enc no/dir", 1},
     };
     for (const auto& r : runs) {
         EXPECT_EQ(Shell(root.path(), std::string(TIDEWAY_OBFUSCATE_TOOL " ") + r.arguments),

@@ -145,7 +145,8 @@ TEST(TowersTest, DisplayListsFollowDisplayTowersOrFallBackToAllTowers) {
         std::string names = "stale", joined, hosts;
         std::vector<TowerInfo> infos(1);
         EXPECT_EQ(config->GetDisplayTowersList(raw) + config->GetDisplayTowerNames(names) +
-                      config->GetDisplayTowerInfos(infos), 0);
+                      config->GetDisplayTowerInfos(infos),
+                  0);
         for (const auto& r : raw)
             joined += (joined.empty() ? "" : "|") + r;
         for (const auto& t : infos)
@@ -219,18 +220,19 @@ TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
     } cases[] = {
         {"hosted.wso", 0,
          "hosted.wso: valid obfuscated profile\nlabel: Branch\ntowers: 2\n"
-             "tower: A host=a.host ssl=443 plain=80 active=1\n"
-             "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
-             "dct: DetectClosest=1 Mode=manual\n"
-             "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
+         "tower: A host=a.host ssl=443 plain=80 active=1\n"
+         "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
+         "dct: DetectClosest=1 Mode=manual\n"
+         "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
         {"plain.xml", 1, "plain.xml: invalid: plain XML, not an obfuscated profile\n"},
         {"garbage", 1, "garbage: invalid: not an obfuscated file (or another pass phrase)\n"},
     };
     for (const auto& c : cases) {
         const std::string before = Bytes(root.Path(c.file));
         std::string out;
-        EXPECT_EQ(config_test::Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL " --check " + c.file, &out),
-                  c.status)
+        EXPECT_EQ(
+            config_test::Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL " --check " + c.file, &out),
+            c.status)
             << c.file;
         EXPECT_EQ(out, c.output);
         EXPECT_EQ(Bytes(root.Path(c.file)), before);  // checking never writes the file

@@ -139,18 +139,19 @@ TEST_F(OpenSSLToolTest, DigestsAndBase64MatchPublishedVectors) {
     for (size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<char>(i * 37);
     const std::pair<std::string, std::string> vectors[] = {
-        {"f", "Zg=="},   {"fo", "Zm8="},         {"foo", "Zm9v"},        {"foob", "Zm9vYg=="},
+        {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
         {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {bytes, ""},
     };
     for (const auto& v : vectors) {
         std::string encoded = ">";
-        ASSERT_EQ(COpenSSLCrypt::Base64Encode(U(v.first), static_cast<int>(v.first.size()), encoded),
-                  0);
+        ASSERT_EQ(
+            COpenSSLCrypt::Base64Encode(U(v.first), static_cast<int>(v.first.size()), encoded), 0);
         if (v.second.empty())
             EXPECT_EQ(encoded.find('\n'), 65u);
         else
             EXPECT_EQ(encoded, ">" + v.second + "\n");
-        for (std::string text : {encoded.substr(1), encoded.substr(1, encoded.size() - 2) + "\r\n"}) {
+        for (std::string text :
+             {encoded.substr(1), encoded.substr(1, encoded.size() - 2) + "\r\n"}) {
             int length = -1;
             unsigned char* decoded =
                 COpenSSLCrypt::Base64Decode(text.c_str(), static_cast<int>(text.size()), &length);
@@ -222,9 +223,10 @@ openssl pkeyutl -sign -inkey dsa.pem -in msg.sha1 -out msg.sig
     RSA_free(built);
     EXPECT_EQ(COpenSSLCrypt::CreateRSAKey("zz", "010001", &built), 3);
     EXPECT_EQ(built, nullptr);
-    EXPECT_EQ(syslog_capture::CountContaining("OpenSSLCrypt: RSA_private_decrypt failed. Error : ") +
-                  syslog_capture::CountContaining("OpenSSLCrypt: Failed in BN_hex2bn for modulus."),
-              2u);
+    EXPECT_EQ(
+        syslog_capture::CountContaining("OpenSSLCrypt: RSA_private_decrypt failed. Error : ") +
+            syslog_capture::CountContaining("OpenSSLCrypt: Failed in BN_hex2bn for modulus."),
+        2u);
 
     // The tool's DSA signature: valid, then a changed digest, a damaged signature, no digest.
     DSA* dsa = EVP_PKEY_get1_DSA(dsaKey);
@@ -238,8 +240,9 @@ openssl pkeyutl -sign -inkey dsa.pem -in msg.sha1 -out msg.sig
     EXPECT_EQ(verify(File("msg.sig"), &status), 1);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(verify("garbage", &status), -1);
-    EXPECT_EQ(syslog_capture::Texts(), std::vector<std::string>{"Error : Failed in DSA_verify. Code: " +
-                                                                std::to_string(status) + "\n"});
+    EXPECT_EQ(syslog_capture::Texts(),
+              std::vector<std::string>{
+                  "Error : Failed in DSA_verify. Code: " + std::to_string(status) + "\n"});
     digest[0] ^= 1;
     EXPECT_EQ(verify(File("msg.sig"), &status), 0);
     EXPECT_EQ(config_test::Logged("Error : Incorrect signature"), 1u);

@@ -42,11 +42,10 @@ void Record(void* context, const char* key, const void* value) {
     const auto* s = static_cast<const DctSetting*>(value);
     static_cast<Walk*>(context)->push_back(
         name + "=" +
-        (CompareNoCase(name, "Tower") == 0
-             ? t->DisplayName + "|" + t->Active + "|" + t->HostName + "|" + t->SSLPort + "|" +
-                   t->PlainPort
+        (CompareNoCase(name, "Tower") == 0 ? t->DisplayName + "|" + t->Active + "|" + t->HostName +
+                                                 "|" + t->SSLPort + "|" + t->PlainPort
          : CompareNoCase(name, "DetectClosestTower") == 0 ? s->first + ":" + s->second
-                                                         : static_cast<const char*>(value)));
+                                                          : static_cast<const char*>(value)));
 }
 
 class XMLReadWriteTest : public ::testing::Test {
@@ -143,8 +142,8 @@ TEST_F(XMLReadWriteTest, EnumConfigReportsTypedValuesInDocumentOrder) {
     // Not loaded, then without the node, with it empty, an empty document: each fails.
     Walk walk;
     EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
-    for (const char* text : {"<Tideway><Other/></Tideway>",
-                             "<Tideway><ConfigurationParameters/></Tideway>", ""}) {
+    for (const char* text :
+         {"<Tideway><Other/></Tideway>", "<Tideway><ConfigurationParameters/></Tideway>", ""}) {
         ASSERT_EQ(store.LoadFromString(text, true), kConfigOk);
         syslog_capture::Clear();
         EXPECT_EQ(store.EnumConfig(&walk, Record, true), kConfigFail);
