@@ -88,9 +88,7 @@ struct OpenFolder {
         original = Bytes(root.Current());
         chmod(root.path().c_str(), 0755);
         chmod(Folder().c_str(), 0777);
-        CXMLReadWrite store;
-        store.LoadFromString(Profile("<ipc_port>1001</ipc_port>"), true);
-        store.GetXML(xml);
+        xml = Rewritten(Profile("<ipc_port>1001</ipc_port>"));
     }
     std::string Folder() const { return root.Path("tarvex/brenlo/tideway/config"); }
 
