@@ -7,6 +7,7 @@
 namespace {
 
 using config_test::ChainRoot;
+using config_test::Join;
 using config_test::LoadParameters;
 
 TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
@@ -22,11 +23,7 @@ TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
                                  "<GroupInclude>in</GroupInclude><GroupExclude>out</GroupExclude>"
                                  "<Logging><debug_level>1F</debug_level></Logging>");
     enum Getter { kMap, kString, kInteger, kHex, kIp, kPort };
-    const struct {
-        const char* key;
-        Getter getter;
-        std::string expected;
-    } cases[] = {
+    const std::tuple<const char*, Getter, std::string> cases[] = {
         {"max_connections", kMap, " \t 42 \r\n"},
         {"max_connections", kString, "42"},
         {"max_connections", kInteger, "42"},
@@ -44,15 +41,15 @@ TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
     };
     const auto values = config->GetValues();
     syslog_capture::Clear();
-    for (const auto& c : cases) {
-        const std::string actual =
-            c.getter == kMap       ? (values.count(c.key) != 0 ? values.at(c.key) : "<none>")
-            : c.getter == kString  ? config->GetString(c.key)
-            : c.getter == kInteger ? std::to_string(config->GetInteger(c.key))
-            : c.getter == kHex     ? std::to_string(config->GetHexInteger(c.key))
-            : c.getter == kIp      ? std::to_string(config->GetIpAddress(c.key))
-                                   : std::to_string(config->GetPort(c.key));
-        EXPECT_EQ(actual, c.expected) << c.key << " getter " << c.getter;
+    for (const auto& [key, getter, expected] : cases) {
+        const std::string actual = getter == kMap
+                                       ? (values.count(key) != 0 ? values.at(key) : "<none>")
+                                   : getter == kString  ? config->GetString(key)
+                                   : getter == kInteger ? std::to_string(config->GetInteger(key))
+                                   : getter == kHex     ? std::to_string(config->GetHexInteger(key))
+                                   : getter == kIp      ? std::to_string(config->GetIpAddress(key))
+                                                        : std::to_string(config->GetPort(key));
+        EXPECT_EQ(actual, expected) << key << " getter " << getter;
     }
     EXPECT_TRUE(syslog_capture::Records().empty());
 
@@ -97,28 +94,31 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     ConfigParams params;
     params.ipcPort = 99;
     EXPECT_EQ(config->GetConfigParams(params), 0);
-    EXPECT_EQ(params.ipcPort, 0);  // absent
-    EXPECT_EQ(params.towerHosts, "e.example;w.example;");
-    EXPECT_EQ(params.towerUrlHost, "towers.example;");
-    EXPECT_EQ(params.address, ";10.0.0.2;");  // a later Address replaces the earlier, any case
-    EXPECT_EQ(params.kdfPortIncluded, "80,8080");
-    EXPECT_EQ(params.staticExceptions, "s1");
-    EXPECT_EQ(params.maxNumStaticExceptions, "12abc");
+    // No port; a later Address replaces the earlier, in any case.
+    EXPECT_EQ(
+        Join(std::vector<std::string>{std::to_string(params.ipcPort), params.towerHosts,
+                                      params.towerUrlHost, params.address, params.kdfPortIncluded,
+                                      params.staticExceptions, params.maxNumStaticExceptions}),
+        "0|e.example;w.example;|towers.example;|;10.0.0.2;|80,8080|s1|12abc");
 
-    // The tower list's host only comes with a path after it.
-    const struct {
-        const char *url, *host;
-    } urls[] = {{"  http://a.b:8080/p/q  ", "a.b:8080;"},
-                {"https://t.example", ""},
-                {"t.example/x", ""},
-                {"/", ""},
-                {"//h/", "h;"},
-                {"///", ";"}};
-    for (const auto& u : urls) {
+    // The tower list's host only comes with a path after it: each URL, then the host it gives.
+    const char* urls[] = {"  http://a.b:8080/p/q  ",
+                          "a.b:8080;",
+                          "https://t.example",
+                          "",
+                          "t.example/x",
+                          "",
+                          "/",
+                          "",
+                          "//h/",
+                          "h;",
+                          "///",
+                          ";"};
+    for (size_t i = 0; i < std::size(urls); i += 2) {
         config =
-            LoadParameters(root, std::string("<TowerUrl><![CDATA[") + u.url + "]]></TowerUrl>");
+            LoadParameters(root, std::string("<TowerUrl><![CDATA[") + urls[i] + "]]></TowerUrl>");
         config->GetConfigParams(params);
-        EXPECT_EQ(params.towerUrlHost, u.host) << u.url;
+        EXPECT_EQ(params.towerUrlHost, urls[i + 1]) << urls[i];
         EXPECT_EQ(params.address, ";");  // no Address element: the separator alone
     }
 }
@@ -140,29 +140,16 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     std::vector<std::string> lines;
     std::vector<int> marks;
     ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
-    const std::vector<std::string> expected = {
-        "Logging/debug_level = 7FFF",
-        "Logging/LogFileSize = 100",
-        "Logging/NumLogFilesToRetain = 1",
-        "Logging/LogFileRetentionTime/Days\t= 0",
-        "Logging/LogFileRetentionTime/Hours\t= 2",
-        "Logging/LogFileRetentionTime/Minutes\t= 0",
-        "ipc_port = 5003",
-        "tunnel_type = ssl",
-        "max_connections = ",
-        "min_connections = ",
-        "host_exceptions = a;b",
-        "proxy_exceptions = ",
-        "static_exceptions = ",
-        "enterprise_domains = corp",
-        "connection_cleanup_interval_ms = 3000",
-        "ActiveTowerDisplayName = East",
-        "ActiveTowerHostName = ",
-        "TrustedNetworkDetection/Enabled = true",
-        "DetectClosestTower/DetectClosest = 1",
-    };
-    EXPECT_EQ(lines, expected);
-    EXPECT_EQ(marks, std::vector<int>(expected.size(), 0));
+    EXPECT_EQ(
+        Join(lines, "\n"),
+        "Logging/debug_level = 7FFF\nLogging/LogFileSize = 100\nLogging/NumLogFilesToRetain = 1\n"
+        "Logging/LogFileRetentionTime/Days\t= 0\nLogging/LogFileRetentionTime/Hours\t= 2\n"
+        "Logging/LogFileRetentionTime/Minutes\t= 0\nipc_port = 5003\ntunnel_type = ssl\n"
+        "max_connections = \nmin_connections = \nhost_exceptions = a;b\nproxy_exceptions = \n"
+        "static_exceptions = \nenterprise_domains = corp\nconnection_cleanup_interval_ms = 3000\n"
+        "ActiveTowerDisplayName = East\nActiveTowerHostName = \n"
+        "TrustedNetworkDetection/Enabled = true\nDetectClosestTower/DetectClosest = 1");
+    EXPECT_EQ(marks, std::vector<int>(19, 0));
 
     CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);  // the owner sees its own keys
     lines.clear();
@@ -170,15 +157,14 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     EXPECT_EQ(lines.at(6), "kdf_listen_port = 5001");
     CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
     // WARN and ERR are added to a mask without them.
-    const struct {
-        const char *level, *shown;
-    } masks[] = {{"", "107"}, {"1", "7"}, {"8000", "6"}, {"18001", "7"}, {"106", "106"}};
-    for (const auto& m : masks) {
+    const std::pair<const char*, const char*> masks[] = {
+        {"", "107"}, {"1", "7"}, {"8000", "6"}, {"18001", "7"}, {"106", "106"}};
+    for (const auto& [level, shown] : masks) {
         config = LoadParameters(
-            root, std::string("<Logging><debug_level>") + m.level + "</debug_level></Logging>");
+            root, std::string("<Logging><debug_level>") + level + "</debug_level></Logging>");
         lines.clear();
         ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
-        EXPECT_EQ(lines.at(0), std::string("Logging/debug_level = ") + m.shown) << m.level;
+        EXPECT_EQ(lines.at(0), std::string("Logging/debug_level = ") + shown) << level;
     }
     lines.clear();
     EXPECT_EQ(CDnConfigFile().GetConfigDump(lines, marks), -1);
@@ -187,10 +173,7 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
 
 TEST(ConfigKeysTest, TunnelTypeAndConnectTimeout) {
     ChainRoot root;
-    const struct {
-        const char* params;
-        int tunnel, timeout;
-    } cases[] = {
+    const std::tuple<const char*, int, int> cases[] = {
         {"<tunnel_type>PLAIN</tunnel_type><connect_timeout>7</connect_timeout>", 2, 7},
         {"<tunnel_type>Ssl</tunnel_type><connect_timeout>7</connect_timeout>"
          "<tower_secure_connect_timeout>15</tower_secure_connect_timeout>",
@@ -199,12 +182,10 @@ TEST(ConfigKeysTest, TunnelTypeAndConnectTimeout) {
         {"<tower_secure_connect_timeout><![CDATA[ 9s ]]></tower_secure_connect_timeout>", 0, 9},
         {"<connect_timeout>-3</connect_timeout>", 0, -3},
     };
-    for (const auto& c : cases) {
-        auto config = LoadParameters(root, c.params);
-        EXPECT_EQ(std::to_string(config->GetTunnelType()) + " " +
-                      std::to_string(config->GetTowerConnectTimeout()),
-                  std::to_string(c.tunnel) + " " + std::to_string(c.timeout))
-            << c.params;
+    for (const auto& [params, tunnel, timeout] : cases) {
+        auto config = LoadParameters(root, params);
+        EXPECT_EQ(config->GetTunnelType(), tunnel) << params;
+        EXPECT_EQ(config->GetTowerConnectTimeout(), timeout) << params;
     }
 }
 
@@ -229,9 +210,7 @@ std::string Settings(const std::string& logging, const std::string& outside) {
 // its own, so one profile can hold a case of each.
 TEST(LoggingSettingsTest, ClampsAndDefaults) {
     config_test::InitTrace();
-    const struct {
-        const char *logging, *outside, *expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"", "", "107 1 10 10000 100 1 0 60"},
         {"<LogFileSize>50</LogFileSize><NumLogFilesToRetain>0</NumLogFilesToRetain>"
          "<ErrorReportingInterval>0</ErrorReportingInterval>",
@@ -249,8 +228,8 @@ TEST(LoggingSettingsTest, ClampsAndDefaults) {
          "FFFFFFFF 0 25 0 10000 4 93780 5"},
         {"<LogFileSize>2500</LogFileSize>", "", "107 1 10 10000 2500 1 0 60"},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(Settings(c.logging, c.outside), c.expected) << c.logging << c.outside;
+    for (const auto& [logging, outside, expected] : cases)
+        EXPECT_EQ(Settings(logging, outside), expected) << logging << outside;
 
     CXMLReadWrite unloaded;  // a store that never loaded leaves every default standing
     LoggingSettings settings;

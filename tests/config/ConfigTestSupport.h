@@ -102,6 +102,15 @@ inline size_t FilesIn(const std::string& folder) {
     return std::count_if(begin(files), end(files), [](auto& f) { return f.is_regular_file(); });
 }
 
+// The items of `list` with `separator` after each but the last.
+template <typename List>
+std::string Join(const List& list, const std::string& separator = "|") {
+    std::string text;
+    for (const auto& item : list)
+        text += item + separator;
+    return text.substr(0, text.size() - (text.empty() ? 0 : separator.size()));
+}
+
 // `text` as a store writes it back after loading it.
 inline std::string Rewritten(const std::string& text) {
     CXMLReadWrite store;
