@@ -96,6 +96,12 @@ inline int Shell(const std::string& dir, const std::string& script, std::string*
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The permission bits of `path`, or -1 when it has none to read.
+inline int Mode(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
 // Regular files in `folder`.
 inline size_t FilesIn(const std::string& folder) {
     const std::filesystem::directory_iterator files(folder);

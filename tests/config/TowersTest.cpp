@@ -109,10 +109,7 @@ TEST(TowersTest, ReplacedTowerListIsCommittedAndReadBack) {
         got += t.first + "=" + Joined(t.second) + " ";
     EXPECT_EQ(got, "C=C|1|c.host|81|444 B=B|0|new-b.host|82|445 C=C|0|second-c.host|83|446 ");
     EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), "new-b.host");
-    const std::string stamp = fresh.GetString("LastUpdateTime");
-    EXPECT_TRUE(stamp.size() == 14 && stamp.find_first_not_of("0123456789") == std::string::npos &&
-                stamp.compare(0, 2, "20") == 0)
-        << stamp;
+    EXPECT_THAT(fresh.GetString("LastUpdateTime"), testing::MatchesRegex("20[0-9]{12}"));
 }
 
 TEST(TowersTest, DisplayListsFollowDisplayTowersOrFallBackToAllTowers) {
