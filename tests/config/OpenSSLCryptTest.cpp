@@ -59,10 +59,7 @@ TEST_F(OpenSSLCryptTest, FileIsTheToolsCiphertextAndReadsBackAppended) {
 TEST_F(OpenSSLCryptTest, BadFilesFailWithTheirLineAndStayAsTheyWere) {
     const std::string good = Bytes(Obfuscate("good", kMarker + kXml));
     const std::string bad = "DeObfuscateFiletoStr: bad de-obfuscate\n";
-    const struct {
-        const char* name;
-        std::string bytes, line;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"empty", "", bad},
         {"plain xml", kXml, bad},
         {"cut by a byte", good.substr(0, good.size() - 1), bad},
@@ -70,14 +67,15 @@ TEST_F(OpenSSLCryptTest, BadFilesFailWithTheirLineAndStayAsTheyWere) {
         {"empty plaintext", Bytes(Obfuscate("y", "")),
          "DeObfuscateFiletoStr: error getting data from mem BIO\n"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [name, bytes, line] : cases) {
+        SCOPED_TRACE(name);
         syslog_capture::Clear();
-        const std::string path = Write(Path("bad"), c.bytes);
+        const std::string path = Write(Path("bad"), bytes);
         std::string out = "untouched";
-        EXPECT_EQ(Read(path, out), -1) << c.name;
-        EXPECT_EQ(out, "untouched") << c.name;
-        EXPECT_EQ(syslog_capture::Texts(), std::vector<std::string>{c.line}) << c.name;
-        EXPECT_EQ(Bytes(path), c.bytes) << c.name;
+        EXPECT_EQ(Read(path, out), -1);
+        EXPECT_EQ(out, "untouched");
+        EXPECT_THAT(syslog_capture::Texts(), testing::ElementsAre(line));
+        EXPECT_EQ(Bytes(path), bytes);
     }
     // Nothing to open, no path, no cipher, a folder: -1 and nothing delivered.
     std::string out;
@@ -140,31 +138,17 @@ TEST_F(OpenSSLCryptTest, ObfuscateFileAndTheToolConvertBothWays) {
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(plain.c_str(), Path("x").c_str(), nullptr, 0), -1);
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(enc.c_str(), Path("no/dir").c_str(), nullptr, 0), 0);
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(Bytes(Path("dec")), kXml);
-    EXPECT_EQ(Bytes(plain), kXml);
-    EXPECT_EQ(Bytes(Path("x")), "<absent>");
+    EXPECT_EQ(Bytes(Path("dec")) + Bytes(plain) + Bytes(Path("x")), kXml + kXml + "<absent>");
     std::string out;
     ASSERT_EQ(Read(enc, out), 0);
     EXPECT_EQ(out, kMarker + kXml);
 
-    // The maintenance tool: its exit status for each command line.
+    // The maintenance tool: each exit status, then the command line that gives it.
     Write(Path("phrase"), "custom phrase\n");
-    const struct {
-        const char* arguments;
-        int status;
-    } runs[] = {
-        {"-e -d plain.xml t", 2},
-        {"--decode plain.xml t", 1},
-        {"-p phrase -e plain.xml t.enc", 0},
-        {"-d t.enc t.dec", 1},
-        {"-p phrase -d t.enc t.dec", 0},
-        {"-d enc no/dir", 1},
-    };
-    for (const auto& r : runs) {
-        EXPECT_EQ(Shell(root.path(), std::string(TIDEWAY_OBFUSCATE_TOOL " ") + r.arguments),
-                  r.status)
-            << r.arguments;
-    }
+    for (const std::string run :
+         {"2 -e -d plain.xml t", "1 --decode plain.xml t", "0 -p phrase -e plain.xml t.enc",
+          "1 -d t.enc t.dec", "0 -p phrase -d t.enc t.dec", "1 -d enc no/dir"})
+        EXPECT_EQ(Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL + run.substr(1)), run[0] - '0') << run;
     EXPECT_EQ(Bytes(Path("t.dec")), kXml);
 }
 
