@@ -66,15 +66,13 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     ChainRoot root;
     auto config = LoadParameters(
         root,
-        "<Address>10.0.0.1</Address><Towers>"
-        "<Tower><DisplayName>East</DisplayName><HostName>e.example</HostName>"
-        "<SSLPort>443</SSLPort></Tower>"
-        "<Tower><DisplayName>West</DisplayName><HostName>w.example</HostName></Tower></Towers>"
-        "<DetectClosestTower><Mode>auto</Mode><NumberReadings>3</NumberReadings>"
-        "<Mode>manual</Mode></DetectClosestTower>"
-        "<TrustedNetworkDetection><Enabled>1</Enabled></TrustedNetworkDetection>"
-        "<Logging><LogFileSize>500</LogFileSize></Logging><address>10.0.0.2</address>"
-        "<TowerUrl>https://towers.example/list.xml</TowerUrl>"
+        "<Address>10.0.0.1</Address><Towers><Tower><DisplayName>East</DisplayName>"
+        "<HostName>e.example</HostName><SSLPort>443</SSLPort></Tower><Tower><DisplayName>West"
+        "</DisplayName><HostName>w.example</HostName></Tower></Towers><DetectClosestTower>"
+        "<Mode>auto</Mode><NumberReadings>3</NumberReadings><Mode>manual</Mode>"
+        "</DetectClosestTower><TrustedNetworkDetection><Enabled>1</Enabled>"
+        "</TrustedNetworkDetection><Logging><LogFileSize>500</LogFileSize></Logging>"
+        "<address>10.0.0.2</address><TowerUrl>https://towers.example/list.xml</TowerUrl>"
         "<kdf_port_included>80,8080</kdf_port_included><static_exceptions>s1</static_exceptions>"
         "<MaxNumStaticExceptions>12abc</MaxNumStaticExceptions>");
     const auto towers = config->GetTowers();
@@ -127,14 +125,12 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     ChainRoot root;
     auto config = LoadParameters(
         root,
-        "<kdf_listen_port>5001</kdf_listen_port><ipc_port>5003</ipc_port>"
-        "<kdf_port_included>80</kdf_port_included>"
-        "<Logging><debug_level>FFFFFFFF</debug_level><LogFileSize>50</LogFileSize>"
-        "<LogFileRetentionTime><Hours>2</Hours></LogFileRetentionTime></Logging>"
+        "<kdf_listen_port>5001</kdf_listen_port><ipc_port>5003</ipc_port><kdf_port_included>80"
+        "</kdf_port_included><Logging><debug_level>FFFFFFFF</debug_level><LogFileSize>50"
+        "</LogFileSize><LogFileRetentionTime><Hours>2</Hours></LogFileRetentionTime></Logging>"
         "<host_exceptions>a;b</host_exceptions><enterprise_domains>corp</enterprise_domains>"
-        "<authenticated_user>u</authenticated_user>"
-        "<connection_cleanup_interval_ms>0</connection_cleanup_interval_ms>"
-        "<ActiveTowerDisplayName>East</ActiveTowerDisplayName>"
+        "<authenticated_user>u</authenticated_user><connection_cleanup_interval_ms>0"
+        "</connection_cleanup_interval_ms><ActiveTowerDisplayName>East</ActiveTowerDisplayName>"
         "<TrustedNetworkDetection><Enabled>true</Enabled></TrustedNetworkDetection>"
         "<DetectClosestTower><DetectClosest>1</DetectClosest></DetectClosestTower>");
     std::vector<std::string> lines;

@@ -87,9 +87,8 @@ TEST(ExceptionListTest, EntriesAreSortedDeduplicatedAndBadOnesSkippedWithAWarnin
 TEST(ExceptionListTest, EmptyOrAbsentListsLeaveEmptyContainersAndNoLog) {
     ChainRoot root;
     auto config = LoadParameters(root,
-                                 "<host_exceptions></host_exceptions>"
-                                 "<proxy_exceptions>;;</proxy_exceptions>"
-                                 "<static_exceptions>a; ;b</static_exceptions>"
+                                 "<host_exceptions></host_exceptions><proxy_exceptions>;;"
+                                 "</proxy_exceptions><static_exceptions>a; ;b</static_exceptions>"
                                  "<host_inclusions>a</host_inclusions>");
     std::list<std::string> names{"stale"};
     std::vector<ExceptionAddress> addrs(2);

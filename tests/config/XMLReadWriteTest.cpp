@@ -11,16 +11,14 @@ namespace pt = boost::property_tree;
 
 const char kProfile[] =
     "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<Tideway>\n<SchemaVersion>3.0</SchemaVersion>\n"
-    "<!-- a comment that both loaders drop -->\n<ConfigurationParameters>\n"
-    "<ipc_port>  5003  </ipc_port><password></password>\n<Towers>\n"
-    "<Tower><DisplayName>East</DisplayName><Active>1</Active><HostName>e.example</HostName>"
-    "<SSLPort>443</SSLPort><PlainPort>80</PlainPort><Extra>x</Extra></Tower>\n"
-    "<Tower><displayname>West</displayname><HOSTNAME>w.example</HOSTNAME></Tower>\n"
-    "<Odd><HostName>o.example</HostName></Odd>\n</Towers>\n"
-    "<towers><Tower><HostName>ignored</HostName></Tower></towers>\n"
-    "<Address>10.0.0.1</Address><DetectOnLANClient>1</DetectOnLANClient>\n"
-    "<DetectClosestTower><Mode>auto</Mode><NumberReadings>3</NumberReadings></DetectClosestTower>"
-    "<TrustedNetworkDetection><Enabled>1</Enabled></TrustedNetworkDetection>\n"
+    "<!-- a comment that both loaders drop -->\n<ConfigurationParameters>\n<ipc_port>  5003  "
+    "</ipc_port><password></password>\n<Towers>\n<Tower><DisplayName>East</DisplayName><Active>1"
+    "</Active><HostName>e.example</HostName><SSLPort>443</SSLPort><PlainPort>80</PlainPort><Extra>x"
+    "</Extra></Tower>\n<Tower><displayname>West</displayname><HOSTNAME>w.example</HOSTNAME>"
+    "</Tower>\n<Odd><HostName>o.example</HostName></Odd>\n</Towers>\n<towers><Tower>"
+    "<HostName>ignored</HostName></Tower></towers>\n<Address>10.0.0.1</Address><DetectOnLANClient>1"
+    "</DetectOnLANClient>\n<DetectClosestTower><Mode>auto</Mode><NumberReadings>3</NumberReadings>"
+    "</DetectClosestTower><TrustedNetworkDetection><Enabled>1</Enabled></TrustedNetworkDetection>\n"
     "<tower>stray</tower><detectclosesttower>stray</detectclosesttower>\n"
     "</ConfigurationParameters>\n</Tideway>\n";
 
@@ -231,9 +229,7 @@ TEST_F(XMLReadWriteTest, CallbackMayReadWriteAndReloadTheStore) {
         c.store.PutValue("Tideway/ConfigurationParameters/added" + std::to_string(c.calls), "1");
         if (++c.calls == 2)
             c.store.LoadFromString(
-                "<Tideway><ConfigurationParameters><a/>"
-                "</ConfigurationParameters></Tideway>",
-                true);
+                "<Tideway><ConfigurationParameters><a/></ConfigurationParameters></Tideway>", true);
     };
     EXPECT_EQ(c.store.EnumConfig(&c, callback, true), kConfigOk);
     EXPECT_EQ(c.calls, 10);  // the walk over the first document went to its end
