@@ -301,13 +301,11 @@ TEST(ConfigFileChainTest, ResetFileAttributesIsSilentForMissingFiles) {
     CDnConfigFile config;
     syslog_capture::Clear();
     config.ResetFileAttributes({root.Current(), root.Path("absent"), below, root.Update()});
-    struct stat info {};
-    ASSERT_EQ(stat(root.Current().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0644u);
+    EXPECT_EQ(Mode(root.Current()), 0644);
     // Only the path through a file (not a folder) is an error worth a line.
-    EXPECT_EQ(syslog_capture::Texts(),
-              std::vector<std::string>{"CONFIG : Failed to change attributes for '" + below +
-                                       "' to NORMAL (err 20)\n"});
+    EXPECT_THAT(syslog_capture::Texts(),
+                testing::ElementsAre("CONFIG : Failed to change attributes for '" + below +
+                                     "' to NORMAL (err 20)\n"));
 }
 
 TEST(ConfigFileChainTest, ReadFileValueAndGetInstanceKeepOneStateForTheProcess) {
