@@ -22,35 +22,21 @@ TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
                                  "<authenticated_groups>g1,g2</authenticated_groups>"
                                  "<GroupInclude>in</GroupInclude><GroupExclude>out</GroupExclude>"
                                  "<Logging><debug_level>1F</debug_level></Logging>");
-    enum Getter { kMap, kString, kInteger, kHex, kIp, kPort };
-    const std::tuple<const char*, Getter, std::string> cases[] = {
-        {"max_connections", kMap, " \t 42 \r\n"},
-        {"max_connections", kString, "42"},
-        {"max_connections", kInteger, "42"},
-        {"blanks", kString, "   "},  // left as they are
-        {"hexval", kHex, std::to_string(0x1AF)},
-        {"notnum", kInteger, "0"},
-        {"missing", kInteger, "0"},
-        {"missing", kString, ""},
-        {"IPC_PORT", kString, ""},  // keys are case-sensitive
-        {"ip", kIp, std::to_string(htonl(0x0A010203u))},
-        {"badip", kIp, std::to_string(0xFFFFFFFFu)},
-        {"ipc_port", kString, "70000"},  // the first of two elements wins
-        {"ipc_port", kPort, "4464"},     // cut to 16 bits without a word
-        {"Logging/debug_level", kMap, "<none>"},
-    };
     const auto values = config->GetValues();
     syslog_capture::Clear();
-    for (const auto& [key, getter, expected] : cases) {
-        const std::string actual = getter == kMap
-                                       ? (values.count(key) != 0 ? values.at(key) : "<none>")
-                                   : getter == kString  ? config->GetString(key)
-                                   : getter == kInteger ? std::to_string(config->GetInteger(key))
-                                   : getter == kHex     ? std::to_string(config->GetHexInteger(key))
-                                   : getter == kIp      ? std::to_string(config->GetIpAddress(key))
-                                                        : std::to_string(config->GetPort(key));
-        EXPECT_EQ(actual, expected) << key << " getter " << getter;
-    }
+    EXPECT_EQ(values.at("max_connections"), " \t 42 \r\n");
+    EXPECT_EQ(values.count("Logging/debug_level"), 0u);
+    EXPECT_EQ(config->GetString("max_connections"), "42");
+    EXPECT_EQ(config->GetInteger("max_connections"), 42);
+    EXPECT_EQ(config->GetString("blanks"), "   ");  // left as they are
+    EXPECT_EQ(config->GetHexInteger("hexval"), 0x1AF);
+    EXPECT_EQ(config->GetInteger("notnum"), 0);
+    EXPECT_EQ(config->GetInteger("missing"), 0);
+    EXPECT_EQ(config->GetString("missing") + config->GetString("IPC_PORT"), "");  // case counts
+    EXPECT_EQ(config->GetIpAddress("ip"), htonl(0x0A010203u));
+    EXPECT_EQ(config->GetIpAddress("badip"), 0xFFFFFFFFu);
+    EXPECT_EQ(config->GetString("ipc_port"), "70000");  // the first of two elements wins
+    EXPECT_EQ(config->GetPort("ipc_port"), 4464);       // cut to 16 bits without a word
     EXPECT_TRUE(syslog_capture::Records().empty());
 
     std::string user, groups, include, exclude;
