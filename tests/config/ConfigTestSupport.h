@@ -21,7 +21,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "SyslogCapture.h"
 #include "TestEnv.h"
