@@ -25,104 +25,90 @@ uint16_t RunningPort(CDnConfigFile& config) {
 
 TEST(ConfigFileChainTest, WhatBecomesOfEachFile) {
     // Before: G(ood) X(garbage) P(lain XML) B(ad) O(ther) U(pdate's copy) -; after: K(ept)
-    // A(bsent) U(pdate's bytes) D(efault). Port 0: the load fails.
-    const struct {
-        const char *name, *before;
-        bool checkUpdate, updateOnly;
-        const char* after;
-        uint16_t port;
-        const char* line;  // a log record the situation must leave, or ""
-    } rows[] = {
-        {"no file, backup left over", "--O", false, false, "DAA", 5003, ""},
-        {"update alone, no checkUpdate", "-GO", false, false, "AKK", 2002, ""},
-        {"update differs from backup", "GGO", true, false, "UKU", 2002,
+    // A(bsent) U(pdate's bytes) D(efault). Checks: 1 checkUpdate, 2 also updateOnly. Port 0: the
+    // load fails. Last: a log record the situation must leave, or "".
+    const std::tuple<const char*, const char*, int, const char*, int, const char*> rows[] = {
+        {"no file, backup left over", "--O", 0, "DAA", 5003, ""},
+        {"update alone, no checkUpdate", "-GO", 0, "AKK", 2002, ""},
+        {"update differs from backup", "GGO", 1, "UKU", 2002,
          "CONFIG : Loaded and copied update config to current config"},
-        {"update equals backup", "GGU", true, false, "KKK", 1001, ""},
-        {"update equals backup, current gone", "-GU", true, false, "UKK", 2002, ""},
-        {"update fails to load", "GBO", true, false, "KKK", 1001,
+        {"update equals backup", "GGU", 1, "KKK", 1001, ""},
+        {"update equals backup, current gone", "-GU", 1, "UKK", 2002, ""},
+        {"update fails to load", "GBO", 1, "KKK", 1001,
          "ERROR : Failed to load Update Configuration file"},
-        {"update only", "GGO", true, true, "KKK", 2002, ""},
-        {"current undecodable, update present", "XGU", true, false, "UKK", 2002,
+        {"update only", "GGO", 2, "KKK", 2002, ""},
+        {"current undecodable, update present", "XGU", 1, "UKK", 2002,
          "Config : deleting the file"},
-        {"current undecodable, no update", "X-O", true, false, "DAA", 5003,
-         "Config : deleting the file"},
-        {"current undecodable, no checkUpdate", "XGU", false, false, "KKK", 0,
+        {"current undecodable, no update", "X-O", 1, "DAA", 5003, "Config : deleting the file"},
+        {"current undecodable, no checkUpdate", "XGU", 0, "KKK", 0,
          "ERROR : Failed to load Configuration file"},
-        {"plain XML in the current place", "P--", false, false, "KAA", 0,
+        {"plain XML in the current place", "P--", 0, "KAA", 0,
          "Config : The service only loads an obfuscated configuration file"},
     };
-    CXMLReadWrite builtIn;
-    ASSERT_EQ(builtIn.LoadFromString(kDefaultConfigXml, true), kConfigOk);
-    std::string defaultXml;
-    builtIn.GetXML(defaultXml);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    const std::string defaultXml = Rewritten(kDefaultConfigXml);
+    for (const auto& [name, before, checks, after, port, line] : rows) {
+        SCOPED_TRACE(name);
         ChainRoot root;
         const std::string paths[] = {root.Current(), root.Update(), root.Backup()};
         const std::string good[] = {kCurrentProfile, kUpdateProfile,
                                     Profile("<ipc_port>3003</ipc_port>", "backup")};
-        std::string before[3];
+        std::map<char, std::string> raw{
+            {'X', std::string(64, 'x')}, {'B', "junk"}, {'P', kCurrentProfile}};
+        std::string was[3], got, want;
         for (int i = 0; i < 3; ++i) {
-            const char c = row.before[i];
-            if (c == 'G' || c == 'O')
+            if (before[i] == 'G' || before[i] == 'O')
                 WriteObfuscated(paths[i], good[i]);
-            else if (c == 'U')
+            else if (before[i] == 'U')
                 fs::copy_file(root.Update(), paths[i]);
-            else if (c != '-')
-                Write(paths[i],
-                      c == 'X' ? std::string(64, 'x') : c == 'B' ? "junk" : kCurrentProfile);
-            before[i] = Bytes(paths[i]);
+            else if (before[i] != '-')
+                Write(paths[i], raw[before[i]]);
+            was[i] = Bytes(paths[i]);
         }
         syslog_capture::Clear();
         CDnConfigFile config;
-        EXPECT_EQ(config.InitializeConfig(row.checkUpdate, row.updateOnly), row.port != 0);
+        EXPECT_EQ(config.InitializeConfig(checks > 0, checks > 1), port != 0);
         for (int i = 0; i < 3; ++i) {
-            const char want = row.after[i];
-            if (want == 'D')
-                EXPECT_EQ(Decode(paths[i]), "OBFUSCATED" + defaultXml) << paths[i];
-            else
-                EXPECT_EQ(Bytes(paths[i]),
-                          want == 'K' ? before[i] : want == 'U' ? before[1] : "<absent>");
+            raw = {
+                {'D', "OBFUSCATED" + defaultXml}, {'K', was[i]}, {'U', was[1]}, {'A', "<absent>"}};
+            got += (after[i] == 'D' ? Decode(paths[i]) : Bytes(paths[i])) + "|";
+            want += raw[after[i]] + "|";
         }
+        EXPECT_EQ(got, want);
         std::string label;
-        EXPECT_EQ(config.GetProfileLabel(label), row.port != 0);  // a failed load leaves no store
-        EXPECT_EQ(RunningPort(config), row.port);
-        EXPECT_EQ(config.GetExceptionCount(1), row.port == 2002 ? 2 : 0);  // lists parsed
-        EXPECT_TRUE(*row.line == '\0' || Logged(row.line) == 1u) << row.line;
+        EXPECT_EQ(config.GetProfileLabel(label), port != 0);  // a failed load leaves no store
+        EXPECT_EQ(RunningPort(config), port);
+        EXPECT_EQ(config.GetExceptionCount(1), port == 2002 ? 2 : 0);  // lists parsed
+        EXPECT_TRUE(*line == '\0' || Logged(line) == 1u) << line;
     }
 }
 
 TEST(ConfigFileChainTest, UserAndGroupsSurviveAnAdoptedUpdateOnlyWhileTheDomainsStay) {
-    const std::string bob = "<authenticated_user>bob</authenticated_user>";
-    const struct {
-        int role;
-        bool withCurrent;
-        std::string updateParams;
-        const char *user, *groups;  // in memory and, for the owner, in the committed file
-    } cases[] = {
-        {kConfigRolePlugin, true, "<enterprise_domains>corp</enterprise_domains>", "alice",
-         "staff,dev"},
-        {kConfigRoleOwner, true, "<enterprise_domains>corp</enterprise_domains>", "alice",
-         "staff,dev"},
-        {kConfigRoleOwner, true, "<enterprise_domains>other</enterprise_domains>" + bob, "bob", ""},
-        {kConfigRoleOwner, false, "<enterprise_domains>corp</enterprise_domains>" + bob, "bob", ""},
+    const std::string corp = "<enterprise_domains>corp</enterprise_domains>",
+                      bob = "<authenticated_user>bob</authenticated_user>";
+    // Role, a current file or not, the update's parameters, and "user|groups" in memory and, for
+    // the owner, in the committed file.
+    const std::tuple<int, bool, std::string, std::string> cases[] = {
+        {kConfigRolePlugin, true, corp, "alice|staff,dev"},
+        {kConfigRoleOwner, true, corp, "alice|staff,dev"},
+        {kConfigRoleOwner, true, "<enterprise_domains>other</enterprise_domains>" + bob, "bob|"},
+        {kConfigRoleOwner, false, corp + bob, "bob|"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.updateParams);
+    for (const auto& [role, withCurrent, updateParams, identity] : cases) {
+        SCOPED_TRACE(updateParams);
         ChainRoot root;
-        CDnConfigFile::SetConfigRoleForTesting(c.role);
-        if (c.withCurrent)
+        CDnConfigFile::SetConfigRoleForTesting(role);
+        if (withCurrent)
             WriteObfuscated(root.Current(), kCurrentProfile);
-        WriteObfuscated(root.Update(), Profile("<ipc_port>2002</ipc_port>" + c.updateParams));
+        WriteObfuscated(root.Update(), Profile("<ipc_port>2002</ipc_port>" + updateParams));
         const std::string update = Bytes(root.Update());
         CDnConfigFile config;
         ASSERT_TRUE(config.InitializeConfig(true, false));
         EXPECT_EQ(RunningPort(config), 2002);
         std::string user, groups;
         config.GetAuthenticatedIdentity(user, groups);
-        EXPECT_EQ(user + "|" + groups, std::string(c.user) + "|" + c.groups);
+        EXPECT_EQ(user + "|" + groups, identity);
         EXPECT_EQ(Bytes(root.Backup()), update);
-        if (c.role == kConfigRolePlugin) {
+        if (role == kConfigRolePlugin) {
             EXPECT_EQ(Bytes(root.Current()), update);  // a plain copy: nothing committed
             continue;
         }
@@ -133,7 +119,7 @@ TEST(ConfigFileChainTest, UserAndGroupsSurviveAnAdoptedUpdateOnlyWhileTheDomains
             written.GetValue("Tideway/ConfigurationParameters/" + key, value);
             values += value + "|";
         }
-        EXPECT_EQ(values, std::string("2002|") + c.user + "|" + c.groups + "|");
+        EXPECT_EQ(values, "2002|" + identity + "|");
     }
 }
 
@@ -200,11 +186,7 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
     for (int i = 0; i < 95 * 95 && Bytes(root.Path("zero"))[0] != '\0'; ++i)
         WriteObfuscated(root.Path("zero"), std::string("<!--") + char(' ' + i / 95) +
                                                char(' ' + i % 95) + " -->" + kCurrentProfile);
-    const struct {
-        const char* name;
-        long code;
-        ConfigFileType type;
-    } cases[] = {
+    const std::tuple<const char*, long, ConfigFileType> cases[] = {
         {"missing", 22, kConfigFileUnknown},  {"junk", 22, kConfigFileUnknown},
         {"text", 22, kConfigFileUnknown},     {"notxml", kConfigFail, kConfigFileBadXml},
         {"marked", 0, kConfigFileObfuscated}, {"bare", 0, kConfigFileObfuscated},
@@ -213,10 +195,10 @@ TEST(ConfigFileChainTest, FileTypesReadingAndTheMarker) {
         {"zero", 0, kConfigFileObfuscated},
     };
     CDnConfigFile config;
-    for (const auto& c : cases) {
+    for (const auto& [name, code, want] : cases) {
         ConfigFileType type = 99;
-        EXPECT_EQ(config.GetConfigFileType(root.Path(c.name), type), c.code) << c.name;
-        EXPECT_EQ(type, c.type) << c.name;
+        EXPECT_EQ(config.GetConfigFileType(root.Path(name), type), code) << name;
+        EXPECT_EQ(type, want) << name;
     }
     EXPECT_EQ(Logged("The config file is corrupted. Cannot load: \"no xml here\""), 1u);
 
@@ -274,10 +256,7 @@ TEST(ConfigFileChainTest, CommitWritesTheTypeOfTheLastProbe) {
     // Obfuscated road: the marker goes in front of the store's text, and the reload runs it.
     ASSERT_TRUE(config->UpdateConfigKey("ipc_port", "4444", true));
     EXPECT_EQ(RunningPort(*config), 4444);
-    CXMLReadWrite expected;
-    ASSERT_EQ(expected.LoadFromString(Profile("<ipc_port>4444</ipc_port>"), true), kConfigOk);
-    std::string xml;
-    expected.GetXML(xml);
+    const std::string xml = Rewritten(Profile("<ipc_port>4444</ipc_port>"));
     EXPECT_EQ(Decode(root.Current()), "OBFUSCATED" + xml);
 
     // Plain road: the text alone; failures of the file are logged and count as done.
@@ -304,7 +283,8 @@ TEST(ConfigFileChainTest, BadArgumentsAndAMissingStoreAreRefused) {
     auto config = LoadParameters(root, "<ipc_port>1001</ipc_port>");
     boost::property_tree::ptree tree;
     EXPECT_FALSE(config->UpdateConfigKey(nullptr, "x", true) || config->GetXmlSubtree("", tree) ||
-                 config->UpdateConfigKey("", "x", true) || config->UpdateData(nullptr, "k", "v", 0));
+                 config->UpdateConfigKey("", "x", true) ||
+                 config->UpdateData(nullptr, "k", "v", 0));
     // Without a store every operation refuses.
     CDnConfigFile empty;
     EXPECT_FALSE(empty.SetXmlValue("ipc_port", "1") || empty.GetXmlSubtree("Logging", tree) ||
@@ -321,13 +301,11 @@ TEST(ConfigFileChainTest, ResetFileAttributesIsSilentForMissingFiles) {
     CDnConfigFile config;
     syslog_capture::Clear();
     config.ResetFileAttributes({root.Current(), root.Path("absent"), below, root.Update()});
-    struct stat info {};
-    ASSERT_EQ(stat(root.Current().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0644u);
+    EXPECT_EQ(Mode(root.Current()), 0644);
     // Only the path through a file (not a folder) is an error worth a line.
-    EXPECT_EQ(syslog_capture::Texts(),
-              std::vector<std::string>{"CONFIG : Failed to change attributes for '" + below +
-                                       "' to NORMAL (err 20)\n"});
+    EXPECT_THAT(syslog_capture::Texts(),
+                testing::ElementsAre("CONFIG : Failed to change attributes for '" + below +
+                                     "' to NORMAL (err 20)\n"));
 }
 
 TEST(ConfigFileChainTest, ReadFileValueAndGetInstanceKeepOneStateForTheProcess) {
@@ -335,19 +313,15 @@ TEST(ConfigFileChainTest, ReadFileValueAndGetInstanceKeepOneStateForTheProcess) 
     WriteObfuscated(root.Path("one"), Profile("<ipc_port>11</ipc_port>"));
     Write(root.Path("two"), Profile("<ipc_port>22</ipc_port>"));
     const std::string key = "Tideway/ConfigurationParameters/ipc_port";
-    const struct {
-        const char* file;
-        bool reload;
-        long code;
-        const char* value;
-    } reads[] = {{"one", true, 0, "11"},
-                 {"two", false, 0, "11"},  // without reload the cached document answers
-                 {"two", true, 0, "22"},   // a plain file is read as it stands
-                 {"absent", true, kConfigFail, ""}};
-    for (const auto& r : reads) {
+    const std::tuple<const char*, bool, long, const char*> reads[] = {
+        {"one", true, 0, "11"},
+        {"two", false, 0, "11"},  // without reload the cached document answers
+        {"two", true, 0, "22"},   // a plain file is read as it stands
+        {"absent", true, kConfigFail, ""}};
+    for (const auto& [file, reload, code, value] : reads) {
         std::string out = "22";
-        EXPECT_EQ(CDnConfigFile::ReadFileValue(root.Path(r.file), key, r.reload, out), r.code);
-        EXPECT_EQ(out, r.value) << r.file << r.reload;
+        EXPECT_EQ(CDnConfigFile::ReadFileValue(root.Path(file), key, reload, out), code);
+        EXPECT_EQ(out, value) << file << reload;
     }
     // The instance initialises once, and again after any object was constructed.
     WriteObfuscated(root.Current(), Profile("<ipc_port>1001</ipc_port>"));

@@ -7,6 +7,7 @@
 namespace {
 
 using config_test::ChainRoot;
+using config_test::Join;
 using config_test::LoadParameters;
 
 TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
@@ -21,39 +22,21 @@ TEST(ConfigKeysTest, GettersTrimAndParseWhileTheMapKeepsTheParsedText) {
                                  "<authenticated_groups>g1,g2</authenticated_groups>"
                                  "<GroupInclude>in</GroupInclude><GroupExclude>out</GroupExclude>"
                                  "<Logging><debug_level>1F</debug_level></Logging>");
-    enum Getter { kMap, kString, kInteger, kHex, kIp, kPort };
-    const struct {
-        const char* key;
-        Getter getter;
-        std::string expected;
-    } cases[] = {
-        {"max_connections", kMap, " \t 42 \r\n"},
-        {"max_connections", kString, "42"},
-        {"max_connections", kInteger, "42"},
-        {"blanks", kString, "   "},  // left as they are
-        {"hexval", kHex, std::to_string(0x1AF)},
-        {"notnum", kInteger, "0"},
-        {"missing", kInteger, "0"},
-        {"missing", kString, ""},
-        {"IPC_PORT", kString, ""},  // keys are case-sensitive
-        {"ip", kIp, std::to_string(htonl(0x0A010203u))},
-        {"badip", kIp, std::to_string(0xFFFFFFFFu)},
-        {"ipc_port", kString, "70000"},  // the first of two elements wins
-        {"ipc_port", kPort, "4464"},     // cut to 16 bits without a word
-        {"Logging/debug_level", kMap, "<none>"},
-    };
     const auto values = config->GetValues();
     syslog_capture::Clear();
-    for (const auto& c : cases) {
-        const std::string actual =
-            c.getter == kMap       ? (values.count(c.key) != 0 ? values.at(c.key) : "<none>")
-            : c.getter == kString  ? config->GetString(c.key)
-            : c.getter == kInteger ? std::to_string(config->GetInteger(c.key))
-            : c.getter == kHex     ? std::to_string(config->GetHexInteger(c.key))
-            : c.getter == kIp      ? std::to_string(config->GetIpAddress(c.key))
-                                   : std::to_string(config->GetPort(c.key));
-        EXPECT_EQ(actual, c.expected) << c.key << " getter " << c.getter;
-    }
+    EXPECT_EQ(values.at("max_connections"), " \t 42 \r\n");
+    EXPECT_EQ(values.count("Logging/debug_level"), 0u);
+    EXPECT_EQ(config->GetString("max_connections"), "42");
+    EXPECT_EQ(config->GetInteger("max_connections"), 42);
+    EXPECT_EQ(config->GetString("blanks"), "   ");  // left as they are
+    EXPECT_EQ(config->GetHexInteger("hexval"), 0x1AF);
+    EXPECT_EQ(config->GetInteger("notnum"), 0);
+    EXPECT_EQ(config->GetInteger("missing"), 0);
+    EXPECT_EQ(config->GetString("missing") + config->GetString("IPC_PORT"), "");  // case counts
+    EXPECT_EQ(config->GetIpAddress("ip"), htonl(0x0A010203u));
+    EXPECT_EQ(config->GetIpAddress("badip"), 0xFFFFFFFFu);
+    EXPECT_EQ(config->GetString("ipc_port"), "70000");  // the first of two elements wins
+    EXPECT_EQ(config->GetPort("ipc_port"), 4464);       // cut to 16 bits without a word
     EXPECT_TRUE(syslog_capture::Records().empty());
 
     std::string user, groups, include, exclude;
@@ -69,15 +52,13 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     ChainRoot root;
     auto config = LoadParameters(
         root,
-        "<Address>10.0.0.1</Address><Towers>"
-        "<Tower><DisplayName>East</DisplayName><HostName>e.example</HostName>"
-        "<SSLPort>443</SSLPort></Tower>"
-        "<Tower><DisplayName>West</DisplayName><HostName>w.example</HostName></Tower></Towers>"
-        "<DetectClosestTower><Mode>auto</Mode><NumberReadings>3</NumberReadings>"
-        "<Mode>manual</Mode></DetectClosestTower>"
-        "<TrustedNetworkDetection><Enabled>1</Enabled></TrustedNetworkDetection>"
-        "<Logging><LogFileSize>500</LogFileSize></Logging><address>10.0.0.2</address>"
-        "<TowerUrl>https://towers.example/list.xml</TowerUrl>"
+        "<Address>10.0.0.1</Address><Towers><Tower><DisplayName>East</DisplayName>"
+        "<HostName>e.example</HostName><SSLPort>443</SSLPort></Tower><Tower><DisplayName>West"
+        "</DisplayName><HostName>w.example</HostName></Tower></Towers><DetectClosestTower>"
+        "<Mode>auto</Mode><NumberReadings>3</NumberReadings><Mode>manual</Mode>"
+        "</DetectClosestTower><TrustedNetworkDetection><Enabled>1</Enabled>"
+        "</TrustedNetworkDetection><Logging><LogFileSize>500</LogFileSize></Logging>"
+        "<address>10.0.0.2</address><TowerUrl>https://towers.example/list.xml</TowerUrl>"
         "<kdf_port_included>80,8080</kdf_port_included><static_exceptions>s1</static_exceptions>"
         "<MaxNumStaticExceptions>12abc</MaxNumStaticExceptions>");
     const auto towers = config->GetTowers();
@@ -97,28 +78,31 @@ TEST(ConfigKeysTest, WalkFillsTowersAddressClosestTowerSettingsAndTheRecord) {
     ConfigParams params;
     params.ipcPort = 99;
     EXPECT_EQ(config->GetConfigParams(params), 0);
-    EXPECT_EQ(params.ipcPort, 0);  // absent
-    EXPECT_EQ(params.towerHosts, "e.example;w.example;");
-    EXPECT_EQ(params.towerUrlHost, "towers.example;");
-    EXPECT_EQ(params.address, ";10.0.0.2;");  // a later Address replaces the earlier, any case
-    EXPECT_EQ(params.kdfPortIncluded, "80,8080");
-    EXPECT_EQ(params.staticExceptions, "s1");
-    EXPECT_EQ(params.maxNumStaticExceptions, "12abc");
+    // No port; a later Address replaces the earlier, in any case.
+    EXPECT_EQ(
+        Join(std::vector<std::string>{std::to_string(params.ipcPort), params.towerHosts,
+                                      params.towerUrlHost, params.address, params.kdfPortIncluded,
+                                      params.staticExceptions, params.maxNumStaticExceptions}),
+        "0|e.example;w.example;|towers.example;|;10.0.0.2;|80,8080|s1|12abc");
 
-    // The tower list's host only comes with a path after it.
-    const struct {
-        const char *url, *host;
-    } urls[] = {{"  http://a.b:8080/p/q  ", "a.b:8080;"},
-                {"https://t.example", ""},
-                {"t.example/x", ""},
-                {"/", ""},
-                {"//h/", "h;"},
-                {"///", ";"}};
-    for (const auto& u : urls) {
+    // The tower list's host only comes with a path after it: each URL, then the host it gives.
+    const char* urls[] = {"  http://a.b:8080/p/q  ",
+                          "a.b:8080;",
+                          "https://t.example",
+                          "",
+                          "t.example/x",
+                          "",
+                          "/",
+                          "",
+                          "//h/",
+                          "h;",
+                          "///",
+                          ";"};
+    for (size_t i = 0; i < std::size(urls); i += 2) {
         config =
-            LoadParameters(root, std::string("<TowerUrl><![CDATA[") + u.url + "]]></TowerUrl>");
+            LoadParameters(root, std::string("<TowerUrl><![CDATA[") + urls[i] + "]]></TowerUrl>");
         config->GetConfigParams(params);
-        EXPECT_EQ(params.towerUrlHost, u.host) << u.url;
+        EXPECT_EQ(params.towerUrlHost, urls[i + 1]) << urls[i];
         EXPECT_EQ(params.address, ";");  // no Address element: the separator alone
     }
 }
@@ -127,42 +111,27 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     ChainRoot root;
     auto config = LoadParameters(
         root,
-        "<kdf_listen_port>5001</kdf_listen_port><ipc_port>5003</ipc_port>"
-        "<kdf_port_included>80</kdf_port_included>"
-        "<Logging><debug_level>FFFFFFFF</debug_level><LogFileSize>50</LogFileSize>"
-        "<LogFileRetentionTime><Hours>2</Hours></LogFileRetentionTime></Logging>"
+        "<kdf_listen_port>5001</kdf_listen_port><ipc_port>5003</ipc_port><kdf_port_included>80"
+        "</kdf_port_included><Logging><debug_level>FFFFFFFF</debug_level><LogFileSize>50"
+        "</LogFileSize><LogFileRetentionTime><Hours>2</Hours></LogFileRetentionTime></Logging>"
         "<host_exceptions>a;b</host_exceptions><enterprise_domains>corp</enterprise_domains>"
-        "<authenticated_user>u</authenticated_user>"
-        "<connection_cleanup_interval_ms>0</connection_cleanup_interval_ms>"
-        "<ActiveTowerDisplayName>East</ActiveTowerDisplayName>"
+        "<authenticated_user>u</authenticated_user><connection_cleanup_interval_ms>0"
+        "</connection_cleanup_interval_ms><ActiveTowerDisplayName>East</ActiveTowerDisplayName>"
         "<TrustedNetworkDetection><Enabled>true</Enabled></TrustedNetworkDetection>"
         "<DetectClosestTower><DetectClosest>1</DetectClosest></DetectClosestTower>");
     std::vector<std::string> lines;
     std::vector<int> marks;
     ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
-    const std::vector<std::string> expected = {
-        "Logging/debug_level = 7FFF",
-        "Logging/LogFileSize = 100",
-        "Logging/NumLogFilesToRetain = 1",
-        "Logging/LogFileRetentionTime/Days\t= 0",
-        "Logging/LogFileRetentionTime/Hours\t= 2",
-        "Logging/LogFileRetentionTime/Minutes\t= 0",
-        "ipc_port = 5003",
-        "tunnel_type = ssl",
-        "max_connections = ",
-        "min_connections = ",
-        "host_exceptions = a;b",
-        "proxy_exceptions = ",
-        "static_exceptions = ",
-        "enterprise_domains = corp",
-        "connection_cleanup_interval_ms = 3000",
-        "ActiveTowerDisplayName = East",
-        "ActiveTowerHostName = ",
-        "TrustedNetworkDetection/Enabled = true",
-        "DetectClosestTower/DetectClosest = 1",
-    };
-    EXPECT_EQ(lines, expected);
-    EXPECT_EQ(marks, std::vector<int>(expected.size(), 0));
+    EXPECT_EQ(
+        Join(lines, "\n"),
+        "Logging/debug_level = 7FFF\nLogging/LogFileSize = 100\nLogging/NumLogFilesToRetain = 1\n"
+        "Logging/LogFileRetentionTime/Days\t= 0\nLogging/LogFileRetentionTime/Hours\t= 2\n"
+        "Logging/LogFileRetentionTime/Minutes\t= 0\nipc_port = 5003\ntunnel_type = ssl\n"
+        "max_connections = \nmin_connections = \nhost_exceptions = a;b\nproxy_exceptions = \n"
+        "static_exceptions = \nenterprise_domains = corp\nconnection_cleanup_interval_ms = 3000\n"
+        "ActiveTowerDisplayName = East\nActiveTowerHostName = \n"
+        "TrustedNetworkDetection/Enabled = true\nDetectClosestTower/DetectClosest = 1");
+    EXPECT_EQ(marks, std::vector<int>(19, 0));
 
     CDnConfigFile::SetConfigRoleForTesting(kConfigRoleOwner);  // the owner sees its own keys
     lines.clear();
@@ -170,15 +139,14 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
     EXPECT_EQ(lines.at(6), "kdf_listen_port = 5001");
     CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
     // WARN and ERR are added to a mask without them.
-    const struct {
-        const char *level, *shown;
-    } masks[] = {{"", "107"}, {"1", "7"}, {"8000", "6"}, {"18001", "7"}, {"106", "106"}};
-    for (const auto& m : masks) {
+    const std::pair<const char*, const char*> masks[] = {
+        {"", "107"}, {"1", "7"}, {"8000", "6"}, {"18001", "7"}, {"106", "106"}};
+    for (const auto& [level, shown] : masks) {
         config = LoadParameters(
-            root, std::string("<Logging><debug_level>") + m.level + "</debug_level></Logging>");
+            root, std::string("<Logging><debug_level>") + level + "</debug_level></Logging>");
         lines.clear();
         ASSERT_EQ(config->GetConfigDump(lines, marks), 0);
-        EXPECT_EQ(lines.at(0), std::string("Logging/debug_level = ") + m.shown) << m.level;
+        EXPECT_EQ(lines.at(0), std::string("Logging/debug_level = ") + shown) << level;
     }
     lines.clear();
     EXPECT_EQ(CDnConfigFile().GetConfigDump(lines, marks), -1);
@@ -187,10 +155,7 @@ TEST(ConfigKeysTest, DumpCutsTheMaskAndFollowsTheRole) {
 
 TEST(ConfigKeysTest, TunnelTypeAndConnectTimeout) {
     ChainRoot root;
-    const struct {
-        const char* params;
-        int tunnel, timeout;
-    } cases[] = {
+    const std::tuple<const char*, int, int> cases[] = {
         {"<tunnel_type>PLAIN</tunnel_type><connect_timeout>7</connect_timeout>", 2, 7},
         {"<tunnel_type>Ssl</tunnel_type><connect_timeout>7</connect_timeout>"
          "<tower_secure_connect_timeout>15</tower_secure_connect_timeout>",
@@ -199,12 +164,10 @@ TEST(ConfigKeysTest, TunnelTypeAndConnectTimeout) {
         {"<tower_secure_connect_timeout><![CDATA[ 9s ]]></tower_secure_connect_timeout>", 0, 9},
         {"<connect_timeout>-3</connect_timeout>", 0, -3},
     };
-    for (const auto& c : cases) {
-        auto config = LoadParameters(root, c.params);
-        EXPECT_EQ(std::to_string(config->GetTunnelType()) + " " +
-                      std::to_string(config->GetTowerConnectTimeout()),
-                  std::to_string(c.tunnel) + " " + std::to_string(c.timeout))
-            << c.params;
+    for (const auto& [params, tunnel, timeout] : cases) {
+        auto config = LoadParameters(root, params);
+        EXPECT_EQ(config->GetTunnelType(), tunnel) << params;
+        EXPECT_EQ(config->GetTowerConnectTimeout(), timeout) << params;
     }
 }
 
@@ -229,9 +192,7 @@ std::string Settings(const std::string& logging, const std::string& outside) {
 // its own, so one profile can hold a case of each.
 TEST(LoggingSettingsTest, ClampsAndDefaults) {
     config_test::InitTrace();
-    const struct {
-        const char *logging, *outside, *expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"", "", "107 1 10 10000 100 1 0 60"},
         {"<LogFileSize>50</LogFileSize><NumLogFilesToRetain>0</NumLogFilesToRetain>"
          "<ErrorReportingInterval>0</ErrorReportingInterval>",
@@ -249,8 +210,8 @@ TEST(LoggingSettingsTest, ClampsAndDefaults) {
          "FFFFFFFF 0 25 0 10000 4 93780 5"},
         {"<LogFileSize>2500</LogFileSize>", "", "107 1 10 10000 2500 1 0 60"},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(Settings(c.logging, c.outside), c.expected) << c.logging << c.outside;
+    for (const auto& [logging, outside, expected] : cases)
+        EXPECT_EQ(Settings(logging, outside), expected) << logging << outside;
 
     CXMLReadWrite unloaded;  // a store that never loaded leaves every default standing
     LoggingSettings settings;

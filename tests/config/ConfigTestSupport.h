@@ -10,16 +10,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <iterator>
-#include <list>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "SyslogCapture.h"
 #include "TestEnv.h"
@@ -43,10 +44,11 @@ inline std::string Write(const std::string& path, const std::string& bytes) {
 
 // A file's bytes, or "<absent>".
 inline std::string Bytes(const std::string& path) {
-    std::error_code ec;
     std::ifstream file(path, std::ios::binary);
-    return !std::filesystem::is_regular_file(path, ec) ? "<absent>"
-           : std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    std::error_code ec;
+    return std::filesystem::is_regular_file(path, ec)
+               ? std::string(std::istreambuf_iterator<char>(file), {})
+               : "<absent>";
 }
 
 // A profile document around `parameters`, the inner text of ConfigurationParameters.
@@ -61,7 +63,8 @@ inline std::string Profile(const std::string& parameters, const std::string& lab
 // Writes `plain` obfuscated to `path`, with the marker in front unless `marker` is false.
 inline void WriteObfuscated(const std::string& path, const std::string& plain, bool marker = true) {
     const std::string data = (marker ? std::string(kObfuscatedMarker) : std::string()) + plain;
-    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), data.size(), path.c_str(), nullptr), 0)
+    ASSERT_EQ(COpenSSLCrypt::ObfuscateStringToFile(data.data(), data.size(), path.c_str(), nullptr),
+              0)
         << path;
 }
 
@@ -73,27 +76,53 @@ inline std::string Decode(const std::string& path) {
                : "<undecodable>";
 }
 
+// Everything left in `stream`.
+inline std::string ReadAll(FILE* stream) {
+    std::string text;
+    char buffer[512];
+    for (size_t n; stream != nullptr && (n = fread(buffer, 1, sizeof(buffer), stream)) > 0;)
+        text.append(buffer, n);
+    return text;
+}
+
 // Runs `script` with sh in `dir`: its exit status, and its output and errors in `out` if given.
 inline int Shell(const std::string& dir, const std::string& script, std::string* out = nullptr) {
     FILE* pipe = popen(("cd '" + dir + "' && (" + script + "\n) 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return -1;
-    std::string text;
-    char buffer[512];
-    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
-        text.append(buffer, n);
-    const int status = pclose(pipe);
+    std::string text = ReadAll(pipe);
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
     if (out != nullptr)
         *out = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The permission bits of `path`, or -1 when it has none to read.
+inline int Mode(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
 // Regular files in `folder`.
 inline size_t FilesIn(const std::string& folder) {
-    size_t n = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        n += entry.is_regular_file() ? 1 : 0;
-    return n;
+    const std::filesystem::directory_iterator files(folder);
+    return std::count_if(begin(files), end(files), [](auto& f) { return f.is_regular_file(); });
+}
+
+// The items of `list` with `separator` after each but the last.
+template <typename List>
+std::string Join(const List& list, const std::string& separator = "|") {
+    std::string text;
+    for (const auto& item : list)
+        text += item + separator;
+    return text.substr(0, text.size() - (text.empty() ? 0 : separator.size()));
+}
+
+// `text` as a store writes it back after loading it.
+inline std::string Rewritten(const std::string& text) {
+    CXMLReadWrite store;
+    std::string xml;
+    EXPECT_EQ(store.LoadFromString(text, true), kConfigOk);
+    store.GetXML(xml);
+    return xml;
 }
 
 // How many log records say exactly `text`.
@@ -150,11 +179,10 @@ inline std::string SaveInChild(const passwd* user, const std::function<bool()>& 
         _exit(write(out[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 3);
     }
     close(out[1]);
-    std::string report;
-    char buffer[256];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof(buffer))) > 0;)
-        report.append(buffer, size_t(n));
-    close(out[0]);
+    FILE* stream = fdopen(out[0], "r");
+    const std::string report = ReadAll(stream);
+    if (stream != nullptr)
+        fclose(stream);
     int status = -1;
     waitpid(child, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed>";

@@ -33,7 +33,7 @@ std::string Warning(const std::string& entry, const std::string& why) {
     return "Config : Exception = " + entry + " is invalid. " + why + "\n";
 }
 
-TEST(ExceptionListTest, EntriesAreSortedDeduplicatedAndBadOnesSkippedWithAWarning) {
+TEST(ExceptionListTest, EntriesAreSortedDeduplicatedCheckedAndClearedByAReload) {
     ChainRoot root;
     auto config = LoadParameters(
         root,
@@ -82,17 +82,19 @@ TEST(ExceptionListTest, EntriesAreSortedDeduplicatedAndBadOnesSkippedWithAWarnin
               (std::vector<std::string>{doc, doc, "v6 00000000000000000000000000000000/0",
                                         "v6 fe800000000000000000000000010002/64"}));
     EXPECT_TRUE(config->HasHostInclusions());
-}
 
-TEST(ExceptionListTest, EmptyOrAbsentListsLeaveEmptyContainersAndNoLog) {
-    ChainRoot root;
-    auto config = LoadParameters(root,
-                                 "<host_exceptions></host_exceptions>"
-                                 "<proxy_exceptions>;;</proxy_exceptions>"
-                                 "<static_exceptions>a; ;b</static_exceptions>"
-                                 "<host_inclusions>a</host_inclusions>");
-    std::list<std::string> names{"stale"};
-    std::vector<ExceptionAddress> addrs(2);
+    // A reload of a profile without inclusions clears the flag and the lists; empty or absent
+    // lists leave empty containers and no log.
+    config_test::WriteObfuscated(
+        root.Current(), config_test::Profile("<host_exceptions></host_exceptions><proxy_exceptions>"
+                                             ";;</proxy_exceptions><static_exceptions>a; ;b"
+                                             "</static_exceptions>"));
+    ASSERT_TRUE(config->Reload());
+    EXPECT_FALSE(config->HasHostInclusions());
+    config->GetHostInclusions(names, addrs);  // holding the inclusions parsed above
+    EXPECT_TRUE(names.empty() && addrs.empty());
+    names = {"stale"};
+    addrs.resize(2);
     syslog_capture::Clear();
     for (const char* key : {"host_exceptions", "proxy_exceptions", "absent_key"}) {
         config->ParseExceptions(key, names, addrs);
@@ -101,13 +103,6 @@ TEST(ExceptionListTest, EmptyOrAbsentListsLeaveEmptyContainersAndNoLog) {
     EXPECT_TRUE(syslog_capture::Records().empty());
     config->ParseExceptions("static_exceptions", names, addrs);  // blanks alone stay as they are
     EXPECT_EQ(names, (std::list<std::string>{" ", "a", "b"}));
-    // A reload of a profile without inclusions clears the flag and the lists.
-    EXPECT_TRUE(config->HasHostInclusions());
-    config_test::WriteObfuscated(root.Current(), config_test::Profile("<ipc_port>1</ipc_port>"));
-    ASSERT_TRUE(config->Reload());
-    EXPECT_FALSE(config->HasHostInclusions());
-    config->GetHostInclusions(names, addrs);
-    EXPECT_TRUE(names.empty());
 }
 
 }  // namespace

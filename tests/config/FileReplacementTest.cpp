@@ -34,8 +34,7 @@ TEST(FileReplacementTest, FullDiskOrAnAbandonedWriteLeavesTheOldFileWholeAndNoSt
         }));
     }
     fputs("half", CFileReplacement(plain).Open());  // abandoned
-    EXPECT_EQ(Bytes(obfuscated), old);
-    EXPECT_EQ(Bytes(plain), old);
+    EXPECT_EQ(Bytes(obfuscated) + Bytes(plain), old + old);
     EXPECT_EQ(FilesIn(folder.path()), 2u) << "a temporary file was left behind";
 }
 
@@ -50,8 +49,7 @@ TEST(FileReplacementTest, ReplacementKeepsModeAndLinksAndWritesTheNewBytes) {
     const ino_t before = status.st_ino;
     WriteObfuscated(link, "<Tideway/>");
     EXPECT_EQ(Decode(target), "OBFUSCATED<Tideway/>");
-    ASSERT_EQ(lstat(link.c_str(), &status), 0);
-    EXPECT_TRUE(S_ISLNK(status.st_mode)) << "the link was replaced by a file";
+    EXPECT_TRUE(std::filesystem::is_symlink(link)) << "the link was replaced by a file";
     ASSERT_EQ(stat(target.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
     EXPECT_NE(status.st_ino, before) << "written in place, not replaced";
@@ -88,9 +86,7 @@ struct OpenFolder {
         original = Bytes(root.Current());
         chmod(root.path().c_str(), 0755);
         chmod(Folder().c_str(), 0777);
-        CXMLReadWrite store;
-        store.LoadFromString(Profile("<ipc_port>1001</ipc_port>"), true);
-        store.GetXML(xml);
+        xml = Rewritten(Profile("<ipc_port>1001</ipc_port>"));
     }
     std::string Folder() const { return root.Path("tarvex/brenlo/tideway/config"); }
 
@@ -110,51 +106,45 @@ TEST(FileReplacementTest, ASaveNeverReplacesAFileItsWriterCouldNotOpenForWriting
     const std::string refusedObfuscated =
         "false|ObfuscateStringToFile Failed to write file: " + path +
         "\n|Config : ObfuscateStringToFile failed\n";
-    const struct {
-        bool nobodyOwns;  // else root owns the file
-        mode_t mode;
-        bool nobodySaves;  // else root saves
-        uint32_t type;
-        std::string report;  // what CommitConfig gave and logged; "true" alone: saved
-        bool accessList = false;
-    } rows[] = {
-        {false, 0644, true, kConfigFilePlainXml, refusedPlain},
-        {false, 0644, true, kConfigFileObfuscated, refusedObfuscated},
-        {true, 0444, true, kConfigFilePlainXml, refusedPlain},
-        {true, 0444, true, kConfigFileObfuscated, refusedObfuscated},
-        {true, 0644, true, kConfigFileObfuscated, "true"},
-        {true, 0444, false, kConfigFileObfuscated, "true"},  // root may open it for writing
-        {true, 0600, false, kConfigFilePlainXml, "true"},
+    // Nobody owns the file (else root), its mode, nobody saves (else root), the type, what
+    // CommitConfig gave and logged ("true" alone: saved), an access list.
+    const std::tuple<bool, mode_t, bool, uint32_t, std::string, bool> rows[] = {
+        {false, 0644, true, kConfigFilePlainXml, refusedPlain, false},
+        {false, 0644, true, kConfigFileObfuscated, refusedObfuscated, false},
+        {true, 0444, true, kConfigFilePlainXml, refusedPlain, false},
+        {true, 0444, true, kConfigFileObfuscated, refusedObfuscated, false},
+        {true, 0644, true, kConfigFileObfuscated, "true", false},
+        {true, 0444, false, kConfigFileObfuscated, "true", false},  // root may open it for writing
+        {true, 0600, false, kConfigFilePlainXml, "true", false},
         // Saved, but in place: nobody cannot give a new file to root, nor a copy take the list.
-        {false, 0666, true, kConfigFileObfuscated, "true"},
+        {false, 0666, true, kConfigFileObfuscated, "true", false},
         {false, 0664, false, kConfigFileObfuscated, "true", true},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(&row - rows));
-        const uid_t owner = row.nobodyOwns ? nobody->pw_uid : 0;
+    for (const auto& [nobodyOwns, mode, nobodySaves, type, report, accessList] : rows) {
+        SCOPED_TRACE(std::to_string(mode) + report);
+        const uid_t owner = nobodyOwns ? nobody->pw_uid : 0;
         Write(path, folder.original);
-        ASSERT_EQ(chown(path.c_str(), owner, row.nobodyOwns ? nobody->pw_gid : 0), 0);
-        ASSERT_EQ(chmod(path.c_str(), row.mode), 0);
-        if (row.accessList && !GiveAccessList(path, nobody->pw_uid)) {
+        ASSERT_EQ(chown(path.c_str(), owner, nobodyOwns ? nobody->pw_gid : 0), 0);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        if (accessList && !GiveAccessList(path, nobody->pw_uid)) {
             std::cerr << "no access lists on this file system: row skipped\n";
             continue;
         }
-        CDnConfigFile::m_ConfigFileType = row.type;
-        EXPECT_EQ(SaveInChild(row.nobodySaves ? nobody : nullptr,
+        CDnConfigFile::m_ConfigFileType = type;
+        EXPECT_EQ(SaveInChild(nobodySaves ? nobody : nullptr,
                               [&] { return folder.config->CommitConfig(); }),
-                  row.report);
-        if (row.report != "true")
+                  report);
+        if (report != "true")
             EXPECT_TRUE(Bytes(path) == folder.original) << "the refused save changed the file";
-        else if (row.type == kConfigFilePlainXml)
+        else if (type == kConfigFilePlainXml)
             EXPECT_EQ(Bytes(path), folder.xml);
         else
             EXPECT_EQ(Decode(path), "OBFUSCATED" + folder.xml);
         struct stat status;
         ASSERT_EQ(stat(path.c_str(), &status), 0);
         EXPECT_EQ(status.st_uid, owner);
-        EXPECT_EQ(status.st_mode & 07777, row.mode);
-        EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0,
-                  row.accessList);
+        EXPECT_EQ(status.st_mode & 07777, mode);
+        EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0, accessList);
         EXPECT_EQ(FilesIn(folder.Folder()), 1u) << "a temporary file was left behind";
     }
 }
@@ -166,22 +156,20 @@ TEST(FileReplacementTest, ASaveRemovesWhatAnEarlierSaveOfThatFileLeftBehind) {
     if (dead == 0)
         _exit(0);
     waitpid(dead, nullptr, 0);
-    const struct {
-        std::string name;
-        bool kept;
-    } files[] = {
+    const std::pair<std::string, bool> files[] = {
+        // a half-written file, and whether it stays
         {path + ".new-" + std::to_string(dead) + "-3", false},
         {path + ".new-" + std::to_string(getpid()) + "-99999", false},  // an earlier run's pid
         {path + ".new-1-3", true},  // its process still runs, and may be saving now
         {folder.Folder() + "/Other.config.new-" + std::to_string(dead) + "-3", true},
         {path + ".new-" + std::to_string(dead) + "-x", true},
     };
-    for (const auto& file : files)
-        Write(file.name, "half");
+    for (const auto& [name, kept] : files)
+        Write(name, "half");
     CDnConfigFile::m_ConfigFileType = kConfigFileObfuscated;
     ASSERT_TRUE(folder.config->CommitConfig());
-    for (const auto& file : files)
-        EXPECT_EQ(Bytes(file.name), file.kept ? "half" : "<absent>") << file.name;
+    for (const auto& [name, kept] : files)
+        EXPECT_EQ(Bytes(name), kept ? "half" : "<absent>") << name;
     EXPECT_EQ(Decode(path), "OBFUSCATED" + folder.xml);
 }
 

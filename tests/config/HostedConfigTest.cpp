@@ -35,51 +35,52 @@ struct HostedRoot : ChainRoot {
 
 TEST(HostedConfigTest, OnlyANewDecodableProfileReplacesTheUpdateFile) {
     HostedRoot root;
-    const std::string installed = "UseHostedConfig : Loaded and copied hosted config to update config";
+    const std::string installed =
+        "UseHostedConfig : Loaded and copied hosted config to update config";
     const std::string old = ObfuscatedBytes(root, Profile("<ipc_port>1</ipc_port>", "old"));
     const std::string fresh = ObfuscatedBytes(root, Profile("<ipc_port>2</ipc_port>", "new"));
-    const std::string oldSize = std::to_string(old.size()), wrongType = "UseHostedConfig : Downoaded config was wrong type ";
-    const struct {
-        const char* name;
-        bool updateExists;
-        std::string hosted;
-        std::string logged;  // besides the installed line, which a success adds
-    } rows[] = {
-        {"identical", true, old, "UseHostedConfig : updateLength=" + oldSize + " hostedLength=" + oldSize},
-        {"different", true, fresh, "UseHostedConfig : Wrote " + std::to_string(fresh.size()) + " bytes"},
-        {"no update yet", false, fresh, "Config : Update file '" + root.Update() + "' doesn't exist. Code :2"},
+    const std::string oldSize = std::to_string(old.size()),
+                      wrongType = "UseHostedConfig : Downoaded config was wrong type ";
+    // What, an update file in place or not, the download, and the line logged besides the
+    // installed line, which a success adds.
+    const std::tuple<const char*, bool, std::string, std::string> rows[] = {
+        {"identical", true, old,
+         "UseHostedConfig : updateLength=" + oldSize + " hostedLength=" + oldSize},
+        {"different", true, fresh,
+         "UseHostedConfig : Wrote " + std::to_string(fresh.size()) + " bytes"},
+        {"no update yet", false, fresh,
+         "Config : Update file '" + root.Update() + "' doesn't exist. Code :2"},
         {"without marker", true, ObfuscatedBytes(root, Profile(""), false), installed},
         {"garbage", true, "\x01\x02 not a profile", wrongType + "0"},
         {"plain XML", true, Profile("<ipc_port>3</ipc_port>"), wrongType + "1"},
         {"decodes to bad XML", true, ObfuscatedBytes(root, "<Tideway><open>"), wrongType + "2"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const bool result = row.hosted != old && row.logged.find(wrongType) == std::string::npos;
+    for (const auto& [name, updateExists, hosted, logged] : rows) {
+        SCOPED_TRACE(name);
+        const bool result = hosted != old && logged.find(wrongType) == std::string::npos;
         fs::remove_all(root.temporary);
         fs::create_directories(root.temporary);
         fs::remove(root.Update());
-        if (row.updateExists) {
+        if (updateExists) {
             Write(root.Update(), old);
             ASSERT_EQ(chmod(root.Update().c_str(), 0640), 0);
         }
         syslog_capture::Clear();
-        EXPECT_EQ(CDnConfigFile().UseHostedConfig(row.hosted), result);
-        EXPECT_TRUE(Bytes(root.Update()) == (result ? row.hosted : row.updateExists ? old : "<absent>"));
-        EXPECT_EQ(Logged(row.logged), 1u);
+        EXPECT_EQ(CDnConfigFile().UseHostedConfig(hosted), result);
+        EXPECT_TRUE(Bytes(root.Update()) == (result ? hosted : updateExists ? old : "<absent>"));
+        EXPECT_EQ(Logged(logged), 1u);
         EXPECT_EQ(Logged(installed), result ? 1u : 0u);
         // A refused download stays in the temporary folder; nothing else is left beside.
-        EXPECT_EQ(FilesIn(root.temporary), result || row.hosted == old ? 0u : 1u);
-        EXPECT_EQ(FilesIn(root.Path("tarvex/brenlo/tideway")), Bytes(root.Update()) == "<absent>" ? 0u : 1u);
-        struct stat status;
-        if (row.updateExists && stat(root.Update().c_str(), &status) == 0) {
-            EXPECT_EQ(status.st_mode & 07777, 0640u) << "the update file's mode changed";
-        }
+        EXPECT_EQ(FilesIn(root.temporary), result || hosted == old ? 0u : 1u);
+        EXPECT_EQ(FilesIn(root.Path("tarvex/brenlo/tideway")),
+                  Bytes(root.Update()) == "<absent>" ? 0u : 1u);
+        EXPECT_EQ(updateExists ? Mode(root.Update()) : 0640, 0640) << "the update file's mode";
     }
 
     // A full disk while the download is written, or a writer that may not write the update
     // file, leaves the old one whole and no stray file beside it.
-    const std::string large = ObfuscatedBytes(root, Profile("<!--" + std::string(4096, '-') + "-->"));
+    const std::string large =
+        ObfuscatedBytes(root, Profile("<!--" + std::string(4096, '-') + "-->"));
     Write(root.Update(), old);
     ASSERT_EQ(chmod(root.Update().c_str(), 0644), 0);
     const auto install = [&] { return CDnConfigFile().UseHostedConfig(large); };
@@ -103,7 +104,10 @@ TEST(HostedConfigTest, AnInstalledProfileIsReadAndThenAdoptedByTheNextRun) {
     Write(root.Update(), ObfuscatedBytes(root, Profile("<ipc_port>1</ipc_port>", "first")));
     ASSERT_TRUE(CDnConfigFile().InitializeConfig(true, false));  // adopted: backup == update
     const std::string hosted = ObfuscatedBytes(
-        root, Profile("<ipc_port>2</ipc_port><Towers><Tower><DisplayName>T</DisplayName></Tower></Towers>", "hosted"));
+        root,
+        Profile(
+            "<ipc_port>2</ipc_port><Towers><Tower><DisplayName>T</DisplayName></Tower></Towers>",
+            "hosted"));
     ASSERT_TRUE(CDnConfigFile().UseHostedConfig(hosted));
     std::string label;
     CHostedConfigFile reader;
@@ -155,34 +159,31 @@ TEST(HostedConfigTest, TrustedServersAreReplacedInPlaceAndTheRestKeepsItsBytes) 
         const std::string end = "</TrustedNetworkDetection>";
         const size_t stop = text.find(end) == std::string::npos ? text.find("/>", begin) + 2
                                                                 : text.find(end) + end.size();
-        return std::make_pair(text.substr(0, begin) + text.substr(stop), text.substr(begin, stop - begin));
+        return std::make_pair(text.substr(0, begin) + text.substr(stop),
+                              text.substr(begin, stop - begin));
     };
-    const struct {
-        int role;
-        std::vector<std::string> servers;
-        std::string enabled, enabledInFile;  // "-": no Enabled element in the file
-        bool fileChanged;
-    } rows[] = {
+    // Role, servers, Enabled text, Enabled in the file ("-": no such element), file changed.
+    const std::tuple<int, std::vector<std::string>, std::string, std::string, bool> rows[] = {
         {kConfigRoleOwner, {"a.example", "b.example"}, "true", "true", true},
         {kConfigRoleOwner, {}, "false", "false", true},
         {kConfigRolePlugin, {"a.example"}, " Yes ", "-", true},
         {kConfigRolePlugin, {}, "", "", false},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.role) + " " + row.enabled);
+    for (const auto& [role, servers, enabled, enabledInFile, fileChanged] : rows) {
+        SCOPED_TRACE(std::to_string(role) + " " + enabled);
         ChainRoot root;
-        CDnConfigFile::SetConfigRoleForTesting(row.role);
+        CDnConfigFile::SetConfigRoleForTesting(role);
         auto config = LoadParameters(root, parameters);
         ASSERT_TRUE(config->CommitConfig());  // the file as this store writes it
         const std::string before = Decode(root.Current());
         const auto valuesBefore = config->GetValues();
         syslog_capture::Clear();
-        config->UpdateCurrentConfigTND(Servers(row.servers), row.enabled);
+        config->UpdateCurrentConfigTND(Servers(servers), enabled);
         EXPECT_TRUE(syslog_capture::Texts().empty());
         const std::string after = Decode(root.Current());
-        EXPECT_EQ(after != before, row.fileChanged);
+        EXPECT_EQ(after != before, fileChanged);
         EXPECT_EQ(split(after).first, split(before).first) << "bytes outside the section changed";
-        if (row.fileChanged) {
+        if (fileChanged) {
             CXMLReadWrite file;
             ASSERT_EQ(file.LoadFromString(after.substr(10), true), kConfigOk);
             ptree section;
@@ -191,15 +192,15 @@ TEST(HostedConfigTest, TrustedServersAreReplacedInPlaceAndTheRestKeepsItsBytes) 
             const ptree none;
             for (const auto& server : section.get_child("TrustedServers", none))
                 written.push_back(server.second.get("Address", "?"));
-            EXPECT_EQ(written, row.servers);
-            EXPECT_EQ(section.get("Enabled", std::string("-")), row.enabledInFile);
+            EXPECT_EQ(written, servers);
+            EXPECT_EQ(section.get("Enabled", std::string("-")), enabledInFile);
             EXPECT_FALSE(section.get_optional<std::string>("CheckInterval")) << "not cleared";
         }
         // In memory the new text is read back trimmed, and the map gains the path-named key.
-        std::string trimmed = row.enabled;
+        std::string trimmed = enabled;
         Trim(trimmed, kWhitespace);
         EXPECT_EQ(config->GetXmlValue(cfgkey::kTndEnabled), trimmed);
-        EXPECT_EQ(config->GetValues().count(cfgkey::kTndEnabled), row.role == kConfigRolePlugin ? 1u : 0u);
+        EXPECT_EQ(config->GetValues().count(cfgkey::kTndEnabled), role == kConfigRolePlugin);
         ASSERT_TRUE(config->Reload());  // a reload of the file keeps every other key as it was
         EXPECT_EQ(config->GetValues(), valuesBefore);
     }

@@ -35,14 +35,15 @@ class OpenSSLCryptTest : public ::testing::Test {
 
 // The key rule is the openssl tool's "enc -md sha1 -nosalt": the tool's ciphertext of the same
 // text is the file byte for byte, under the built-in phrase and under a caller's, used whole.
-TEST_F(OpenSSLCryptTest, FileIsTheToolsCiphertextAndReadsBackAppended) {
+TEST_F(OpenSSLCryptTest, FileIsTheToolsCiphertextInBothCiphersAndReadsBackAppended) {
     const std::string plain = kMarker + kXml;
     for (const char* phrase : {static_cast<const char*>(nullptr), "00FF"}) {
         const std::string ours = Obfuscate("ours", plain, phrase);
         Write(Path("phrase"), phrase ? phrase : kBuiltInPassPhrase);
         Write(Path("plain"), plain);
-        ASSERT_EQ(Shell(root.path(), "openssl enc -e -aes-128-cbc -md sha1 -nosalt -pass "
-                                     "file:phrase -in plain -out theirs"),
+        ASSERT_EQ(Shell(root.path(),
+                        "openssl enc -e -aes-128-cbc -md sha1 -nosalt -pass "
+                        "file:phrase -in plain -out theirs"),
                   0);
         EXPECT_EQ(Bytes(ours), Bytes(Path("theirs")));
         std::string out = "kept:";
@@ -53,15 +54,26 @@ TEST_F(OpenSSLCryptTest, FileIsTheToolsCiphertextAndReadsBackAppended) {
     ASSERT_EQ(Read(Obfuscate("nul", kMarker + "<a>1</a>" + std::string(1, '\0') + "rest"), out), 0);
     EXPECT_EQ(out, kMarker + "<a>1</a>");
     EXPECT_TRUE(syslog_capture::Records().empty());
+
+    // The RC4 variant takes the first 128 characters of the phrase.
+    const std::string rc4 =
+        "openssl enc -e -rc4 -md sha1 -nosalt -provider legacy -provider default -in plain -pass "
+        "pass:";
+    if (Shell(root.path(), rc4 + std::string(kBuiltInPassPhrase, 128) + " -out short") != 0)
+        GTEST_SKIP() << "the openssl tool cannot use RC4 here (no legacy provider)";
+    ASSERT_EQ(Shell(root.path(), rc4 + kBuiltInPassPhrase + " -out whole"), 0);
+    out.clear();
+    ASSERT_EQ(Read(Path("short"), out, EVP_rc4()), 0);
+    EXPECT_EQ(out, plain);
+    out.clear();
+    Read(Path("whole"), out, EVP_rc4());
+    EXPECT_NE(out, plain);
 }
 
 TEST_F(OpenSSLCryptTest, BadFilesFailWithTheirLineAndStayAsTheyWere) {
     const std::string good = Bytes(Obfuscate("good", kMarker + kXml));
     const std::string bad = "DeObfuscateFiletoStr: bad de-obfuscate\n";
-    const struct {
-        const char* name;
-        std::string bytes, line;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"empty", "", bad},
         {"plain xml", kXml, bad},
         {"cut by a byte", good.substr(0, good.size() - 1), bad},
@@ -69,14 +81,15 @@ TEST_F(OpenSSLCryptTest, BadFilesFailWithTheirLineAndStayAsTheyWere) {
         {"empty plaintext", Bytes(Obfuscate("y", "")),
          "DeObfuscateFiletoStr: error getting data from mem BIO\n"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [name, bytes, line] : cases) {
+        SCOPED_TRACE(name);
         syslog_capture::Clear();
-        const std::string path = Write(Path("bad"), c.bytes);
+        const std::string path = Write(Path("bad"), bytes);
         std::string out = "untouched";
-        EXPECT_EQ(Read(path, out), -1) << c.name;
-        EXPECT_EQ(out, "untouched") << c.name;
-        EXPECT_EQ(syslog_capture::Texts(), std::vector<std::string>{c.line}) << c.name;
-        EXPECT_EQ(Bytes(path), c.bytes) << c.name;
+        EXPECT_EQ(Read(path, out), -1);
+        EXPECT_EQ(out, "untouched");
+        EXPECT_THAT(syslog_capture::Texts(), testing::ElementsAre(line));
+        EXPECT_EQ(Bytes(path), bytes);
     }
     // Nothing to open, no path, no cipher, a folder: -1 and nothing delivered.
     std::string out;
@@ -112,22 +125,6 @@ TEST_F(OpenSSLCryptTest, FiftyMegabytesRoundTripAndGarbageOfThatSizeIsRefused) {
     EXPECT_TRUE(out.empty());
 }
 
-TEST_F(OpenSSLCryptTest, Rc4VariantTakesTheFirst128Characters) {
-    Write(Path("plain"), kMarker + kXml);
-    const std::string rc4 =
-        "openssl enc -e -rc4 -md sha1 -nosalt -provider legacy -provider default -in plain -pass "
-        "pass:";
-    if (Shell(root.path(), rc4 + std::string(kBuiltInPassPhrase, 128) + " -out short") != 0)
-        GTEST_SKIP() << "the openssl tool cannot use RC4 here (no legacy provider)";
-    ASSERT_EQ(Shell(root.path(), rc4 + kBuiltInPassPhrase + " -out whole"), 0);
-    std::string out;
-    ASSERT_EQ(Read(Path("short"), out, EVP_rc4()), 0);
-    EXPECT_EQ(out, kMarker + kXml);
-    out.clear();
-    Read(Path("whole"), out, EVP_rc4());
-    EXPECT_NE(out, kMarker + kXml);
-}
-
 TEST_F(OpenSSLCryptTest, ObfuscateFileAndTheToolConvertBothWays) {
     const std::string plain = Write(Path("plain.xml"), kXml);
     const std::string enc = Path("enc");
@@ -139,27 +136,17 @@ TEST_F(OpenSSLCryptTest, ObfuscateFileAndTheToolConvertBothWays) {
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(plain.c_str(), Path("x").c_str(), nullptr, 0), -1);
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(enc.c_str(), Path("no/dir").c_str(), nullptr, 0), 0);
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(Bytes(Path("dec")), kXml);
-    EXPECT_EQ(Bytes(plain), kXml);
-    EXPECT_EQ(Bytes(Path("x")), "<absent>");
+    EXPECT_EQ(Bytes(Path("dec")) + Bytes(plain) + Bytes(Path("x")), kXml + kXml + "<absent>");
     std::string out;
     ASSERT_EQ(Read(enc, out), 0);
     EXPECT_EQ(out, kMarker + kXml);
 
-    // The maintenance tool: its exit status for each command line.
+    // The maintenance tool: each exit status, then the command line that gives it.
     Write(Path("phrase"), "custom phrase\n");
-    const struct {
-        const char* arguments;
-        int status;
-    } runs[] = {
-        {"-e -d plain.xml t", 2},  {"--decode plain.xml t", 1}, {"-p phrase -e plain.xml t.enc", 0},
-        {"-d t.enc t.dec", 1},     {"-p phrase -d t.enc t.dec", 0}, {"-d enc no/dir", 1},
-    };
-    for (const auto& r : runs) {
-        EXPECT_EQ(Shell(root.path(), std::string(TIDEWAY_OBFUSCATE_TOOL " ") + r.arguments),
-                  r.status)
-            << r.arguments;
-    }
+    for (const std::string run :
+         {"2 -e -d plain.xml t", "1 --decode plain.xml t", "0 -p phrase -e plain.xml t.enc",
+          "1 -d t.enc t.dec", "0 -p phrase -d t.enc t.dec", "1 -d enc no/dir"})
+        EXPECT_EQ(Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL + run.substr(1)), run[0] - '0') << run;
     EXPECT_EQ(Bytes(Path("t.dec")), kXml);
 }
 

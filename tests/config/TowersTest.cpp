@@ -26,53 +26,50 @@ std::string Joined(const TowerInfo& t) {
 }
 
 TEST(TowersTest, ActiveTowerIsRepairedFromNameDefaultOrFirstTower) {
-    const struct {
-        const char* what;
-        const char* display;
-        const char* host;
-        const char* preferred;  // Default
-        const char* tunnel;
-        bool owner;              // the file owner's role: the repair reaches the file
-        const char* out;         // Joined(out); "?" marks the untouched port
-        const char* storedHost;  // ActiveTowerHostName afterwards
-        const char* storedName;  // ActiveTowerDisplayName afterwards
-        const char* log;         // the one TRACE line expected, or ""
-    } cases[] = {
-        {"name matches ignoring case, host too", "a", "A.HOST", "", "ssl", false,
-         "A|1|a.host|?|443", "A.HOST", "a", ""},
-        {"name matches, host moved", "b", "old.host", "", "plain", true, "B|0|b.host|8080|?",
-         "b.host", "b", "Config: Changing ActiveTowerHostName from old.host to b.host"},
-        {"host empty: Default wins over the name", "A", "", "b", "ssl", true, "B|0|b.host|?|8443",
-         "b.host", "B", "Config: ActiveHostDisplayName has been changed from A to B (Default)"},
-        {"stale name, Default names no tower", "Gone", "g.host", "Nowhere", "", false,
-         "A|1|a.host|?|443", "a.host", "A",
-         "Config: ActiveHostDisplayName has been changed from Gone to A (First tower's display "
-         "name from the Tower List)"},
-        {"nothing stored, no Default", "", "", "", "plain", false, "A|1|a.host|80|?", "a.host", "A",
-         "Config: ActiveHostDisplayName has been changed from  to A (First tower's display name "
-         "from the Tower List)"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    // What, the stored ActiveTowerDisplayName, ActiveTowerHostName, Default and tunnel type; the
+    // file owner's role (the repair reaches the file); Joined(out) ("?": the untouched port) with
+    // the stored host name and display name afterwards; the one TRACE line expected, or "".
+    const std::tuple<const char*, const char*, const char*, const char*, const char*, bool,
+                     const char*, const char*>
+        cases[] = {
+            {"name matches ignoring case, host too", "a", "A.HOST", "", "ssl", false,
+             "A|1|a.host|?|443 A.HOST a", ""},
+            {"name matches, host moved", "b", "old.host", "", "plain", true,
+             "B|0|b.host|8080|? b.host b",
+             "Config: Changing ActiveTowerHostName from old.host to b.host"},
+            {"host empty: Default wins over the name", "A", "", "b", "ssl", true,
+             "B|0|b.host|?|8443 b.host B",
+             "Config: ActiveHostDisplayName has been changed from A to B (Default)"},
+            {"stale name, Default names no tower", "Gone", "g.host", "Nowhere", "", false,
+             "A|1|a.host|?|443 a.host A",
+             "Config: ActiveHostDisplayName has been changed from Gone to A (First tower's "
+             "display name from the Tower List)"},
+            {"nothing stored, no Default", "", "", "", "plain", false, "A|1|a.host|80|? a.host A",
+             "Config: ActiveHostDisplayName has been changed from  to A (First tower's display "
+             "name from the Tower List)"},
+        };
+    for (const auto& [what, display, host, preferred, tunnel, owner, after, log] : cases) {
+        SCOPED_TRACE(what);
         ChainRoot root;
-        auto config = LoadParameters(
-            root, kTwoTowers + Element("ActiveTowerDisplayName", c.display) +
-                      Element("ActiveTowerHostName", c.host) + Element("Default", c.preferred) +
-                      Element("tunnel_type", c.tunnel));
-        CDnConfigFile::SetConfigRoleForTesting(c.owner ? kConfigRoleOwner : kConfigRolePlugin);
+        auto config = LoadParameters(root, kTwoTowers + Element("ActiveTowerDisplayName", display) +
+                                               Element("ActiveTowerHostName", host) +
+                                               Element("Default", preferred) +
+                                               Element("tunnel_type", tunnel));
+        CDnConfigFile::SetConfigRoleForTesting(owner ? kConfigRoleOwner : kConfigRolePlugin);
         const std::string before = Bytes(root.Current());
         syslog_capture::Clear();
         TowerInfo out{"?", "?", "?", "?", "?"};
         EXPECT_EQ(config->GetActiveTower(out), 0);
-        EXPECT_EQ(Joined(out), c.out);
-        EXPECT_EQ(config->GetString("ActiveTowerHostName"), c.storedHost);
-        EXPECT_EQ(config->GetString("ActiveTowerDisplayName"), c.storedName);
-        EXPECT_EQ(*c.log == '\0' ? syslog_capture::CountContaining("Config") : Logged(c.log),
-                  *c.log == '\0' ? 0u : 1u);
+        const std::string storedHost = config->GetString("ActiveTowerHostName");
+        EXPECT_EQ(
+            Joined(out) + " " + storedHost + " " + config->GetString("ActiveTowerDisplayName"),
+            after);
+        EXPECT_EQ(*log == '\0' ? syslog_capture::CountContaining("Config") : Logged(log),
+                  *log == '\0' ? 0u : 1u);
         CDnConfigFile fresh;  // the plug-in keeps changes in memory; the owner commits them
         ASSERT_TRUE(fresh.InitializeConfig(false, false));
-        EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), c.owner ? c.storedHost : c.host);
-        EXPECT_EQ(c.owner || Bytes(root.Current()) == before, true);
+        EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), owner ? storedHost : host);
+        EXPECT_EQ(owner || Bytes(root.Current()) == before, true);
     }
     ChainRoot root;
     TowerInfo out{"keep", "", "", "", ""};
@@ -107,16 +104,12 @@ TEST(TowersTest, ReplacedTowerListIsCommittedAndReadBack) {
     CDnConfigFile fresh;
     ASSERT_TRUE(fresh.InitializeConfig(false, false));
     std::unique_ptr<std::list<std::pair<std::string, TowerInfo>>> read(fresh.GetTowerList());
-    std::vector<std::string> got;
+    std::string got;
     for (const auto& t : *read)
-        got.push_back(t.first + "=" + Joined(t.second));
-    EXPECT_EQ(got, (std::vector<std::string>{"C=C|1|c.host|81|444", "B=B|0|new-b.host|82|445",
-                                             "C=C|0|second-c.host|83|446"}));
+        got += t.first + "=" + Joined(t.second) + " ";
+    EXPECT_EQ(got, "C=C|1|c.host|81|444 B=B|0|new-b.host|82|445 C=C|0|second-c.host|83|446 ");
     EXPECT_EQ(fresh.GetString("ActiveTowerHostName"), "new-b.host");
-    const std::string stamp = fresh.GetString("LastUpdateTime");
-    EXPECT_TRUE(stamp.size() == 14 && stamp.find_first_not_of("0123456789") == std::string::npos &&
-                stamp.compare(0, 2, "20") == 0)
-        << stamp;
+    EXPECT_THAT(fresh.GetString("LastUpdateTime"), testing::MatchesRegex("20[0-9]{12}"));
 }
 
 TEST(TowersTest, DisplayListsFollowDisplayTowersOrFallBackToAllTowers) {
@@ -124,35 +117,29 @@ TEST(TowersTest, DisplayListsFollowDisplayTowersOrFallBackToAllTowers) {
         "<Towers><Tower><DisplayName>A</DisplayName><HostName>a1</HostName></Tower>"
         "<Tower><DisplayName>B</DisplayName><HostName>b</HostName></Tower>"
         "<Tower><DisplayName>a</DisplayName><HostName>a2</HostName></Tower></Towers>";
-    const struct {
-        const char* towers;
-        const char* displayTowers;
-        const char* raw;    // GetDisplayTowersList, joined by "|"
-        const char* names;  // GetDisplayTowerNames
-        const char* hosts;  // HostName of GetDisplayTowerInfos, joined by "|"
-    } cases[] = {
-        {kThree, " b , a,B,, ", "b|a", "B,A,", "b|a1"},
-        {kThree, "x,y", "x|y", "A,B,a,", "a1|b|a1"},
-        {kThree, "zz,b", "zz|b", "B,", "b"},
-        {"", "A", "A", "", ""},
+    // Towers and DisplayTowers; GetDisplayTowersList joined by "|", GetDisplayTowerNames, and
+    // the HostName of each of GetDisplayTowerInfos.
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {kThree, " b , a,B,, ", "b|a B,A, b|a1"},
+        {kThree, "x,y", "x|y A,B,a, a1|b|a1"},
+        {kThree, "zz,b", "zz|b B, b"},
+        {"", "A", "A  "},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.towers).substr(0, 10) + " / " + c.displayTowers);
+    for (const auto& [towers, displayTowers, expected] : cases) {
+        SCOPED_TRACE(std::string(towers).substr(0, 10) + " / " + displayTowers);
         ChainRoot root;
-        auto config = LoadParameters(root, c.towers + Element("DisplayTowers", c.displayTowers));
+        auto config = LoadParameters(root, towers + Element("DisplayTowers", displayTowers));
         syslog_capture::Clear();
         std::list<std::string> raw{"stale"};
-        std::string names = "stale", joined, hosts;
+        std::string names = "stale", hosts;
         std::vector<TowerInfo> infos(1);
         EXPECT_EQ(config->GetDisplayTowersList(raw) + config->GetDisplayTowerNames(names) +
-                      config->GetDisplayTowerInfos(infos), 0);
-        for (const auto& r : raw)
-            joined += (joined.empty() ? "" : "|") + r;
+                      config->GetDisplayTowerInfos(infos),
+                  0);
         for (const auto& t : infos)
             hosts += (hosts.empty() ? "" : "|") + t.HostName;
-        EXPECT_EQ(joined + " " + names + " " + hosts,
-                  std::string(c.raw) + " " + c.names + " " + c.hosts);
-        EXPECT_EQ(Logged("Config: Failed to get valid display towers list."), *c.towers ? 0u : 2u);
+        EXPECT_EQ(config_test::Join(raw) + " " + names + " " + hosts, expected);
+        EXPECT_EQ(Logged("Config: Failed to get valid display towers list."), *towers ? 0u : 2u);
     }
 }
 
@@ -169,26 +156,22 @@ TEST(TowersTest, DctUpdatesReachMapStoreAndFile) {
     EXPECT_EQ(params.numberReadings, 7);
     EXPECT_FALSE(config->UpdateDCTData(nullptr, "x", false));
 
-    const struct {
-        int detectClosest;
-        int mode;
-        const char* expectedMode;
-        bool warned;
-    } cases[] = {{1, 0, "manual", false}, {0, 1, "auto", false}, {5, 2, "auto", true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
+    const std::tuple<int, int, const char*, bool> cases[] = {
+        {1, 0, "manual", false}, {0, 1, "auto", false}, {5, 2, "auto", true}};
+    for (const auto& [detectClosest, mode, expectedMode, warned] : cases) {
+        SCOPED_TRACE(mode);
         syslog_capture::Clear();
         const std::string before = Bytes(root.Current());
         // The plug-in's role: only the closing commit writes.
-        EXPECT_TRUE(config->UpdateDCT(c.detectClosest, c.mode, false));
+        EXPECT_TRUE(config->UpdateDCT(detectClosest, mode, false));
         EXPECT_NE(Bytes(root.Current()), before);
         EXPECT_EQ(Logged("CDnConfigFile : Invalid DCT mode received from client"),
-                  c.warned ? 1u : 0u);
-        EXPECT_EQ(config->GetDctInteger("DetectClosest"), c.detectClosest);
+                  warned ? 1u : 0u);
+        EXPECT_EQ(config->GetDctInteger("DetectClosest"), detectClosest);
         CDnConfigFile fresh;
         ASSERT_TRUE(fresh.InitializeConfig(false, false));
-        EXPECT_EQ(fresh.GetDctInteger("DetectClosest"), c.detectClosest);
-        EXPECT_EQ(fresh.GetDctString("Mode"), c.expectedMode);
+        EXPECT_EQ(fresh.GetDctInteger("DetectClosest"), detectClosest);
+        EXPECT_EQ(fresh.GetDctString("Mode"), expectedMode);
         EXPECT_EQ(fresh.GetDctInteger("NumberReadings"), 7);
     }
     // A new key is created under DetectClosestTower and reaches the file on the owner's commit.
@@ -212,28 +195,24 @@ TEST(TowersTest, ToolCheckReportsValidProfilesAndRefusesOthers) {
     config_test::WriteObfuscated(root.Path("hosted.wso"), profile);
     config_test::Write(root.Path("plain.xml"), profile);
     config_test::Write(root.Path("garbage"), std::string("\x93\x01garbage\0\xff", 12));
-    const struct {
-        std::string file;
-        int status;
-        std::string output;
-    } cases[] = {
+    const std::tuple<std::string, int, std::string> cases[] = {
         {"hosted.wso", 0,
          "hosted.wso: valid obfuscated profile\nlabel: Branch\ntowers: 2\n"
-             "tower: A host=a.host ssl=443 plain=80 active=1\n"
-             "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
-             "dct: DetectClosest=1 Mode=manual\n"
-             "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
+         "tower: A host=a.host ssl=443 plain=80 active=1\n"
+         "tower: B host=b.host ssl=8443 plain=8080 active=0\nactive: B host=b.host\n"
+         "dct: DetectClosest=1 Mode=manual\n"
+         "dct params: Mode=manual NumberReadings=0 connect_timeout=0\n"},
         {"plain.xml", 1, "plain.xml: invalid: plain XML, not an obfuscated profile\n"},
         {"garbage", 1, "garbage: invalid: not an obfuscated file (or another pass phrase)\n"},
     };
-    for (const auto& c : cases) {
-        const std::string before = Bytes(root.Path(c.file));
+    for (const auto& [file, status, output] : cases) {
+        const std::string before = Bytes(root.Path(file));
         std::string out;
-        EXPECT_EQ(config_test::Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL " --check " + c.file, &out),
-                  c.status)
-            << c.file;
-        EXPECT_EQ(out, c.output);
-        EXPECT_EQ(Bytes(root.Path(c.file)), before);  // checking never writes the file
+        EXPECT_EQ(config_test::Shell(root.path(), TIDEWAY_OBFUSCATE_TOOL " --check " + file, &out),
+                  status)
+            << file;
+        EXPECT_EQ(out, output);
+        EXPECT_EQ(Bytes(root.Path(file)), before);  // checking never writes the file
     }
 }
 
