@@ -33,10 +33,9 @@ void CompareWithReference(const std::string& text, const std::string& name) {
 
 // The real objects, each with one text getter answering wrongly (`fault`: 0 the size query
 // answers 0, 1 the copy answers -10, 2 the size query asks 4 GiB), or counting the sizes offered.
-class FailingStatistics : public CVantoriaStatistics {
-  public:
-    // `which`: 0 the tower name, 1 the last switch, 2 the service start, 3 the overview's
-    // second read of the tower name.
+// `which`: 0 the tower name, 1 the last switch, 2 the service start, 3 the overview's second
+// read of the tower name.
+struct FailingStatistics : CVantoriaStatistics {
     FailingStatistics(const uint8_t* data, int which, int fault)
         : CVantoriaStatistics(data), which_(which), fault_(fault) {}
     int32_t GetActiveTowerName(char* b, uint32_t& n) override {
@@ -51,8 +50,6 @@ class FailingStatistics : public CVantoriaStatistics {
     int32_t GetTimeServiceEnabled(char* b, uint32_t& n) override {
         return Fail(2, b, n) ? result_ : CVantoriaStatistics::GetTimeServiceEnabled(b, n);
     }
-
-  private:
     bool Fail(int getter, char* buffer, uint32_t& n) {
         if (getter != which_ || (buffer == nullptr) != (fault_ != 1))
             return false;
@@ -63,21 +60,17 @@ class FailingStatistics : public CVantoriaStatistics {
     int which_, fault_, towerQueries_ = 0;
     int32_t result_ = 0;
 };
-class CountingMessage : public CVantoriaInfoMessage {
-  public:
+struct CountingMessage : CVantoriaInfoMessage {
     CountingMessage(const std::string& text, int32_t fault, std::ostream& out)
         : CVantoriaInfoMessage(1, text), fault_(fault), out_(out) {}
     int32_t GetMessageText(char* buffer, uint32_t& length) override {
         out_ << "GetMessageText offered " << length << "\n";
         return fault_ != 0 ? fault_ : CVantoriaInfoMessage::GetMessageText(buffer, length);
     }
-
-  private:
     int32_t fault_;
     std::ostream& out_;
 };
-class RefusingList : public CVantoriaTowerList {  // refuses the copy of its third name
-  public:
+struct RefusingList : CVantoriaTowerList {  // refuses the copy of its third name
     int32_t GetAt(uint64_t index, char* buffer, uint32_t& length) override {
         return index == 2 && buffer != nullptr ? -10
                                                : CVantoriaTowerList::GetAt(index, buffer, length);
@@ -131,9 +124,13 @@ class PresentationPages : public ::testing::Test {
         CVantoriaDCT dct{std::string(tower)};
         return plugin_.OnDCTSettings(&dct);
     }
-    int32_t List(bool active, std::unique_ptr<CVantoriaTowerList> list) {
-        for (const char* name : {"west-1", "north-2", "east-3"})
-            list->Append(name);
+    // The first `names` of three towers, the third refused if `refuse`.
+    int32_t List(bool active, size_t names = 3, bool refuse = false) {
+        std::unique_ptr<CVantoriaTowerList> list(refuse ? new RefusingList
+                                                        : new CVantoriaTowerList);
+        const char* const towers[] = {"west-1", "north-2", "east-3"};
+        for (size_t i = 0; i < names; ++i)
+            list->Append(towers[i]);
         if (active)
             list->CalculateActiveIndex("north-2");
         return plugin_.OnTowerList(list.get());
@@ -156,7 +153,6 @@ TEST_F(PresentationPages, StatusCodesDriveTileTrayHistoryAndRequests) {
 }
 
 TEST_F(PresentationPages, TowerPageFollowsDctReportsAndTowerLists) {
-    using L = std::unique_ptr<CVantoriaTowerList>;
     const std::vector<std::pair<std::string, std::function<int32_t()>>> steps = {
         {"settings before any running status: the page greys, the mode stays",
          [&] { return Dct(1, 1, 1); }},
@@ -165,15 +161,11 @@ TEST_F(PresentationPages, TowerPageFollowsDctReportsAndTowerLists) {
         {"automatic mode", [&] { return Dct(1, 0, 1); }},
         {"mode 2 is automatic too", [&] { return Dct(2, 0, 1); }},
         {"the user may not choose, whatever the mode", [&] { return Dct(0, 1, 0); }},
-        {"list with north-2 active", [&] { return List(true, L(new CVantoriaTowerList)); }},
-        {"the same active tower again", [&] { return List(true, L(new CVantoriaTowerList)); }},
-        {"list without an active tower", [&] { return List(false, L(new CVantoriaTowerList)); }},
-        {"empty list: nothing",
-         [&] {
-             CVantoriaTowerList l;
-             return plugin_.OnTowerList(&l);
-         }},
-        {"a name refused: nothing", [&] { return List(true, L(new RefusingList)); }},
+        {"list with north-2 active", [&] { return List(true); }},
+        {"the same active tower again", [&] { return List(true); }},
+        {"list without an active tower", [&] { return List(false); }},
+        {"empty list: nothing", [&] { return List(false, 0); }},
+        {"a name refused: nothing", [&] { return List(true, 3, true); }},
         {"changed to a part of the shown name", [&] { return Changed("north"); }},
         {"changed to a new tower", [&] { return Changed("south-9"); }},
         {"status 9 keeps the tower", [&] { return Status(9); }},
