@@ -1,8 +1,6 @@
 // The plug-in's pages against a recording host: scripted callbacks with the API's own result
 // objects; all they print (notices, trace lines, the API requests, which fail here) is compared
 // with the references in data/ (PAGES_WRITE_REFERENCE=1 rewrites them).
-#include <string.h>
-
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -78,22 +76,14 @@ struct RefusingList : CVantoriaTowerList {  // refuses the copy of its third nam
 };
 
 ServiceStatistics Record(uint32_t mode, uint32_t service, uint32_t detect, uint32_t onLan) {
-    ServiceStatistics r;
-    memset(&r, 0, sizeof(r));
-    r.nSelectionMode = mode;
-    r.nServiceStatus = service;
-    r.nDetectOnLan = detect;
-    r.nOnLan = onLan;
-    r.activeFilteredA = 4000000000u;  // the active sums wrap in 32 bits in the object
-    r.activeFilteredB = 7;
-    r.activeBypassedA = 12;
-    r.totalFilteredA = 0x100000000ull;
-    r.totalFilteredB = 5;
-    r.totalBypassedB = 18446744073709551615ull;
-    strcpy(r.szActiveTower, "north-2");
-    strcpy(r.szLastTowerSelect, "00:05:17");
-    strcpy(r.szServiceEnabled, "Mon 08:00");
-    return r;
+    // In field order: the active sums of A and B (filtered, bypassed, other; they wrap in 32 bits
+    // in the object), the totals (other, filtered, bypassed), detect, on LAN, mode, service,
+    // reserved, last switch, service start, tower.
+    return {4000000000u, 12,         0,           7,
+            0,           0,          0,           0x100000000ull,
+            0,           0,          5,           18446744073709551615ull,
+            detect,      onLan,      mode,        service,
+            0,           "00:05:17", "Mon 08:00", "north-2"};
 }
 
 class PresentationPages : public ::testing::Test {
