@@ -111,7 +111,6 @@ class PresentationAgent : public ::testing::Test {
         ASSERT_EQ(static_cast<CVantoriaPresentationPlugin*>(p_)->GetApi().GetDCTSettings(), 0);
         ASSERT_TRUE(syslog_capture::WaitFor(line, seconds(10), seen + 1));
     }
-    size_t Received(const std::string& prefix) { return log_.Count(prefix, true); }
 
     TempRoot root_;
     SimLog log_;
@@ -241,8 +240,8 @@ TEST_F(PresentationAgent, EachActionReachesTheAgentInItsOrder) {
                   "<label id=\"tower_update_pending\" hidden=\"true\""),
               std::string::npos);
     ASSERT_TRUE(log_.WaitFor("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE len=12 mode=0 detect=1"));
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER"), 1u);
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE"), 2u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER", true), 1u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE", true), 2u);
 
     // The agent asks for credentials: the dialog comes; refused input sends nothing.
     ASSERT_EQ(sim_->Control("proxy 10.1.2.3 3128 Basic office"), "OK sent=1");
@@ -269,7 +268,7 @@ TEST_F(PresentationAgent, EachActionReachesTheAgentInItsOrder) {
     ASSERT_TRUE(log_.WaitFor("RECV session=1 COMM_MSG_PROXY_CANCEL_REQUEST len=0"));
     EXPECT_EQ(disposeSeen_,
               (std::vector<std::pair<size_t, size_t>>{{1, 0}, {1, 0}, {1, 0}, {1, 1}}));
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_PROXY_CRED_RESPONSE"), 1u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_PROXY_CRED_RESPONSE", true), 1u);
     ASSERT_TRUE(syslog_capture::WaitFor(kCancelLine, seconds(10), 2));
 
     // Not an event, or an event nobody armed: -1 with its line, or 0 and nothing.
