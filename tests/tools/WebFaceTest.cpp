@@ -25,6 +25,7 @@
 #include <boost/beast/websocket.hpp>
 
 #include "AgentLink.h"
+#include "TestEnv.h"
 #include "WebServer.h"
 
 namespace {
@@ -58,21 +59,16 @@ struct Lines {
 // A scratch folder and an I/O thread that runs until the test ends.
 class IoTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tideway-web-face-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
     void TearDown() override {
         work_.reset();
         if (thread_.joinable())
             thread_.join();
-        EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
+    TempRoot root_;
+    const std::string dir_ = root_.path();
     asio::io_context io_;
     asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
     std::thread thread_;
-    std::string dir_;
     Lines lines_;
 };
 
@@ -152,7 +148,6 @@ http::response<http::string_body> Fetch(uint16_t port, http::verb method, const 
 class WebServerTest : public IoTest {
   protected:
     void SetUp() override {
-        IoTest::SetUp();
         const std::string root = dir_ + "/web";
         ASSERT_EQ(system(("mkdir -p '" + root + "/sub'").c_str()), 0);
         const std::pair<const char*, const char*> files[] = {
@@ -389,7 +384,6 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
 class AgentLinkTest : public IoTest {
   protected:
     void SetUp() override {
-        IoTest::SetUp();
         thread_ = std::thread([this] { io_.run(); });
     }
     void TearDown() override {  // the links' timers would keep the I/O thread running
