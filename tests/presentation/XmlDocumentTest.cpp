@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -25,56 +24,42 @@ using ::testing::Key;
 
 // Compared byte for byte with the reference; PAGES_WRITE_REFERENCE=1 rewrites it.
 TEST(XmlUINotice, PrintsSetupUpdateAndPopupNoticesByteForByte) {
-    const struct {
-        int32_t type;
-        const char* tag;
-        const char* module;
-        std::function<void(XmlUINotice&)> build;
-    } cases[] = {
-        {kNoticeSetup, nullptr, kUiModuleIdentity,
-         [](XmlUINotice& n) {
-             n.GetControl(kCtrlLabel, kIdSimpleTileLabel).SetAttribute(kUiValue, "Tideway:");
-             n.CreateNode(kUiPreferences);
-             XmlUICtrl group = n.GetControl(kCtrlRadioGroup, kIdModeRadioGroup);
-             group.SetAttribute(kUiDisabled, kUiTrue);
-             group.SetEvent(kEventOnSelect, kIdModeRadioGroup);
-             group.AddChild(kUiRadio)
-                 .SetAttribute(kUiLabel, "Auto")
-                 .SetAttribute(kUiSelected, kUiFalse);
-             group.AddChild(kUiRadio).SetAttribute(kUiLabel, "Manual");
-             // A value holding '"' goes in single quotes; the other four entities are expanded.
-             n.GetControl(kCtrlLabel, kIdTower).SetAttribute(kUiValue, "a<b & \"c\" 'd'>");
-             n.GetControl(kCtrlLabel, kIdTowerLbl).SetAttribute(kUiValue, "it's");
-         }},
-        {kNoticeUpdate, "stat_update", kUiModuleIdentity,
-         [](XmlUINotice& n) {
-             n.SetState(kTrayGood);
-             n.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "On (Tower A)");
-             n.GetControl(kCtrlTrayState, kIdTrayStateString).SetAttribute(kUiValue, "On");
-             n.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, "On (Tower A)");
-             // The same id again, even with another type, is the same element.
-             n.GetControl(kCtrlButton, kIdSimpleStatus).SetAttribute(kUiHidden, kUiFalse);
-             n.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "Off");
-         }},
-        {kNoticePopup, "t", kUiModuleIdentity,
-         [](XmlUINotice& n) {
-             n.root.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiType, kUiCustom);
-             n.CreateNode(kUiTitle).SetAttribute(kUiValue, "Tarvex Brenlo Tideway");
-             XmlNode row = n.CreateNode(kUiLayout).AddChild(kUiRow);
-             XmlUICtrl ok = n.GetControl(kCtrlButton, kIdCredentialOkBtn, row);
-             ok.SetAttribute(kUiLabel, "Ok");
-             ok.SetEvent(kEventOnPress, "proxyuser,proxypswd");
-             n.GetControl(kCtrlCloseButton, kIdCredentialClose).SetEvent(kEventOnClose, nullptr);
-         }},
-        // Without module and tag, and with a type that has no text, those are left out.
-        {kNoticeUnknown, nullptr, nullptr, [](XmlUINotice&) {}},
-    };
+    XmlUINotice setup(kNoticeSetup, nullptr, kUiModuleIdentity);
+    setup.GetControl(kCtrlLabel, kIdSimpleTileLabel).SetAttribute(kUiValue, "Tideway:");
+    setup.CreateNode(kUiPreferences);
+    XmlUICtrl group = setup.GetControl(kCtrlRadioGroup, kIdModeRadioGroup);
+    group.SetAttribute(kUiDisabled, kUiTrue);
+    group.SetEvent(kEventOnSelect, kIdModeRadioGroup);
+    group.AddChild(kUiRadio).SetAttribute(kUiLabel, "Auto").SetAttribute(kUiSelected, kUiFalse);
+    group.AddChild(kUiRadio).SetAttribute(kUiLabel, "Manual");
+    // A value holding '"' goes in single quotes; the other four entities are expanded.
+    setup.GetControl(kCtrlLabel, kIdTower).SetAttribute(kUiValue, "a<b & \"c\" 'd'>");
+    setup.GetControl(kCtrlLabel, kIdTowerLbl).SetAttribute(kUiValue, "it's");
+
+    XmlUINotice update(kNoticeUpdate, "stat_update", kUiModuleIdentity);
+    update.SetState(kTrayGood);
+    update.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "On (Tower A)");
+    update.GetControl(kCtrlTrayState, kIdTrayStateString).SetAttribute(kUiValue, "On");
+    update.CreateNode(kUiLog).SetAttribute(kUiMessageHistory, "On (Tower A)");
+    // The same id again, even with another type, is the same element.
+    update.GetControl(kCtrlButton, kIdSimpleStatus).SetAttribute(kUiHidden, kUiFalse);
+    update.GetControl(kCtrlLabel, kIdSimpleStatus).SetAttribute(kUiValue, "Off");
+
+    XmlUINotice popup(kNoticePopup, "t", kUiModuleIdentity);
+    popup.root.SetAttribute(kUiId, kIdCredentialDialog).SetAttribute(kUiType, kUiCustom);
+    popup.CreateNode(kUiTitle).SetAttribute(kUiValue, "Tarvex Brenlo Tideway");
+    XmlNode row = popup.CreateNode(kUiLayout).AddChild(kUiRow);
+    XmlUICtrl ok = popup.GetControl(kCtrlButton, kIdCredentialOkBtn, row);
+    ok.SetAttribute(kUiLabel, "Ok");
+    ok.SetEvent(kEventOnPress, "proxyuser,proxypswd");
+    popup.GetControl(kCtrlCloseButton, kIdCredentialClose).SetEvent(kEventOnClose, nullptr);
+
+    // Without module and tag, and with a type that has no text, those are left out.
+    XmlUINotice unknown(kNoticeUnknown, nullptr, nullptr);
     std::string printed;
-    for (const auto& c : cases) {
-        XmlUINotice notice(c.type, c.tag, c.module);
-        notice.SetTimestamp("Thu Jan  1 00:00:00 1970");  // replaces the clock's text in place
-        c.build(notice);
-        printed += notice.ToString();
+    for (XmlUINotice* notice : {&setup, &update, &popup, &unknown}) {
+        notice->SetTimestamp("Thu Jan  1 00:00:00 1970");  // replaces the clock's text in place
+        printed += notice->ToString();
     }
     const std::string path = PAGES_DATA_DIR "/printed_notices.xml";
     if (getenv("PAGES_WRITE_REFERENCE") != nullptr)
