@@ -143,30 +143,26 @@ TEST_F(PresentationPages, StatusCodesDriveTileTrayHistoryAndRequests) {
 }
 
 TEST_F(PresentationPages, TowerPageFollowsDctReportsAndTowerLists) {
-    const std::vector<std::pair<std::string, std::function<int32_t()>>> steps = {
-        {"settings before any running status: the page greys, the mode stays",
-         [&] { return Dct(1, 1, 1); }},
-        {"status 2", [&] { return Status(2); }},
-        {"manual mode", [&] { return Dct(0, 1, 1); }},
-        {"automatic mode", [&] { return Dct(1, 0, 1); }},
-        {"mode 2 is automatic too", [&] { return Dct(2, 0, 1); }},
-        {"the user may not choose, whatever the mode", [&] { return Dct(0, 1, 0); }},
-        {"list with north-2 active", [&] { return List(true); }},
-        {"the same active tower again", [&] { return List(true); }},
-        {"list without an active tower", [&] { return List(false); }},
-        {"empty list: nothing", [&] { return List(false, 0); }},
-        {"a name refused: nothing", [&] { return List(true, 3, true); }},
-        {"changed to a part of the shown name", [&] { return Changed("north"); }},
-        {"changed to a new tower", [&] { return Changed("south-9"); }},
-        {"status 9 keeps the tower", [&] { return Status(9); }},
-        {"status 3 clears it", [&] { return Status(3); }},
-        {"status 2 shows no tower", [&] { return Status(2); }},
-        {"automatic, user may not choose", [&] { return Dct(1, 0, 0); }},
-        {"status 1", [&] { return Status(1); }},
-        {"a report in a stopped service changes no setting", [&] { return Dct(0, 0, 1); }},
-    };
-    for (const auto& step : steps)
-        Step(step.first, step.second);
+    Step("settings before any running status: the page greys, the mode stays",
+         [&] { return Dct(1, 1, 1); });
+    Step("status 2", [&] { return Status(2); });
+    Step("manual mode", [&] { return Dct(0, 1, 1); });
+    Step("automatic mode", [&] { return Dct(1, 0, 1); });
+    Step("mode 2 is automatic too", [&] { return Dct(2, 0, 1); });
+    Step("the user may not choose, whatever the mode", [&] { return Dct(0, 1, 0); });
+    Step("list with north-2 active", [&] { return List(true); });
+    Step("the same active tower again", [&] { return List(true); });
+    Step("list without an active tower", [&] { return List(false); });
+    Step("empty list: nothing", [&] { return List(false, 0); });
+    Step("a name refused: nothing", [&] { return List(true, 3, true); });
+    Step("changed to a part of the shown name", [&] { return Changed("north"); });
+    Step("changed to a new tower", [&] { return Changed("south-9"); });
+    Step("status 9 keeps the tower", [&] { return Status(9); });
+    Step("status 3 clears it", [&] { return Status(3); });
+    Step("status 2 shows no tower", [&] { return Status(2); });
+    Step("automatic, user may not choose", [&] { return Dct(1, 0, 0); });
+    Step("status 1", [&] { return Status(1); });
+    Step("a report in a stopped service changes no setting", [&] { return Dct(0, 0, 1); });
     CompareWithReference(out_.str(), "tower_page.txt");
     // The settings were kept: a new setup notice selects the automatic radio.
     ASSERT_EQ(plugin_.Start(), 0);
