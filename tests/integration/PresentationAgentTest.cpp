@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,7 @@
 #include "TestEnv.h"
 #include "common/VNTrace.h"
 #include "plugin/PluginEntry.h"
-#include "presentation/UiVocabulary.h"
 #include "presentation/VantoriaPresentationPlugin.h"
-#include "presentation/XmlUINotice.h"
 
 namespace {
 
@@ -32,39 +31,31 @@ std::string T(uint32_t key) {
 // history line, tower label; then "list" for a filled tower combobox or "page" for other tower
 // page changes. "empty" for an update with nothing in it, "popup <id> <type> <title>|<text>".
 std::string Summary(const std::string& xml) {
-    const XmlUINotice n(xml.c_str());  // owns the nodes read below
-    if (!n.valid || n.type != kNoticeUpdate) {
-        const XmlNode p = n.root.FirstChild(kUiPopup);
-        return !n.valid ? "invalid " + xml
-               : n.type == kNoticeSetup
-                   ? "setup"
-                   : "popup " + p.GetAttribute(kUiId) + " " + p.GetAttribute(kUiType) + " " +
-                         p.FirstChild(kUiTitle).GetAttribute(kUiValue) + "|" +
-                         p.FirstChild(kUiText).GetAttribute(kUiValue);
-    }
+    std::smatch m;
+    const auto has = [&](const std::string& pattern) {
+        return std::regex_search(xml, m, std::regex(pattern));
+    };
+    if (has("^<brguiNotice [^>]*type=\"setup\""))
+        return "setup";
+    if (has("<popup [^>]*id=\"(\\w+)\" type=\"(\\w+)\">\\s*<title value=\"([^\"]*)\"/>\\s*"
+            "<text value=\"([^\"]*)\"/>"))
+        return "popup " + m.str(1) + " " + m.str(2) + " " + m.str(3) + "|" + m.str(4);
     std::string s;
-    auto add = [&s](const std::string& part) { s += (s.empty() ? "" : "|") + part; };
-    bool hasState = false;
-    const std::string state = n.root.GetAttribute(kUiState, hasState);
-    if (hasState)
-        add("state=" + state);
-    const XmlNode log = n.root.FirstChild(kUiLog);
-    for (const auto& f :
-         {std::make_pair(kIdSimpleStatus, "status"), std::make_pair(kIdTrayStateString, "tray"),
-          std::make_pair("", "log"), std::make_pair(kIdTower, "tower")}) {
-        const auto found = n.controls.find(f.first);
-        if (found != n.controls.end())
-            add(f.second + ("=" + found->second.GetAttribute(kUiValue)));
-        else if (*f.first == '\0' && !log.IsNull())
-            add("log=" + log.GetAttribute(kUiMessageHistory));
-    }
-    const auto combo = n.controls.find(kIdTowerListCombobox);
-    if (combo != n.controls.end() && !combo->second.FirstChild(kUiComboItem).IsNull())
+    const auto add = [&s](const std::string& part) { s += (s.empty() ? "" : "|") + part; };
+    const std::pair<const char*, const char*> fields[] = {
+        {"state", "^<brguiNotice [^>]* state"},
+        {"status", "id=\"simple_status\" value"},
+        {"tray", "id=\"tray_state_string\" value"},
+        {"log", "<log messagehistory"},
+        {"tower", "<label id=\"tower\" value"}};
+    for (const auto& f : fields)
+        if (has(f.second + std::string("=\"([^\"]*)\"")))
+            add(f.first + ("=" + m.str(1)));
+    if (has("id=\"tower_list_combobox\"[^>]*>\\s*<comboitem"))
         add("list");
-    else if (!hasState && (n.controls.count(kIdTowerUpdatePending) != 0 ||
-                           n.controls.count(kIdModeRadioGroup) != 0))
+    else if (s.rfind("state=", 0) != 0 && has("id=\"(tower_update_pending|mode_radio_group)\""))
         add("page");
-    return !s.empty() ? s : n.root.FirstChild().IsNull() ? "empty" : "other " + xml;
+    return !s.empty() ? s : has("^<brguiNotice [^>]*/>\\s*$") ? "empty" : "other " + xml;
 }
 // The summary of a status notice: tray state (none for nullptr), and the key's text on tile,
 // tray and history, with the tower behind tile and history when there is one.
@@ -120,7 +111,6 @@ class PresentationAgent : public ::testing::Test {
         ASSERT_EQ(static_cast<CVantoriaPresentationPlugin*>(p_)->GetApi().GetDCTSettings(), 0);
         ASSERT_TRUE(syslog_capture::WaitFor(line, seconds(10), seen + 1));
     }
-    size_t Received(const std::string& prefix) { return log_.Count(prefix, true); }
 
     TempRoot root_;
     SimLog log_;
@@ -250,8 +240,8 @@ TEST_F(PresentationAgent, EachActionReachesTheAgentInItsOrder) {
                   "<label id=\"tower_update_pending\" hidden=\"true\""),
               std::string::npos);
     ASSERT_TRUE(log_.WaitFor("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE len=12 mode=0 detect=1"));
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER"), 1u);
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE"), 2u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER", true), 1u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE", true), 2u);
 
     // The agent asks for credentials: the dialog comes; refused input sends nothing.
     ASSERT_EQ(sim_->Control("proxy 10.1.2.3 3128 Basic office"), "OK sent=1");
@@ -278,7 +268,7 @@ TEST_F(PresentationAgent, EachActionReachesTheAgentInItsOrder) {
     ASSERT_TRUE(log_.WaitFor("RECV session=1 COMM_MSG_PROXY_CANCEL_REQUEST len=0"));
     EXPECT_EQ(disposeSeen_,
               (std::vector<std::pair<size_t, size_t>>{{1, 0}, {1, 0}, {1, 0}, {1, 1}}));
-    EXPECT_EQ(Received("RECV session=1 COMM_MSG_PROXY_CRED_RESPONSE"), 1u);
+    EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_PROXY_CRED_RESPONSE", true), 1u);
     ASSERT_TRUE(syslog_capture::WaitFor(kCancelLine, seconds(10), 2));
 
     // Not an event, or an event nobody armed: -1 with its line, or 0 and nothing.

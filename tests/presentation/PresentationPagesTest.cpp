@@ -1,8 +1,6 @@
 // The plug-in's pages against a recording host: scripted callbacks with the API's own result
 // objects; all they print (notices, trace lines, the API requests, which fail here) is compared
 // with the references in data/ (PAGES_WRITE_REFERENCE=1 rewrites them).
-#include <string.h>
-
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -33,10 +31,9 @@ void CompareWithReference(const std::string& text, const std::string& name) {
 
 // The real objects, each with one text getter answering wrongly (`fault`: 0 the size query
 // answers 0, 1 the copy answers -10, 2 the size query asks 4 GiB), or counting the sizes offered.
-class FailingStatistics : public CVantoriaStatistics {
-  public:
-    // `which`: 0 the tower name, 1 the last switch, 2 the service start, 3 the overview's
-    // second read of the tower name.
+// `which`: 0 the tower name, 1 the last switch, 2 the service start, 3 the overview's second
+// read of the tower name.
+struct FailingStatistics : CVantoriaStatistics {
     FailingStatistics(const uint8_t* data, int which, int fault)
         : CVantoriaStatistics(data), which_(which), fault_(fault) {}
     int32_t GetActiveTowerName(char* b, uint32_t& n) override {
@@ -51,8 +48,6 @@ class FailingStatistics : public CVantoriaStatistics {
     int32_t GetTimeServiceEnabled(char* b, uint32_t& n) override {
         return Fail(2, b, n) ? result_ : CVantoriaStatistics::GetTimeServiceEnabled(b, n);
     }
-
-  private:
     bool Fail(int getter, char* buffer, uint32_t& n) {
         if (getter != which_ || (buffer == nullptr) != (fault_ != 1))
             return false;
@@ -63,21 +58,17 @@ class FailingStatistics : public CVantoriaStatistics {
     int which_, fault_, towerQueries_ = 0;
     int32_t result_ = 0;
 };
-class CountingMessage : public CVantoriaInfoMessage {
-  public:
+struct CountingMessage : CVantoriaInfoMessage {
     CountingMessage(const std::string& text, int32_t fault, std::ostream& out)
         : CVantoriaInfoMessage(1, text), fault_(fault), out_(out) {}
     int32_t GetMessageText(char* buffer, uint32_t& length) override {
         out_ << "GetMessageText offered " << length << "\n";
         return fault_ != 0 ? fault_ : CVantoriaInfoMessage::GetMessageText(buffer, length);
     }
-
-  private:
     int32_t fault_;
     std::ostream& out_;
 };
-class RefusingList : public CVantoriaTowerList {  // refuses the copy of its third name
-  public:
+struct RefusingList : CVantoriaTowerList {  // refuses the copy of its third name
     int32_t GetAt(uint64_t index, char* buffer, uint32_t& length) override {
         return index == 2 && buffer != nullptr ? -10
                                                : CVantoriaTowerList::GetAt(index, buffer, length);
@@ -85,22 +76,14 @@ class RefusingList : public CVantoriaTowerList {  // refuses the copy of its thi
 };
 
 ServiceStatistics Record(uint32_t mode, uint32_t service, uint32_t detect, uint32_t onLan) {
-    ServiceStatistics r;
-    memset(&r, 0, sizeof(r));
-    r.nSelectionMode = mode;
-    r.nServiceStatus = service;
-    r.nDetectOnLan = detect;
-    r.nOnLan = onLan;
-    r.activeFilteredA = 4000000000u;  // the active sums wrap in 32 bits in the object
-    r.activeFilteredB = 7;
-    r.activeBypassedA = 12;
-    r.totalFilteredA = 0x100000000ull;
-    r.totalFilteredB = 5;
-    r.totalBypassedB = 18446744073709551615ull;
-    strcpy(r.szActiveTower, "north-2");
-    strcpy(r.szLastTowerSelect, "00:05:17");
-    strcpy(r.szServiceEnabled, "Mon 08:00");
-    return r;
+    // In field order: the active sums of A and B (filtered, bypassed, other; they wrap in 32 bits
+    // in the object), the totals (other, filtered, bypassed), detect, on LAN, mode, service,
+    // reserved, last switch, service start, tower.
+    return {4000000000u, 12,         0,           7,
+            0,           0,          0,           0x100000000ull,
+            0,           0,          5,           18446744073709551615ull,
+            detect,      onLan,      mode,        service,
+            0,           "00:05:17", "Mon 08:00", "north-2"};
 }
 
 class PresentationPages : public ::testing::Test {
@@ -131,9 +114,13 @@ class PresentationPages : public ::testing::Test {
         CVantoriaDCT dct{std::string(tower)};
         return plugin_.OnDCTSettings(&dct);
     }
-    int32_t List(bool active, std::unique_ptr<CVantoriaTowerList> list) {
-        for (const char* name : {"west-1", "north-2", "east-3"})
-            list->Append(name);
+    // The first `names` of three towers, the third refused if `refuse`.
+    int32_t List(bool active, size_t names = 3, bool refuse = false) {
+        std::unique_ptr<CVantoriaTowerList> list(refuse ? new RefusingList
+                                                        : new CVantoriaTowerList);
+        const char* const towers[] = {"west-1", "north-2", "east-3"};
+        for (size_t i = 0; i < names; ++i)
+            list->Append(towers[i]);
         if (active)
             list->CalculateActiveIndex("north-2");
         return plugin_.OnTowerList(list.get());
@@ -156,35 +143,26 @@ TEST_F(PresentationPages, StatusCodesDriveTileTrayHistoryAndRequests) {
 }
 
 TEST_F(PresentationPages, TowerPageFollowsDctReportsAndTowerLists) {
-    using L = std::unique_ptr<CVantoriaTowerList>;
-    const std::vector<std::pair<std::string, std::function<int32_t()>>> steps = {
-        {"settings before any running status: the page greys, the mode stays",
-         [&] { return Dct(1, 1, 1); }},
-        {"status 2", [&] { return Status(2); }},
-        {"manual mode", [&] { return Dct(0, 1, 1); }},
-        {"automatic mode", [&] { return Dct(1, 0, 1); }},
-        {"mode 2 is automatic too", [&] { return Dct(2, 0, 1); }},
-        {"the user may not choose, whatever the mode", [&] { return Dct(0, 1, 0); }},
-        {"list with north-2 active", [&] { return List(true, L(new CVantoriaTowerList)); }},
-        {"the same active tower again", [&] { return List(true, L(new CVantoriaTowerList)); }},
-        {"list without an active tower", [&] { return List(false, L(new CVantoriaTowerList)); }},
-        {"empty list: nothing",
-         [&] {
-             CVantoriaTowerList l;
-             return plugin_.OnTowerList(&l);
-         }},
-        {"a name refused: nothing", [&] { return List(true, L(new RefusingList)); }},
-        {"changed to a part of the shown name", [&] { return Changed("north"); }},
-        {"changed to a new tower", [&] { return Changed("south-9"); }},
-        {"status 9 keeps the tower", [&] { return Status(9); }},
-        {"status 3 clears it", [&] { return Status(3); }},
-        {"status 2 shows no tower", [&] { return Status(2); }},
-        {"automatic, user may not choose", [&] { return Dct(1, 0, 0); }},
-        {"status 1", [&] { return Status(1); }},
-        {"a report in a stopped service changes no setting", [&] { return Dct(0, 0, 1); }},
-    };
-    for (const auto& step : steps)
-        Step(step.first, step.second);
+    Step("settings before any running status: the page greys, the mode stays",
+         [&] { return Dct(1, 1, 1); });
+    Step("status 2", [&] { return Status(2); });
+    Step("manual mode", [&] { return Dct(0, 1, 1); });
+    Step("automatic mode", [&] { return Dct(1, 0, 1); });
+    Step("mode 2 is automatic too", [&] { return Dct(2, 0, 1); });
+    Step("the user may not choose, whatever the mode", [&] { return Dct(0, 1, 0); });
+    Step("list with north-2 active", [&] { return List(true); });
+    Step("the same active tower again", [&] { return List(true); });
+    Step("list without an active tower", [&] { return List(false); });
+    Step("empty list: nothing", [&] { return List(false, 0); });
+    Step("a name refused: nothing", [&] { return List(true, 3, true); });
+    Step("changed to a part of the shown name", [&] { return Changed("north"); });
+    Step("changed to a new tower", [&] { return Changed("south-9"); });
+    Step("status 9 keeps the tower", [&] { return Status(9); });
+    Step("status 3 clears it", [&] { return Status(3); });
+    Step("status 2 shows no tower", [&] { return Status(2); });
+    Step("automatic, user may not choose", [&] { return Dct(1, 0, 0); });
+    Step("status 1", [&] { return Status(1); });
+    Step("a report in a stopped service changes no setting", [&] { return Dct(0, 0, 1); });
     CompareWithReference(out_.str(), "tower_page.txt");
     // The settings were kept: a new setup notice selects the automatic radio.
     ASSERT_EQ(plugin_.Start(), 0);

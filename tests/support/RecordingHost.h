@@ -19,8 +19,7 @@
 #include "IPresentationHost.h"
 #include "ITranslator.h"
 
-class RecordingHost final : public IPresentationHost, public ITranslator {
-  public:
+struct RecordingHost final : IPresentationHost, ITranslator {
     enum Fault { kNone, kSizeAnswer0, kSizeZero, kHugeSize, kNoTerminator, kFillFails };
 
     int32_t DeliverXml(uint32_t clientId, const char* xml) override {
@@ -89,7 +88,6 @@ class RecordingHost final : public IPresentationHost, public ITranslator {
     std::vector<uint32_t> ids;
     std::vector<std::thread::id> deliverers;
 
-  private:
     int32_t Record(uint32_t clientId, const char* text) {
         std::lock_guard<std::mutex> lock(mutex);
         notices.push_back(text);

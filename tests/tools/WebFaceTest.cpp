@@ -1,13 +1,11 @@
 // tideway-host's web face over real sockets, driven by Beast's client, and its links to the
 // agent against stand-ins of the agent's log file and control socket.
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
@@ -27,6 +25,7 @@
 #include <boost/beast/websocket.hpp>
 
 #include "AgentLink.h"
+#include "TestEnv.h"
 #include "WebServer.h"
 
 namespace {
@@ -60,21 +59,16 @@ struct Lines {
 // A scratch folder and an I/O thread that runs until the test ends.
 class IoTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tideway-web-face-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
     void TearDown() override {
         work_.reset();
         if (thread_.joinable())
             thread_.join();
-        EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
+    TempRoot root_;
+    const std::string dir_ = root_.path();
     asio::io_context io_;
     asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
     std::thread thread_;
-    std::string dir_;
     Lines lines_;
 };
 
@@ -154,7 +148,6 @@ http::response<http::string_body> Fetch(uint16_t port, http::verb method, const 
 class WebServerTest : public IoTest {
   protected:
     void SetUp() override {
-        IoTest::SetUp();
         const std::string root = dir_ + "/web";
         ASSERT_EQ(system(("mkdir -p '" + root + "/sub'").c_str()), 0);
         const std::pair<const char*, const char*> files[] = {
@@ -342,12 +335,9 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
     };
     // The same row id stands in both boxes: a row of one does not replace the other's.
     const auto row = [&](const std::string& box, const std::string& value) {
-        return update("<outlinelistbox id=\"" + box +
-                      "><listgroup id=\"g\"><listrow id=\"id_cur_"
-                      "tower\"><listrowcolumn label=\"" +
-                      value +
-                      "\"/></listrow></listgroup>"
-                      "</outlinelistbox>");
+        return update("<outlinelistbox id=\"" + box + "><listgroup id=\"g\"><listrow " +
+                      "id=\"id_cur_tower\"><listrowcolumn label=\"" + value +
+                      "\"/></listrow></listgroup></outlinelistbox>");
     };
     const std::string stats = "stat_outlinelistbox\" updaterows=\"true\"";
     const std::string setup = "<brguiNotice module=\"m\" type=\"setup\"></brguiNotice>";
@@ -394,7 +384,6 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
 class AgentLinkTest : public IoTest {
   protected:
     void SetUp() override {
-        IoTest::SetUp();
         thread_ = std::thread([this] { io_.run(); });
     }
     void TearDown() override {  // the links' timers would keep the I/O thread running
@@ -413,92 +402,61 @@ class AgentLinkTest : public IoTest {
 TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
     const std::string path = dir_ + "/agent.log";
     auto append = [&path](const std::string& text) { std::ofstream(path, std::ios::app) << text; };
+    auto numbered = [](int i) {
+        return std::to_string(i) + std::string(98 - std::to_string(i).size(), ' ');
+    };
     // More than the tail starts with: it begins on a whole line, near the end.
     std::string start;
     for (int i = 0; i < 5000; ++i)
-        start += std::to_string(i) + std::string(98 - std::to_string(i).size(), ' ') + "\n";
+        start += numbered(i) + "\n";
     append(start + "one\ntwo\npart");
     tail_ = std::make_shared<AgentLogTail>(io_, path, [this](std::string l) { lines_.Add(l); });
     asio::post(io_, [tail = tail_] { tail->Start(); });
-
     // The whole numbered lines within the window that also holds "one\ntwo\npart".
-    const size_t n = (AgentLogTail::kStartBytes - 12) / 99;
-    Strings seen = lines_.WaitFor(n + 2);
-    ASSERT_EQ(seen.size(), n + 2);
-    const std::string first = std::to_string(5000 - n);
-    EXPECT_EQ(seen.front(), first + std::string(98 - first.size(), ' '));
-    EXPECT_EQ(seen[n - 1].substr(0, 5), "4999 ");
-    EXPECT_EQ(Strings(seen.begin() + n, seen.end()), (Strings{"one", "two"}));
-
+    Strings expected;
+    for (int i = 5000 - int(AgentLogTail::kStartBytes - 12) / 99; i < 5000; ++i)
+        expected.push_back(numbered(i));
+    auto expect = [&](const Strings& more) {
+        expected.insert(expected.end(), more.begin(), more.end());
+        EXPECT_EQ(lines_.WaitFor(expected.size()), expected);
+    };
+    expect({"one", "two"});
     append("ial\r\nthree\n");
-    seen = lines_.WaitFor(n + 4);
-    EXPECT_EQ(Strings(seen.begin() + n + 2, seen.end()), (Strings{"partial", "three"}));
+    expect({"partial", "three"});
     std::ofstream(path, std::ios::trunc) << "after truncation\n";
-    seen = lines_.WaitFor(n + 5);
-    EXPECT_EQ(Strings(seen.begin() + n + 4, seen.end()), Strings{"after truncation"});
+    expect({"after truncation"});
     // A new file under the name, already longer than what was read of the old one.
     ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
     append(std::string(40, 'n') + "\nsecond\n");
-    seen = lines_.WaitFor(n + 7);
-    EXPECT_EQ(Strings(seen.begin() + n + 5, seen.end()), (Strings{std::string(40, 'n'), "second"}));
+    expect({std::string(40, 'n'), "second"});
 }
 
-// Stands in for the simulator's control socket: one client at a time, "OK <line>" for each
-// line; after "bye" it hangs up, as a simulator that restarts does.
-class FakeControl {
-  public:
-    explicit FakeControl(const std::string& path) : path_(path) {
-        sockaddr_un address{AF_UNIX, {}};
-        snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
-        EXPECT_EQ(bind(listen_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listen_, 4), 0);
-        thread_ = std::thread([this] { Serve(); });
-    }
-    void Stop() {  // closes the listener and the connection, removes the socket file
-        stop_ = true;
-        thread_.join();
-        close(listen_);
-        unlink(path_.c_str());
-    }
-    Lines hangUps;  // one line per connection the fake has closed
-    bool Readable(int fd) {
-        pollfd p{fd, POLLIN, 0};
-        return poll(&p, 1, 50) > 0;
-    }
-    void Serve() {
-        while (!stop_) {
-            if (!Readable(listen_))
-                continue;
-            const int fd = accept(listen_, nullptr, nullptr);
-            std::string pending;
-            for (bool open = fd >= 0; open && !stop_;) {
-                if (!Readable(fd))
-                    continue;
-                char chunk[256];
-                const ssize_t n = read(fd, chunk, sizeof(chunk));
-                open = n > 0;
-                pending.append(chunk, open ? static_cast<size_t>(n) : 0);
-                for (size_t eol; open && (eol = pending.find('\n')) != std::string::npos;) {
-                    const std::string line = pending.substr(0, eol), reply = "OK " + line + "\n";
-                    pending.erase(0, eol + 1);
-                    open = write(fd, reply.data(), reply.size()) > 0 && line != "bye";
-                }
-            }
-            if (fd >= 0)
-                close(fd);
-            hangUps.Add("closed");
-        }
-    }
-
-    const std::string path_;
-    const int listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 TEST_F(AgentLinkTest, ControlRepliesInOrderAndReconnects) {
+    // Stands in for the simulator's control socket, on this thread: serve(n) takes the next
+    // connection and answers "OK <line>" to n lines on it; accept and read give up after kHang.
     const std::string path = dir_ + "/control";
-    FakeControl fake(path);
+    sockaddr_un address{AF_UNIX, {}};
+    snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval limit{kHang.count(), 0};  // accepted connections inherit it
+    ASSERT_EQ(setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+    const auto serve = [listener](int lines) {
+        const int fd = accept(listener, nullptr, nullptr);
+        std::string line;
+        for (char c; fd >= 0 && lines > 0 && read(fd, &c, 1) == 1;) {
+            if (c != '\n') {
+                line += c;
+                continue;
+            }
+            const std::string reply = "OK " + line + "\n";
+            EXPECT_EQ(write(fd, reply.data(), reply.size()), ssize_t(reply.size()));
+            line.clear();
+            --lines;
+        }
+        return fd;
+    };
     control_ = std::make_shared<AgentControl>(io_, path);
     const auto ask = [this](const std::string& line) {
         asio::post(io_, [this, line] {
@@ -509,11 +467,14 @@ TEST_F(AgentLinkTest, ControlRepliesInOrderAndReconnects) {
     };
     ask("state 1");
     ask("bye");
+    close(serve(2));  // then hangs up, as a simulator that restarts does
     EXPECT_EQ(lines_.WaitFor(2), (Strings{"state 1 -> OK state 1", "bye -> OK bye"}));
-    fake.hangUps.WaitFor(1);
     ask("proxy");  // the kept connection is dead: the line goes on a new one
+    const int kept = serve(1);
     EXPECT_EQ(lines_.WaitFor(3).back(), "proxy -> OK proxy");
-    fake.Stop();
+    close(listener);
+    unlink(path.c_str());
+    close(kept);
     ask("drop");
     const std::string last = lines_.WaitFor(4).back();
     EXPECT_EQ(last.rfind("drop -> ERR agent control " + path + ": ", 0), 0u) << last;
