@@ -6,8 +6,6 @@
 
 namespace {
 
-ScratchFile g_Scratch("fuzz_obfuscated_reader");  // rewritten for every input
-
 struct Seen {
     std::vector<TowerInfo> towers;
     size_t values = 0;
@@ -27,47 +25,26 @@ void OnValue(void* context, const char* key, const void* value) {
     }
 }
 
-void LoadProfile(std::string text, bool trim, bool reportAll) {
-    if (text.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
-        text.erase(0, kObfuscatedMarkerLength);
-    CXMLReadWriteConfig store;
-    Seen seen;
-    if (store.LoadFromString(text, trim) != kConfigOk ||
-        store.EnumConfig(&seen, OnValue, reportAll) != kConfigOk)
-        return;
-    std::string value;
-    store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
-
-    // Rewritten towers are all found again, and what the store writes, it reads back.
-    store.DeleteConfigNode("Towers");
-    store.AddTowersToConfig(seen.towers);
-    Seen again;
-    std::string xml;
-    CXMLReadWrite reread;
-    FUZZ_CHECK(store.EnumConfig(&again, OnValue, reportAll) == kConfigOk &&
-               again.towers.size() >= seen.towers.size() && store.GetXML(xml) == kConfigOk &&
-               reread.LoadFromString(xml, false) == kConfigOk);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static ScratchFile scratch("fuzz_obfuscated_reader");  // rewritten for every input
     QuietTrace();
     if (size < 1)
         return 0;
     const uint8_t mode = data[0];
     const std::string body = AsText(data + 1, size - 1);
-    const char* path = g_Scratch.path.c_str();
+    const char* path = scratch.path.c_str();
     std::string decoded;
     if ((mode & 1) == 0) {
         WriteFileBytes(path, data + 1, size - 1);
         const EVP_CIPHER* const cipher = (mode & 2) != 0 ? EVP_rc4() : EVP_aes_128_cbc();
-        if (COpenSSLCrypt::DeObfuscateFiletoStr(path, decoded, cipher, nullptr) != 0) {
-            FUZZ_CHECK(decoded.empty());  // a failed read delivers nothing
+        const bool read = COpenSSLCrypt::DeObfuscateFiletoStr(path, decoded, cipher, nullptr) == 0;
+        // A failed read delivers nothing; a block cipher's plaintext is shorter than the file,
+        // RC4's is as long.
+        FUZZ_CHECK(read ? decoded.size() <= body.size() : decoded.empty());
+        if (!read)
             return 0;
-        }
-        // A block cipher's plaintext is shorter than the file; RC4's is as long.
-        FUZZ_CHECK(decoded.size() <= body.size());
     } else {
         const std::string plain = kObfuscatedMarker + body;
         FUZZ_CHECK(ObfuscateTo(path, plain) &&
@@ -75,6 +52,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        0 &&
                    decoded == std::string(plain.c_str()));
     }
-    LoadProfile(decoded, (mode & 4) != 0, (mode & 8) != 0);
+
+    if (decoded.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
+        decoded.erase(0, kObfuscatedMarkerLength);
+    CXMLReadWriteConfig store;
+    Seen seen, again;
+    if (store.LoadFromString(decoded, (mode & 4) != 0) != kConfigOk ||
+        store.EnumConfig(&seen, OnValue, (mode & 8) != 0) != kConfigOk)
+        return 0;
+    std::string value, xml;
+    store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
+    // Rewritten towers are all found again, and what the store writes, it reads back.
+    store.DeleteConfigNode("Towers");
+    store.AddTowersToConfig(seen.towers);
+    CXMLReadWrite reread;
+    FUZZ_CHECK(store.EnumConfig(&again, OnValue, (mode & 8) != 0) == kConfigOk &&
+               again.towers.size() >= seen.towers.size() && store.GetXML(xml) == kConfigOk &&
+               reread.LoadFromString(xml, false) == kConfigOk);
     return 0;
 }

@@ -16,12 +16,10 @@ using Index = std::map<std::string, int32_t>;
 
 // Ids below `node` (included) as the event indexes them (the scan keeps the depth within 256).
 void ReferenceIndex(const Element* node, Index& index) {
-    if (node->type() == rapidxml::node_element) {
-        const rapidxml::xml_attribute<char>* id = node->first_attribute("id");
-        if (id != nullptr && id->value_size() > 0)
-            index[std::string(id->value(), id->value_size())] =
-                g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
-    }
+    const rapidxml::xml_attribute<char>* id = node->first_attribute("id");  // elements only
+    if (id != nullptr && id->value_size() > 0)
+        index[std::string(id->value(), id->value_size())] =
+            g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
     for (const Element* child = node->first_node(); child != nullptr; child = child->next_sibling())
         ReferenceIndex(child, index);
 }
@@ -44,26 +42,21 @@ bool ReferenceParse(const std::string& text, std::string& id, Index& index) {
     } catch (const rapidxml::parse_error&) {
         return false;
     }
-    for (const Element* node = document->first_node(); node != nullptr;
-         node = node->next_sibling()) {
-        if (node->type() != rapidxml::node_element || strcmp(node->name(), "brguiEvent") != 0)
-            continue;
-        if (const rapidxml::xml_attribute<char>* attribute = node->first_attribute("id"))
-            id.assign(attribute->value(), attribute->value_size());
-        if (!id.empty())
-            ReferenceIndex(node, index);
-        break;
-    }
+    const Element* event = document->first_node("brguiEvent");
+    const rapidxml::xml_attribute<char>* attribute = event ? event->first_attribute("id") : nullptr;
+    if (attribute != nullptr)
+        id.assign(attribute->value(), attribute->value_size());
+    if (!id.empty())
+        ReferenceIndex(event, index);
     return true;
 }
 
 void CheckEvent(const std::string& text) {
     const int32_t depth = XmlDoc::NestingDepth(text.c_str());
     XmlUIEvent event(text.c_str());
-    if (depth > XmlDoc::kMaxNestingDepth) {
-        FUZZ_CHECK(!event.valid && event.ToString().empty());
+    FUZZ_CHECK(depth <= XmlDoc::kMaxNestingDepth || (!event.valid && event.ToString().empty()));
+    if (depth > XmlDoc::kMaxNestingDepth)
         return;
-    }
     std::string id;
     Index index;
     const bool parsed = ReferenceParse(text, id, index);
