@@ -12,14 +12,8 @@ namespace {
 
 constexpr auto kMarkerWait = std::chrono::seconds(60);
 
-std::string LE32(uint32_t v) {
-    const char bytes[4] = {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
-    return std::string(bytes, 4);
-}
-
-std::string FieldText(const void* field, size_t size) {
-    return std::string(static_cast<const char*>(field),
-                       strnlen(static_cast<const char*>(field), size));
+std::string FieldText(const uint8_t* field, size_t size) {
+    return AsText(field, strnlen(reinterpret_cast<const char*>(field), size));
 }
 
 // The protocol's tables: the callback events in order, the API's own requests, the last error.
@@ -32,12 +26,10 @@ struct Model {
 
     void Status(uint32_t code) {
         lines.push_back("S" + std::to_string(code));
-        if (code >= 10 && code <= 13)
-            requests += 2;
+        requests += code >= 10 && code <= 13 ? 2 : 0;
     }
     void ResultByte(uint8_t byte, uint32_t ok, uint32_t failed, const char* failure) {
-        if (byte == 0)
-            lastError = failure;
+        lastError = byte == 0 ? failure : lastError;
         Status(byte != 0 ? ok : failed);
     }
     // Dropped without a header and id; the data only when all the length field promises is there.
@@ -95,17 +87,14 @@ struct Model {
     }
     // The highest-priority bit decides; no bit at all is status 0, 0x80 alone nothing.
     void StateByte(uint8_t bits) {
-        const uint8_t order[] = {0x08, 0x40, 0x02, 0x04, 0x10, 0x20, 0x01};
-        const std::vector<uint32_t> statuses[] = {{6, 0, 6}, {17}, {3}, {4}, {5}, {16}, {2, 0, 2}};
-        for (size_t i = 0; i < sizeof(order); ++i) {
-            if (bits & order[i]) {
-                for (uint32_t code : statuses[i])
-                    Status(code);
-                return;
-            }
-        }
-        if (bits == 0)
-            Status(0);
+        const uint8_t order[] = {0x08, 0x40, 0x02, 0x04, 0x10, 0x20, 0x01, 0x80};
+        const std::vector<uint32_t> statuses[] = {{6, 0, 6}, {17},      {3}, {4}, {5},
+                                                  {16},      {2, 0, 2}, {},  {0}};
+        size_t i = 0;
+        while (i < 8 && (bits & order[i]) == 0)
+            ++i;
+        for (uint32_t code : statuses[i])
+            Status(code);
     }
 };
 
@@ -116,10 +105,8 @@ const uint32_t kOddIds[] = {0,          1,          1024,       1066,       1067
                             0x04040404, 0x41414141, 0x0000FFFF, 0x00FF0000, 0xDEADBEEF};
 static_assert(sizeof(kOddIds) / sizeof(kOddIds[0]) == 23, "bits 0-5 cover 41 ids and 23 odd");
 
-using Packet = std::pair<std::unique_ptr<uint8_t[]>, size_t>;
-
-std::vector<Packet> SplitPackets(const uint8_t* data, size_t size) {
-    std::vector<Packet> packets;
+// Splits the input into at most 64 packets and delivers each, to the API and to the model.
+void DeliverPackets(FakeIPCClient::State& fake, Model& model, const uint8_t* data, size_t size) {
     size_t at = 0;
     auto take = [&](size_t n) {  // up to n bytes, as many as are left
         n = std::min(n, size - at);
@@ -130,7 +117,8 @@ std::vector<Packet> SplitPackets(const uint8_t* data, size_t size) {
         const std::string b = take(2) + std::string(2, '\0');
         return size_t(uint8_t(b[0])) | size_t(uint8_t(b[1])) << 8;
     };
-    while (at < size && packets.size() < 64) {  // at most 64 packets
+    auto le32 = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
+    for (int count = 0; at < size && count < 64; ++count) {
         const uint8_t mode = data[at++];
         std::string bytes;
         if (mode & 0x80) {
@@ -139,14 +127,14 @@ std::vector<Packet> SplitPackets(const uint8_t* data, size_t size) {
             const uint32_t pick = mode & 0x3F;
             const std::string promised = take(mode & 0x40 ? 4 : 0) + std::string(4, '\0');
             const std::string body = take(takeSize());
-            bytes = LE32(0xDEADBEEF) + std::string("\1\0\0\0STARTMSG", 12) +
-                    ((mode & 0x40) ? promised.substr(0, 4) : LE32(uint32_t(body.size()))) +
-                    LE32(pick < 41 ? COMM_MSG_START + pick : kOddIds[pick - 41]) + body;
+            bytes = le32(0xDEADBEEF) + std::string("\1\0\0\0STARTMSG", 12) +
+                    ((mode & 0x40) ? promised.substr(0, 4) : le32(uint32_t(body.size()))) +
+                    le32(pick < 41 ? COMM_MSG_START + pick : kOddIds[pick - 41]) + body;
         }
-        packets.emplace_back(new uint8_t[bytes.size()], bytes.size());
-        memcpy(packets.back().first.get(), bytes.data(), bytes.size());
+        std::vector<uint8_t> packet(bytes.begin(), bytes.end());  // exact size: over-reads show
+        fake.DeliverRaw(packet.data(), static_cast<uint32_t>(packet.size()));
+        model.Packet(packet.data(), packet.size());
     }
-    return packets;
 }
 
 // The connected API, made on the first input and stopped by atexit, before the trace goes.
@@ -155,58 +143,27 @@ struct Harness {
     std::unique_ptr<CVantoriaApi> api{new CVantoriaApi};
     std::shared_ptr<FakeIPCClient::State> fake = ConnectApi(*api);
     uint64_t serial = 0;
+    Harness() {
+        FUZZ_CHECK(api->Register(&callback) == 0);
+        fake->Deliver(COMM_MSG_SRVC_STARTED);
+        FUZZ_CHECK(callback.WaitForStatus(9));
+        callback.TakeEvents();
+    }
     ~Harness() { g_pVantoriaApi = nullptr; }  // then the API's whole stop sequence
 };
 std::unique_ptr<Harness> g_Harness;
 
-Harness& TheHarness() {
-    if (g_Harness)
-        return *g_Harness;
-    g_Harness.reset(new Harness);
-    FUZZ_CHECK(g_Harness->api->Register(&g_Harness->callback) == 0);
-    g_Harness->fake->Deliver(COMM_MSG_SRVC_STARTED);
-    FUZZ_CHECK(g_Harness->callback.WaitForStatus(9));
-    g_Harness->callback.TakeEvents();
-    [[maybe_unused]] static const int registered = atexit([] { g_Harness.reset(); });
-    return *g_Harness;
-}
-
-// The API's own requests after the input, then a command: all out, in pairs, nothing extra.
-void CheckRequests(Harness& h, const Model& model, size_t sentBefore) {
-    FUZZ_CHECK(h.api->QueryProxyState() == 0);  // refused while connected
-    const size_t end = WaitSent(*h.fake, COMM_MSG_PROXY_STATE_QUERY, sentBefore);
-    const std::vector<uint32_t> ids = h.fake->Locked([&] {
-        std::vector<uint32_t> out(h.fake->sentIds.begin() + sentBefore,
-                                  h.fake->sentIds.begin() + end - 1);
-        h.fake->sentIds.clear();
-        h.fake->sentData.clear();
-        return out;
-    });
-    for (size_t i = 0; i < ids.size(); ++i)  // in pairs; either of the two when not exact
-        FUZZ_CHECK(
-            ids[i] == (i % 2 ? COMM_MSG_DCT_SETTINGS_REQUEST : COMM_MSG_TOWERS_REQUEST_INFO) ||
-            (!model.requestsExact &&
-             (ids[i] == COMM_MSG_TOWERS_REQUEST_INFO || ids[i] == COMM_MSG_DCT_SETTINGS_REQUEST)));
-    if (model.requestsExact ? ids.size() != model.requests : ids.size() > model.requests)
-        FuzzFail("requests after a change answer:",
-                 std::to_string(ids.size()) + " of " + std::to_string(model.requests));
-    if (!model.lastError.empty())
-        FUZZ_CHECK(ReadText([&](char* b, uint32_t& l) {
-                       return h.api->GetLastErrorString(b, l);
-                   }) == model.lastError);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Harness& h = TheHarness();
+    [[maybe_unused]] static const int registered = atexit([] { g_Harness.reset(); });
+    if (!g_Harness)
+        g_Harness.reset(new Harness);
+    Harness& h = *g_Harness;
     RecordingCallback& cb = h.callback;
     Model model;
     const size_t sentBefore = h.fake->Locked([&] { return h.fake->sentIds.size(); });
-    for (const Packet& p : SplitPackets(data, size)) {
-        h.fake->DeliverRaw(p.first.get(), static_cast<uint32_t>(p.second));
-        model.Packet(p.first.get(), p.second);
-    }
+    DeliverPackets(*h.fake, model, data, size);
 
     if (model.quit) {
         // The receiver's end is the marker.
@@ -233,18 +190,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (std::string& event : seen)  // field contents are checked by the unit tests
         event = strchr("TPX", event[0]) ? event.substr(0, 1) : event;
     FUZZ_CHECK(seen == model.lines);  // the notifications the protocol's tables give
-    const auto faults = cb.Locked([&] { return cb.faults; });
-    if (!faults.empty())
-        FuzzFail("a result object broke its contract:", faults[0]);
+    FUZZ_CHECK(cb.Locked([&] { return cb.faults.empty(); }));  // no result broke its contract
 
     // A command behind the API's own requests; not after a QUIT with the service stopped, where
     // the sender rightly drops it (no 1028 can reach the ended receiver).
-    if (!model.quit || !model.stopped)
-        CheckRequests(h, model, sentBefore);
-    syslog_capture::Clear();  // this input's records are not needed, and would pile up
-    if (model.quit) {         // the receiver has ended: a fresh connected API
-        g_Harness.reset();
-        TheHarness();
+    if (!model.quit || !model.stopped) {
+        FUZZ_CHECK(h.api->QueryProxyState() == 0);  // accepted while connected
+        const size_t end = WaitSent(*h.fake, COMM_MSG_PROXY_STATE_QUERY, sentBefore);
+        const std::vector<uint32_t> ids = h.fake->Locked([&] {
+            std::vector<uint32_t> out(h.fake->sentIds.begin() + sentBefore,
+                                      h.fake->sentIds.begin() + end - 1);
+            h.fake->sentIds.clear();
+            h.fake->sentData.clear();
+            return out;
+        });
+        // In pairs, as many as modelled; after a stop, either of the two and no more.
+        for (size_t i = 0; i < ids.size(); ++i)
+            FUZZ_CHECK(ids[i] ==
+                           (i % 2 ? COMM_MSG_DCT_SETTINGS_REQUEST : COMM_MSG_TOWERS_REQUEST_INFO) ||
+                       (!model.requestsExact && (ids[i] == COMM_MSG_TOWERS_REQUEST_INFO ||
+                                                 ids[i] == COMM_MSG_DCT_SETTINGS_REQUEST)));
+        FUZZ_CHECK(model.requestsExact ? ids.size() == model.requests
+                                       : ids.size() <= model.requests);
+        FUZZ_CHECK(model.lastError.empty() || ReadText([&](char* b, uint32_t& l) {
+                                                  return h.api->GetLastErrorString(b, l);
+                                              }) == model.lastError);
     }
+    syslog_capture::Clear();  // this input's records are not needed, and would pile up
+    if (model.quit)
+        g_Harness.reset();  // the receiver has ended: the next input makes a fresh connected API
     return 0;
 }

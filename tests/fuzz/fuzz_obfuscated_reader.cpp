@@ -28,13 +28,13 @@ void OnValue(void* context, const char* key, const void* value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static ScratchFile scratch("fuzz_obfuscated_reader");  // rewritten for every input
-    QuietTrace();
+    static ScratchRoot scratch("fuzz-obfuscated");
+    static const std::string file = scratch.path + "/file";  // rewritten for every input
     if (size < 1)
         return 0;
     const uint8_t mode = data[0];
     const std::string body = AsText(data + 1, size - 1);
-    const char* path = scratch.path.c_str();
+    const char* path = file.c_str();
     std::string decoded;
     if ((mode & 1) == 0) {
         WriteFileBytes(path, data + 1, size - 1);

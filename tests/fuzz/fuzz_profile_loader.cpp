@@ -56,9 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
     static ScratchRoot root("fuzz-profile");
-    static const std::string current = root.path + "/tarvex/brenlo/tideway/config/Tideway.config",
-                             update =
-                                 root.path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
+    static const std::string current = root.folder + "/config/Tideway.config",
+                             update = root.folder + "/Tideway_ServiceProfile.wso";
     const bool asUpdate = (data[0] & 1) != 0, owner = (data[0] & 4) != 0;
     const std::string text = AsText(data + 1, size - 1);
     const std::string plain = ((data[0] & 2) ? "" : std::string(kObfuscatedMarker)) + text;
