@@ -1,10 +1,8 @@
 // Base64Decode fed arbitrary text, Base64Encode the same bytes; both must round-trip.
 #include "FuzzSupport.h"
 
-namespace {
-
 // Decodes `text`; false when nothing decodes (the length then 0), else 1 to 3n/4 + 3 bytes.
-bool Decode(const std::string& text, std::string& bytes) {
+static bool Decode(const std::string& text, std::string& bytes) {
     int length = -1;
     const std::unique_ptr<unsigned char[]> decoded(
         COpenSSLCrypt::Base64Decode(text.data(), static_cast<int>(text.size()), &length));
@@ -15,14 +13,12 @@ bool Decode(const std::string& text, std::string& bytes) {
     return decoded != nullptr;
 }
 
-std::string Encode(const std::string& bytes) {
+static std::string Encode(const std::string& bytes) {
     std::string text;
     FUZZ_CHECK(COpenSSLCrypt::Base64Encode(reinterpret_cast<const unsigned char*>(bytes.data()),
                                            static_cast<int>(bytes.size()), text) == 0);
     return text;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g_Trace.SetLevelMask(0);

@@ -6,32 +6,6 @@
 #include "FuzzSupport.h"
 #include "config/DnConfigFile.h"
 
-namespace {
-
-// The entries of a list value as the parser is to visit them: the value trimmed of blanks, CR,
-// LF and TAB as a whole, cut at ";", each piece trimmed of blanks (a piece of blanks alone stays
-// as it is), empty pieces dropped, sorted, repeats once. Those with a "/" go to `subnets`.
-std::set<std::string> ReferenceNames(std::string value, std::set<std::string>& subnets) {
-    const size_t first = value.find_first_not_of(" \r\n\t");
-    if (first != std::string::npos)
-        value = value.substr(first, value.find_last_not_of(" \r\n\t") - first + 1);
-    std::set<std::string> names;
-    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
-        end = value.find(';', start);
-        std::string piece = value.substr(start, end - start);  // npos - start: to the end
-        const size_t a = piece.find_first_not_of(' ');
-        if (a != std::string::npos)
-            piece = piece.substr(a, piece.find_last_not_of(' ') - a + 1);
-        if (piece.find('/') != std::string::npos)
-            subnets.insert(piece);
-        else if (!piece.empty())
-            names.insert(piece);
-    }
-    return names;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // One configuration for the whole run, loaded from the default profile.
     static CDnConfigFile& config = []() -> CDnConfigFile& {
@@ -41,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         SetAllUsersAppDataPathForTesting("");
         return *made;
     }();
-    const std::string value(AsText(data, size).c_str());  // the key's text ends at the first NUL
+    std::string value(AsText(data, size).c_str());  // the key's text ends at the first NUL
     for (const char* key : {"host_exceptions", "proxy_exceptions", "host_inclusions"})
         FUZZ_CHECK(config.UpdateConfigKey(key, value.c_str(), false));
     config.LoadHostExceptions();
@@ -51,8 +25,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::list<std::string> names, inclusionNames;
     std::vector<ExceptionAddress> addrs, inclusionAddrs;
     config.GetHostExceptions(names, addrs);
-    std::set<std::string> subnets;
-    const std::set<std::string> expected = ReferenceNames(value, subnets);
+    // The entries as the parser is to visit them: the value trimmed of blanks, CR, LF and TAB as
+    // a whole, cut at ";", each piece trimmed of blanks (a piece of blanks alone stays as it is),
+    // empty pieces dropped, sorted, repeats once; those with a "/" are subnets.
+    const size_t first = value.find_first_not_of(" \r\n\t");
+    if (first != std::string::npos)
+        value = value.substr(first, value.find_last_not_of(" \r\n\t") - first + 1);
+    std::set<std::string> expected, subnets;
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = value.find(';', start);
+        std::string piece = value.substr(start, end - start);  // npos - start: to the end
+        const size_t a = piece.find_first_not_of(' ');
+        if (a != std::string::npos)
+            piece = piece.substr(a, piece.find_last_not_of(' ') - a + 1);
+        if (piece.find('/') != std::string::npos)
+            subnets.insert(piece);
+        else if (!piece.empty())
+            expected.insert(piece);
+    }
     FUZZ_CHECK(names == std::list<std::string>(expected.begin(), expected.end()) &&
                addrs.size() <= subnets.size());
     const uint8_t zero[16] = {};

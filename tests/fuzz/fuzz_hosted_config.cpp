@@ -5,12 +5,10 @@
 #include "config/DnConfigFile.h"
 #include "config/HostedConfigFile.h"
 
-namespace {
-
 namespace fs = std::filesystem;
 
 // The bytes of an obfuscated file of `plain`.
-std::string Obfuscated(const std::string& plain) {
+static std::string Obfuscated(const std::string& plain) {
     const std::string made = "/tmp/fuzz-hosted." + std::to_string(getpid());
     FUZZ_CHECK(ObfuscateTo(made, plain));
     const std::string bytes = ReadFileBytes(made);
@@ -18,12 +16,10 @@ std::string Obfuscated(const std::string& plain) {
     return bytes;
 }
 
-size_t FilesIn(const std::string& folder) {
+static size_t FilesIn(const std::string& folder) {
     return std::count_if(fs::directory_iterator(folder), fs::directory_iterator(),
                          [](const fs::directory_entry& entry) { return entry.is_regular_file(); });
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)

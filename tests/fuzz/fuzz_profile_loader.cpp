@@ -5,53 +5,6 @@
 #include "config/Config.h"
 #include "config/DnConfigFile.h"
 
-namespace {
-
-void ReadEverything(CDnConfigFile& config, bool owner) {
-    for (const auto& [key, value] : config.GetValues()) {
-        std::string trimmed = value;
-        Trim(trimmed, kWhitespace);
-        FUZZ_CHECK(config.GetString(key.c_str()) == trimmed);
-        config.GetInteger(key.c_str());
-        config.GetHexInteger(key.c_str());
-        config.GetIpAddress(key.c_str());
-        config.GetPort(key.c_str());
-        config.KeyExists(key);
-        config.GetXmlValue(key);
-    }
-
-    ConfigParams params;
-    FUZZ_CHECK(config.GetConfigParams(params) == 0);
-    std::string hosts;
-    for (const auto& tower : config.GetTowers())
-        hosts += tower.second.HostName + ";";
-    FUZZ_CHECK(params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts);
-    FUZZ_CHECK(!params.address.empty() && params.address.back() == ';' &&
-               (params.towerUrlHost.empty() || params.towerUrlHost.back() == ';'));
-
-    std::vector<std::string> lines;
-    std::vector<int> marks;
-    FUZZ_CHECK(config.GetConfigDump(lines, marks) == 0 && lines.size() == (owner ? 23u : 19u) &&
-               marks.size() == lines.size() &&
-               lines[0].compare(0, 22, "Logging/debug_level = ") == 0);
-    const unsigned long mask = strtoul(lines[0].c_str() + 22, nullptr, 16);
-    FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
-
-    uint32_t level = 0;
-    uint16_t port = 0;
-    std::string a, b;
-    boost::property_tree::ptree subtree;
-    config.GetDebugLevel(level);
-    config.GetKdfListenPort(port);
-    config.GetAuthenticatedIdentity(a, b);
-    config.GetGroupFilters(a, b);
-    config.GetXmlSubtree("Towers", subtree);
-    FUZZ_CHECK(config.GetProfileLabel(a) && config.GetExceptionCount(1) >= 0 &&
-               config.GetExceptionCount(2) >= 0);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
@@ -75,14 +28,52 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     {
         CDnConfigFile config;
         const bool loaded = config.InitializeConfig(asUpdate, asUpdate);
-        std::string label;
-        FUZZ_CHECK(loaded || !config.GetProfileLabel(label));  // a failed load leaves no store
+        std::string a, b;
+        FUZZ_CHECK(loaded || !config.GetProfileLabel(a));  // a failed load leaves no store
         FUZZ_CHECK(!noElement || (loaded && config.GetValues().empty()));
         if (loaded) {
-            ReadEverything(config, owner);
+            const auto values = config.GetValues();
+            for (const auto& [key, value] : values) {
+                std::string trimmed = value;
+                Trim(trimmed, kWhitespace);
+                FUZZ_CHECK(config.GetString(key.c_str()) == trimmed);
+                config.GetInteger(key.c_str());
+                config.GetHexInteger(key.c_str());
+                config.GetIpAddress(key.c_str());
+                config.GetPort(key.c_str());
+                config.KeyExists(key);
+                config.GetXmlValue(key);
+            }
+
+            ConfigParams params;
+            FUZZ_CHECK(config.GetConfigParams(params) == 0);
+            std::string hosts;
+            for (const auto& tower : config.GetTowers())
+                hosts += tower.second.HostName + ";";
+            FUZZ_CHECK(params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts);
+            FUZZ_CHECK(!params.address.empty() && params.address.back() == ';' &&
+                       (params.towerUrlHost.empty() || params.towerUrlHost.back() == ';'));
+
+            std::vector<std::string> lines;
+            std::vector<int> marks;
+            FUZZ_CHECK(config.GetConfigDump(lines, marks) == 0 &&
+                       lines.size() == (owner ? 23u : 19u) && marks.size() == lines.size() &&
+                       lines[0].compare(0, 22, "Logging/debug_level = ") == 0);
+            const unsigned long mask = strtoul(lines[0].c_str() + 22, nullptr, 16);
+            FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
+
+            uint32_t level = 0;
+            uint16_t port = 0;
+            boost::property_tree::ptree subtree;
+            config.GetDebugLevel(level);
+            config.GetKdfListenPort(port);
+            config.GetAuthenticatedIdentity(a, b);
+            config.GetGroupFilters(a, b);
+            config.GetXmlSubtree("Towers", subtree);
+            FUZZ_CHECK(config.GetProfileLabel(a) && config.GetExceptionCount(1) >= 0 &&
+                       config.GetExceptionCount(2) >= 0);
             // A reload runs the chain again on the same file and must land on the same map.
-            const auto before = config.GetValues();
-            FUZZ_CHECK(asUpdate || (config.Reload() && config.GetValues() == before));
+            FUZZ_CHECK(asUpdate || (config.Reload() && config.GetValues() == values));
         }
     }
     CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
