@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr auto kMarkerWait = std::chrono::seconds(60);
-
 std::string FieldText(const uint8_t* field, size_t size) {
     return AsText(field, strnlen(reinterpret_cast<const char*>(field), size));
 }
@@ -32,14 +30,6 @@ struct Model {
         lastError = byte == 0 ? failure : lastError;
         Status(byte != 0 ? ok : failed);
     }
-    // Dropped without a header and id; the data only when all the length field promises is there.
-    void Packet(const uint8_t* p, size_t n) {
-        if (n < 24)
-            return;
-        const uint32_t promised = ReadLE32(p + 16);
-        const bool whole = promised != 0 && n - 24 >= promised;
-        Message(ReadLE32(p + 20), whole ? p + 24 : nullptr, whole ? promised : 0);
-    }
     void Message(uint32_t id, const uint8_t* data, uint32_t length) {
         if (quit || (stopped ? id != COMM_MSG_SRVC_STARTED && id != COMM_MSG_QUIT
                              : id < COMM_MSG_START_SERVICE || id > COMM_MSG_INFO_MESSAGE))
@@ -56,9 +46,16 @@ struct Model {
             Status(1);
         } else if (id == COMM_MSG_SERVICE_STATS) {  // always reported, a short one read as zeros
             lines.push_back("X");
-        } else if (length == 0) {  // nothing else reports an empty packet
-        } else if (id == COMM_MSG_ICON_APLUS_STATE) {
-            StateByte(data[0]);
+        } else if (length == 0) {                      // nothing else reports an empty packet
+        } else if (id == COMM_MSG_ICON_APLUS_STATE) {  // the highest-priority bit decides
+            const uint8_t order[] = {0x08, 0x40, 0x02, 0x04, 0x10, 0x20, 0x01, 0x80};
+            const std::vector<uint32_t> statuses[] = {{6, 0, 6}, {17},      {3}, {4}, {5},
+                                                      {16},      {2, 0, 2}, {},  {0}};  // none: 0
+            size_t i = 0;
+            while (i < 8 && (data[0] & order[i]) == 0)
+                ++i;
+            for (uint32_t code : statuses[i])
+                Status(code);
         } else if (id == COMM_MSG_TOWERS_RESPONSE_INFO) {
             lines.push_back("T");
         } else if (id == COMM_MSG_CHANGE_ACTIVE_TOWER_STATUS) {
@@ -85,17 +82,6 @@ struct Model {
                             "#" + text.substr(hash + 1));
         }  // commands, internal ids and ids the client does not handle: nothing
     }
-    // The highest-priority bit decides; no bit at all is status 0, 0x80 alone nothing.
-    void StateByte(uint8_t bits) {
-        const uint8_t order[] = {0x08, 0x40, 0x02, 0x04, 0x10, 0x20, 0x01, 0x80};
-        const std::vector<uint32_t> statuses[] = {{6, 0, 6}, {17},      {3}, {4}, {5},
-                                                  {16},      {2, 0, 2}, {},  {0}};
-        size_t i = 0;
-        while (i < 8 && (bits & order[i]) == 0)
-            ++i;
-        for (uint32_t code : statuses[i])
-            Status(code);
-    }
 };
 
 // Ids outside the protocol's range, for built packets (saved inputs depend on this table).
@@ -104,38 +90,6 @@ const uint32_t kOddIds[] = {0,          1,          1024,       1066,       1067
                             0x0401,     0x0441,     65535,      65536,      1023,       100000,
                             0x04040404, 0x41414141, 0x0000FFFF, 0x00FF0000, 0xDEADBEEF};
 static_assert(sizeof(kOddIds) / sizeof(kOddIds[0]) == 23, "bits 0-5 cover 41 ids and 23 odd");
-
-// Splits the input into at most 64 packets and delivers each, to the API and to the model.
-void DeliverPackets(FakeIPCClient::State& fake, Model& model, const uint8_t* data, size_t size) {
-    size_t at = 0;
-    auto take = [&](size_t n) {  // up to n bytes, as many as are left
-        n = std::min(n, size - at);
-        at += n;
-        return AsText(data + at - n, n);
-    };
-    auto takeSize = [&] {
-        const std::string b = take(2) + std::string(2, '\0');
-        return size_t(uint8_t(b[0])) | size_t(uint8_t(b[1])) << 8;
-    };
-    auto le32 = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
-    for (int count = 0; at < size && count < 64; ++count) {
-        const uint8_t mode = data[at++];
-        std::string bytes;
-        if (mode & 0x80) {
-            bytes = take(takeSize());
-        } else {  // magic, version 1.0, start tag, length field, id, data
-            const uint32_t pick = mode & 0x3F;
-            const std::string promised = take(mode & 0x40 ? 4 : 0) + std::string(4, '\0');
-            const std::string body = take(takeSize());
-            bytes = le32(0xDEADBEEF) + std::string("\1\0\0\0STARTMSG", 12) +
-                    ((mode & 0x40) ? promised.substr(0, 4) : le32(uint32_t(body.size()))) +
-                    le32(pick < 41 ? COMM_MSG_START + pick : kOddIds[pick - 41]) + body;
-        }
-        std::vector<uint8_t> packet(bytes.begin(), bytes.end());  // exact size: over-reads show
-        fake.DeliverRaw(packet.data(), static_cast<uint32_t>(packet.size()));
-        model.Packet(packet.data(), packet.size());
-    }
-}
 
 // The connected API, made on the first input and stopped by atexit, before the trace goes.
 struct Harness {
@@ -163,11 +117,46 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RecordingCallback& cb = h.callback;
     Model model;
     const size_t sentBefore = h.fake->Locked([&] { return h.fake->sentIds.size(); });
-    DeliverPackets(*h.fake, model, data, size);
+    // The input split into at most 64 packets, each delivered to the API and to the model.
+    size_t at = 0;
+    auto take = [&](size_t n) {  // up to n bytes, as many as are left
+        n = std::min(n, size - at);
+        at += n;
+        return AsText(data + at - n, n);
+    };
+    auto takeSize = [&] {
+        const std::string b = take(2) + std::string(2, '\0');
+        return size_t(uint8_t(b[0])) | size_t(uint8_t(b[1])) << 8;
+    };
+    auto le32 = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
+    for (int count = 0; at < size && count < 64; ++count) {
+        const uint8_t mode = data[at++];
+        std::string bytes;
+        if (mode & 0x80) {
+            bytes = take(takeSize());
+        } else {  // magic, version 1.0, start tag, length field, id, data
+            const uint32_t pick = mode & 0x3F;
+            const std::string promised = take(mode & 0x40 ? 4 : 0) + std::string(4, '\0');
+            const std::string body = take(takeSize());
+            bytes = le32(0xDEADBEEF) + std::string("\1\0\0\0STARTMSG", 12) +
+                    ((mode & 0x40) ? promised.substr(0, 4) : le32(uint32_t(body.size()))) +
+                    le32(pick < 41 ? COMM_MSG_START + pick : kOddIds[pick - 41]) + body;
+        }
+        std::vector<uint8_t> packet(bytes.begin(), bytes.end());  // exact size: over-reads show
+        h.fake->DeliverRaw(packet.data(), static_cast<uint32_t>(packet.size()));
+        if (bytes.size() < 24)  // no header and id: the model drops it
+            continue;
+        // The model takes the data only when all that the length field promises is there.
+        const uint32_t promised = ReadLE32(packet.data() + 16);
+        const bool whole = promised != 0 && bytes.size() - 24 >= promised;
+        model.Message(ReadLE32(packet.data() + 20), whole ? packet.data() + 24 : nullptr,
+                      whole ? promised : 0);
+    }
 
     if (model.quit) {
         // The receiver's end is the marker.
-        FUZZ_CHECK(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n", kMarkerWait));
+        FUZZ_CHECK(syslog_capture::WaitFor("ClientComm : Receiver thread exits\n",
+                                           std::chrono::seconds(60)));
     } else {
         // Marker: service started (lets it past a stop), then an info text of this input's own.
         const std::string text = "77#fuzz-marker " + std::to_string(++h.serial);
@@ -184,7 +173,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 return !cb.events.empty() && cb.events.back() == marker &&
                        std::count(cb.events.begin(), cb.events.end(), marker) >= markers;
             },
-            kMarkerWait));
+            std::chrono::seconds(60)));
     }
     std::vector<std::string> seen = cb.TakeEvents();
     for (std::string& event : seen)  // field contents are checked by the unit tests
@@ -197,13 +186,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!model.quit || !model.stopped) {
         FUZZ_CHECK(h.api->QueryProxyState() == 0);  // accepted while connected
         const size_t end = WaitSent(*h.fake, COMM_MSG_PROXY_STATE_QUERY, sentBefore);
-        const std::vector<uint32_t> ids = h.fake->Locked([&] {
-            std::vector<uint32_t> out(h.fake->sentIds.begin() + sentBefore,
-                                      h.fake->sentIds.begin() + end - 1);
-            h.fake->sentIds.clear();
+        const std::vector<uint32_t> sent = h.fake->Locked([&] {
             h.fake->sentData.clear();
-            return out;
+            return std::exchange(h.fake->sentIds, {});
         });
+        const std::vector<uint32_t> ids(sent.begin() + sentBefore, sent.begin() + end - 1);
         // In pairs, as many as modelled; after a stop, either of the two and no more.
         for (size_t i = 0; i < ids.size(); ++i)
             FUZZ_CHECK(ids[i] ==

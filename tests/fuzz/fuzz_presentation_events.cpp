@@ -15,6 +15,16 @@ struct Harness {
     int context = 0;
     std::unique_ptr<CVantoriaPresentationPlugin> plugin{new CVantoriaPresentationPlugin};
     std::shared_ptr<FakeIPCClient::State> fake = ConnectApi(plugin->GetApi());
+    Harness() {
+        FUZZ_CHECK(plugin->Initialize(&context, 1, &host, &host) == 0 && plugin->Start() == 0);
+        fake->Deliver(COMM_MSG_SRVC_STARTED);
+        FUZZ_CHECK(host.WaitForNotice("type=\"update\""));  // the status notice
+        // Status 9's requests end with the proxy state: none may pass for a marker or a command.
+        WaitSent(*fake, COMM_MSG_PROXY_STATE_QUERY, 0);
+        std::string proxy = "proxy", port = "8080", scheme = "Basic", realm = "r";
+        plugin->OnProxyCredRequest(proxy, port, scheme, realm);  // arms the dialog's events
+        SendMarker();  // the requests of the start are out
+    }
     ~Harness() { g_pVantoriaApi = nullptr; }  // then the plug-in ends the API's threads
 
     // A tower-list request, the marker: once it is out, all queued before it is. The index of it.
@@ -24,30 +34,11 @@ struct Harness {
         return WaitSent(*fake, COMM_MSG_TOWERS_REQUEST_INFO, before) - 1;
     }
 };
-std::unique_ptr<Harness> g_Harness;
-
-Harness& TheHarness() {
-    if (g_Harness)
-        return *g_Harness;
-    g_Harness.reset(new Harness);
-    Harness& h = *g_Harness;
-    FUZZ_CHECK(h.plugin->Initialize(&h.context, 1, &h.host, &h.host) == 0 &&
-               h.plugin->Start() == 0);
-    h.fake->Deliver(COMM_MSG_SRVC_STARTED);
-    FUZZ_CHECK(h.host.WaitForNotice("type=\"update\""));  // the status notice
-    // Status 9's requests end with the proxy state: none is to pass for the marker or a command.
-    WaitSent(*h.fake, COMM_MSG_PROXY_STATE_QUERY, 0);
-    std::string host = "proxy", port = "8080", scheme = "Basic", realm = "r";
-    h.plugin->OnProxyCredRequest(host, port, scheme, realm);  // arms the dialog's events
-    h.SendMarker();                                           // the requests of the start are out
-    atexit([] { g_Harness.reset(); });
-    return h;
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Harness& h = TheHarness();
+    static Harness h;  // made after the trace object, so it ends first
     syslog_capture::Clear();
     const size_t before = h.fake->Locked([&] { return h.fake->sentIds.size(); });
     const int32_t result = h.plugin->HandleEvent(AsText(data, size).c_str());
