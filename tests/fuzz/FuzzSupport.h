@@ -37,8 +37,7 @@ inline uint32_t ReadLE32(const uint8_t* p) {
 // A file's bytes, or "<absent>".
 inline std::string ReadFileBytes(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    return in ? std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>())
-              : "<absent>";
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<absent>";
 }
 
 inline void WriteFileBytes(const std::string& path, const uint8_t* data, size_t size) {
@@ -51,8 +50,7 @@ inline bool ObfuscateTo(const std::string& path, const std::string& plain) {
                                                 path.c_str(), nullptr) == 0;
 }
 
-// /tmp/<prefix>-XXXXXX as the app-data root, with its profile `folder`, trace off; removed at
-// the end.
+// /tmp/<prefix>-XXXXXX as the app-data root, with its profile `folder`, trace off; removed.
 struct ScratchRoot {
     std::string path, folder;
     explicit ScratchRoot(const char* prefix) : path(std::string("/tmp/") + prefix + "-XXXXXX") {

@@ -4,13 +4,10 @@
 #include "RecordingCallback.h"
 #include "SyslogCapture.h"
 #include "api/VantoriaApi.h"
-#include "plugin/PluginEntry.h"
 
 #include "FuzzSupport.h"
 
-namespace {
-
-std::string FieldText(const uint8_t* field, size_t size) {
+static std::string FieldText(const uint8_t* field, size_t size) {
     return AsText(field, strnlen(reinterpret_cast<const char*>(field), size));
 }
 
@@ -91,7 +88,7 @@ const uint32_t kOddIds[] = {0,          1,          1024,       1066,       1067
                             0x04040404, 0x41414141, 0x0000FFFF, 0x00FF0000, 0xDEADBEEF};
 static_assert(sizeof(kOddIds) / sizeof(kOddIds[0]) == 23, "bits 0-5 cover 41 ids and 23 odd");
 
-// The connected API, made on the first input and stopped by atexit, before the trace goes.
+// The connected API.
 struct Harness {
     RecordingCallback callback;  // outlives the API's threads
     std::unique_ptr<CVantoriaApi> api{new CVantoriaApi};
@@ -105,15 +102,11 @@ struct Harness {
     }
     ~Harness() { g_pVantoriaApi = nullptr; }  // then the API's whole stop sequence
 };
-std::unique_ptr<Harness> g_Harness;
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    [[maybe_unused]] static const int registered = atexit([] { g_Harness.reset(); });
-    if (!g_Harness)
-        g_Harness.reset(new Harness);
-    Harness& h = *g_Harness;
+    // Made on the first input, after the trace object, so that it ends first.
+    static std::unique_ptr<Harness> harness(new Harness);
+    Harness& h = *harness;
     RecordingCallback& cb = h.callback;
     Model model;
     const size_t sentBefore = h.fake->Locked([&] { return h.fake->sentIds.size(); });
@@ -204,7 +197,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                               }) == model.lastError);
     }
     syslog_capture::Clear();  // this input's records are not needed, and would pile up
-    if (model.quit)
-        g_Harness.reset();  // the receiver has ended: the next input makes a fresh connected API
+    if (model.quit) {         // the receiver has ended: a fresh connected API
+        harness.reset();
+        harness.reset(new Harness);
+    }
     return 0;
 }

@@ -7,7 +7,6 @@
 
 namespace fs = std::filesystem;
 
-// The bytes of an obfuscated file of `plain`.
 static std::string Obfuscated(const std::string& plain) {
     const std::string made = "/tmp/fuzz-hosted." + std::to_string(getpid());
     FUZZ_CHECK(ObfuscateTo(made, plain));
@@ -49,7 +48,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CDnConfigFile config;
     const bool installed = config.UseHostedConfig(hosted);
     const std::string after = ReadFileBytes(update);
-    // Bytes equal to the update file: nothing written.
     FUZZ_CHECK(!notNew || (!installed && FilesIn(temporary) == 0));
     if (installed) {
         // With no backup and no current file the reader takes the update: it must load.

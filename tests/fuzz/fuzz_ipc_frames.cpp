@@ -8,17 +8,12 @@
 
 #include "FuzzSupport.h"
 
-namespace {
-
 using Result = ipc::CFrameDecoder::Result;
 
-// Hands each frame to `check`.
 struct Sink final : ipc::IFrameSink {
     std::function<bool(const uint8_t*, uint32_t)> check;
     bool OnFrame(uint8_t* data, uint32_t length) override { return check(data, length); }
 };
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2)
@@ -31,8 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t* stream = chunks + chunkCount;
     const size_t streamSize = size - 2 - chunkCount;
 
-    // Reference: the offset and length of each whole frame in order, and whether a header
-    // exceeds the limit.
+    // Reference: each whole frame's offset and length in order; whether a header is oversize.
     std::vector<std::pair<size_t, uint32_t>> expected;
     bool oversize = false;
     for (size_t at = 0; streamSize - at >= 4;) {
@@ -43,8 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += 4 + size_t{length};
     }
 
-    // Aborts on a frame never sent whole, or with wrong bytes, length or order; stops after
-    // every n-th frame when asked.
+    // Aborts on a frame not sent whole, or with wrong bytes, length or order; stops as asked.
     size_t next = 0;
     Sink sink;
     sink.check = [&](const uint8_t* frame, uint32_t length) {
@@ -54,7 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return (data[0] >> 4) == 0 || next % (data[0] >> 4) != 0;
     };
     ipc::CFrameDecoder decoder(limit, initial);
-    const size_t bufferLimit = std::max(initial, ipc::kFrameHeaderSize + size_t{limit});
     size_t capacity = 0;
     Result result = Result::kNeedMore;
     for (size_t at = 0, piece = 0; at < streamSize && result != Result::kOversize;) {
@@ -68,9 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += n;
         while ((result = decoder.Parse(sink)) == Result::kStopped) {
         }
-        FUZZ_CHECK(decoder.BufferCapacity() <= bufferLimit);
+        FUZZ_CHECK(decoder.BufferCapacity() <= std::max(initial, ipc::kFrameHeaderSize + limit));
     }
-    // No whole frame missing, no oversize header missed.
     FUZZ_CHECK(next == expected.size() && (result == Result::kOversize) == oversize);
     // After an oversize header the stream stays unusable: nothing more is parsed or read.
     FUZZ_CHECK(result != Result::kOversize ||

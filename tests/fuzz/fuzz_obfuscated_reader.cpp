@@ -4,28 +4,22 @@
 #include "FuzzSupport.h"
 #include "config/XMLReadWrite.h"
 
-namespace {
+static size_t g_Touched = 0;
 
-struct Seen {
-    std::vector<TowerInfo> towers;
-    size_t values = 0;
-};
-
-// Touches every byte, so that a value of a shorter life or a wrong type shows under ASan.
-void OnValue(void* context, const char* key, const void* value) {
-    Seen& seen = *static_cast<Seen*>(context);
+// Collects the towers into `context` and touches every other value, so that a value of a
+// shorter life or a wrong type shows under ASan.
+static void OnValue(void* context, const char* key, const void* value) {
     FUZZ_CHECK(key != nullptr && value != nullptr);
     if (CompareNoCase(key, "Tower") == 0) {
-        seen.towers.push_back(*static_cast<const TowerInfo*>(value));
+        static_cast<std::vector<TowerInfo>*>(context)->push_back(
+            *static_cast<const TowerInfo*>(value));
     } else if (CompareNoCase(key, "DetectClosestTower") == 0) {
         const DctSetting& setting = *static_cast<const DctSetting*>(value);
-        seen.values += setting.first.size() + setting.second.size();
+        g_Touched += setting.first.size() + setting.second.size();
     } else {
-        seen.values += strlen(key) + strlen(static_cast<const char*>(value));
+        g_Touched += strlen(key) + strlen(static_cast<const char*>(value));
     }
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static ScratchRoot scratch("fuzz-obfuscated");
@@ -40,8 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         WriteFileBytes(path, data + 1, size - 1);
         const EVP_CIPHER* const cipher = (mode & 2) != 0 ? EVP_rc4() : EVP_aes_128_cbc();
         const bool read = COpenSSLCrypt::DeObfuscateFiletoStr(path, decoded, cipher, nullptr) == 0;
-        // A failed read delivers nothing; a block cipher's plaintext is shorter than the file,
-        // RC4's is as long.
+        // A failed read delivers nothing; RC4's plaintext is as long as the file, others shorter.
         FUZZ_CHECK(read ? decoded.size() <= body.size() : decoded.empty());
         if (!read)
             return 0;
@@ -56,18 +49,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (decoded.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
         decoded.erase(0, kObfuscatedMarkerLength);
     CXMLReadWriteConfig store;
-    Seen seen, again;
+    std::vector<TowerInfo> towers, again;
     if (store.LoadFromString(decoded, (mode & 4) != 0) != kConfigOk ||
-        store.EnumConfig(&seen, OnValue, (mode & 8) != 0) != kConfigOk)
+        store.EnumConfig(&towers, OnValue, (mode & 8) != 0) != kConfigOk)
         return 0;
     std::string value, xml;
     store.GetValue("Tideway/ConfigurationParameters/ipc_port", value);
     // Rewritten towers are all found again, and what the store writes, it reads back.
     store.DeleteConfigNode("Towers");
-    store.AddTowersToConfig(seen.towers);
+    store.AddTowersToConfig(towers);
     CXMLReadWrite reread;
     FUZZ_CHECK(store.EnumConfig(&again, OnValue, (mode & 8) != 0) == kConfigOk &&
-               again.towers.size() >= seen.towers.size() && store.GetXML(xml) == kConfigOk &&
+               again.size() >= towers.size() && store.GetXML(xml) == kConfigOk &&
                reread.LoadFromString(xml, false) == kConfigOk);
     return 0;
 }

@@ -8,8 +8,6 @@
 
 #include "FuzzSupport.h"
 
-namespace {
-
 struct Harness {
     RecordingHost host;
     int context = 0;
@@ -34,8 +32,6 @@ struct Harness {
         return WaitSent(*fake, COMM_MSG_TOWERS_REQUEST_INFO, before) - 1;
     }
 };
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Harness h;  // made after the trace object, so it ends first
