@@ -45,9 +45,11 @@ inline void WriteFileBytes(const std::string& path, const uint8_t* data, size_t 
     FUZZ_CHECK(out.write(reinterpret_cast<const char*>(data), size).flush());
 }
 
-inline bool ObfuscateTo(const std::string& path, const std::string& plain) {
-    return COpenSSLCrypt::ObfuscateStringToFile(plain.data(), static_cast<uint32_t>(plain.size()),
-                                                path.c_str(), nullptr) == 0;
+// Writes `plain` obfuscated to `path`; the file's bytes.
+inline std::string ObfuscateTo(const std::string& path, const std::string& plain) {
+    FUZZ_CHECK(COpenSSLCrypt::ObfuscateStringToFile(
+                   plain.data(), static_cast<uint32_t>(plain.size()), path.c_str(), nullptr) == 0);
+    return ReadFileBytes(path);
 }
 
 // /tmp/<prefix>-XXXXXX as the app-data root, with its profile `folder`, trace off; removed.

@@ -7,14 +7,6 @@
 
 namespace fs = std::filesystem;
 
-static std::string Obfuscated(const std::string& plain) {
-    const std::string made = "/tmp/fuzz-hosted." + std::to_string(getpid());
-    FUZZ_CHECK(ObfuscateTo(made, plain));
-    const std::string bytes = ReadFileBytes(made);
-    unlink(made.c_str());
-    return bytes;
-}
-
 static size_t FilesIn(const std::string& folder) {
     return std::count_if(fs::directory_iterator(folder), fs::directory_iterator(),
                          [](const fs::directory_entry& entry) { return entry.is_regular_file(); });
@@ -24,17 +16,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
     static ScratchRoot root("fuzz-hosted");
+    auto obfuscated = [](const std::string& plain) { return ObfuscateTo(root.path + "/x", plain); };
     // The downloads' temporary files go to a folder of their own (refused ones stay there).
     static const std::string update = root.folder + "/Tideway_ServiceProfile.wso",
                              temporary = root.path + "/tmp";
     static const std::string oldProfile =
         (setenv("TMPDIR", temporary.c_str(), 1),
-         Obfuscated("OBFUSCATED<Tideway><ConfigurationParameters><ipc_port>1</ipc_port>"
+         obfuscated("OBFUSCATED<Tideway><ConfigurationParameters><ipc_port>1</ipc_port>"
                     "</ConfigurationParameters></Tideway>"));
     const uint8_t mode = data[0];
     const std::string bytes = AsText(data + 1, size - 1);
     const std::string hosted =
-        (mode & 1) ? Obfuscated(((mode & 2) ? "" : std::string(kObfuscatedMarker)) + bytes) : bytes;
+        (mode & 1) ? obfuscated(((mode & 2) ? "" : std::string(kObfuscatedMarker)) + bytes) : bytes;
 
     fs::remove_all(temporary);
     fs::create_directories(temporary);

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string plain = ((data[0] & 2) ? "" : std::string(kObfuscatedMarker)) + text;
     unlink(current.c_str());
     unlink(update.c_str());
-    FUZZ_CHECK(ObfuscateTo(asUpdate ? update : current, plain));
+    ObfuscateTo(asUpdate ? update : current, plain);
 
     // A decoded text without any element (the reader ends it at a NUL) is an empty profile: it
     // loads, with no key. Only a plaintext of no byte at all does not decode.
