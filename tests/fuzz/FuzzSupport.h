@@ -22,9 +22,8 @@
 #include "common/Utils.h"
 #include "common/VNTrace.h"
 
-#define FUZZ_CHECK(condition) \
-    ((condition) ? (void)0    \
-                 : (fprintf(stderr, "check failed: %s %d\n", #condition, __LINE__), abort()))
+#define FUZZ_CHECK(cond) \
+    ((cond) ? (void)0 : (fprintf(stderr, "check failed: %s %d\n", #cond, __LINE__), abort()))
 
 inline std::string AsText(const uint8_t* data, size_t size) {
     return std::string(reinterpret_cast<const char*>(data), size);
@@ -62,10 +61,8 @@ struct ScratchRoot {
         std::filesystem::create_directories(folder + "/config");
         SetAllUsersAppDataPathForTesting(path);
     }
-    ~ScratchRoot() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
+    ~ScratchRoot() { std::filesystem::remove_all(path, ignored); }
+    std::error_code ignored;  // a folder left over at the end is not worth an abort
 };
 
 #ifdef TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_  // with FakeIPCClient.h and VantoriaApi.h first
@@ -82,17 +79,15 @@ inline std::shared_ptr<FakeIPCClient::State> ConnectApi(CVantoriaApi& api) {
     return fake;
 }
 
-// Waits until `id` is sent at index `from` or later; the index just past it.
+// Waits until `id` is sent at index `from` or later; its index.
 inline size_t WaitSent(FakeIPCClient::State& fake, uint32_t id, size_t from) {
-    size_t end = 0;
-    FUZZ_CHECK(fake.WaitFor(
-        [&] {
-            end = std::find(fake.sentIds.begin() + from, fake.sentIds.end(), id) -
-                  fake.sentIds.begin();
-            return ++end <= fake.sentIds.size();
-        },
-        std::chrono::seconds(60)));
-    return end;
+    size_t at = 0;
+    auto sent = [&] {
+        at = std::find(fake.sentIds.begin() + from, fake.sentIds.end(), id) - fake.sentIds.begin();
+        return at < fake.sentIds.size();
+    };
+    FUZZ_CHECK(fake.WaitFor(sent, std::chrono::seconds(60)));
+    return at;
 }
 #endif
 

@@ -34,13 +34,11 @@ struct Model {
         const std::string text = length != 0 ? FieldText(data, length) : "";
         if (id == COMM_MSG_QUIT) {
             quit = true;
-        } else if (id == COMM_MSG_SRVC_STARTED) {
-            stopped = false;
-            Status(9);
-        } else if (id == COMM_MSG_SRVC_START_FAILED || id == COMM_MSG_SRVC_STOPPED) {
-            stopped = true;
-            requestsExact = requestsExact && requests == 0;
-            Status(1);
+        } else if (id == COMM_MSG_SRVC_STARTED || id == COMM_MSG_SRVC_START_FAILED ||
+                   id == COMM_MSG_SRVC_STOPPED) {
+            stopped = id != COMM_MSG_SRVC_STARTED;
+            requestsExact = requestsExact && (!stopped || requests == 0);
+            Status(stopped ? 1 : 9);
         } else if (id == COMM_MSG_SERVICE_STATS) {  // always reported, a short one read as zeros
             lines.push_back("X");
         } else if (length == 0) {                      // nothing else reports an empty packet
@@ -68,11 +66,10 @@ struct Model {
                             std::to_string(s.nDetectClosest) + "," + std::to_string(s.nGUI));
         } else if (id == COMM_MSG_DCT_TOWER_ACTIVATED) {  // an empty name reads as zero settings
             lines.push_back(text.empty() ? "D:0,0,0" : "A:" + text);
-        } else if (id == COMM_MSG_PROXY_CRED_REQUEST) {  // whole and "Basic", else dropped
-            if (length >= sizeof(ProxyCredRequest) &&
-                FieldText(data + offsetof(ProxyCredRequest, szAuthType),
-                          sizeof(ProxyCredRequest::szAuthType)) == "Basic")
-                lines.push_back("P");
+        } else if (id == COMM_MSG_PROXY_CRED_REQUEST && length >= sizeof(ProxyCredRequest) &&
+                   FieldText(data + offsetof(ProxyCredRequest, szAuthType),
+                             sizeof(ProxyCredRequest::szAuthType)) == "Basic") {
+            lines.push_back("P");  // whole and "Basic", else dropped
         } else if (id == COMM_MSG_INFO_MESSAGE && text.find('#') != std::string::npos) {
             const size_t hash = text.find('#');
             lines.push_back("I:" + std::to_string(uint32_t(atoi(text.substr(0, hash).c_str()))) +
@@ -88,7 +85,6 @@ const uint32_t kOddIds[] = {0,          1,          1024,       1066,       1067
                             0x04040404, 0x41414141, 0x0000FFFF, 0x00FF0000, 0xDEADBEEF};
 static_assert(sizeof(kOddIds) / sizeof(kOddIds[0]) == 23, "bits 0-5 cover 41 ids and 23 odd");
 
-// The connected API.
 struct Harness {
     RecordingCallback callback;  // outlives the API's threads
     std::unique_ptr<CVantoriaApi> api{new CVantoriaApi};
@@ -183,13 +179,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             h.fake->sentData.clear();
             return std::exchange(h.fake->sentIds, {});
         });
-        const std::vector<uint32_t> ids(sent.begin() + sentBefore, sent.begin() + end - 1);
+        const std::vector<uint32_t> ids(sent.begin() + sentBefore, sent.begin() + end);
         // In pairs, as many as modelled; after a stop, either of the two and no more.
+        const uint32_t pair[] = {COMM_MSG_TOWERS_REQUEST_INFO, COMM_MSG_DCT_SETTINGS_REQUEST};
         for (size_t i = 0; i < ids.size(); ++i)
-            FUZZ_CHECK(ids[i] ==
-                           (i % 2 ? COMM_MSG_DCT_SETTINGS_REQUEST : COMM_MSG_TOWERS_REQUEST_INFO) ||
-                       (!model.requestsExact && (ids[i] == COMM_MSG_TOWERS_REQUEST_INFO ||
-                                                 ids[i] == COMM_MSG_DCT_SETTINGS_REQUEST)));
+            FUZZ_CHECK(ids[i] == pair[i % 2] ||
+                       (!model.requestsExact && ids[i] == pair[1 - i % 2]));
         FUZZ_CHECK(model.requestsExact ? ids.size() == model.requests
                                        : ids.size() <= model.requests);
         FUZZ_CHECK(model.lastError.empty() || ReadText([&](char* b, uint32_t& l) {

@@ -7,7 +7,6 @@
 #include "config/DnConfigFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // One configuration for the whole run, loaded from the default profile.
     static CDnConfigFile& config = []() -> CDnConfigFile& {
         ScratchRoot root("fuzz-exceptions");
         CDnConfigFile* made = new CDnConfigFile;

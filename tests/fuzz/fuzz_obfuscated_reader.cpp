@@ -23,17 +23,17 @@ static void OnValue(void* context, const char* key, const void* value) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static ScratchRoot scratch("fuzz-obfuscated");
-    static const std::string file = scratch.path + "/file";  // rewritten for every input
+    static const std::string path = scratch.path + "/file";  // rewritten for every input
     if (size < 1)
         return 0;
     const uint8_t mode = data[0];
     const std::string body = AsText(data + 1, size - 1);
-    const char* path = file.c_str();
     std::string decoded;
     if ((mode & 1) == 0) {
         WriteFileBytes(path, data + 1, size - 1);
         const EVP_CIPHER* const cipher = (mode & 2) != 0 ? EVP_rc4() : EVP_aes_128_cbc();
-        const bool read = COpenSSLCrypt::DeObfuscateFiletoStr(path, decoded, cipher, nullptr) == 0;
+        const bool read =
+            COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, cipher, nullptr) == 0;
         // A failed read delivers nothing; RC4's plaintext is as long as the file, others shorter.
         FUZZ_CHECK(read ? decoded.size() <= body.size() : decoded.empty());
         if (!read)
@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const std::string plain = kObfuscatedMarker + body;
         ObfuscateTo(path, plain);
         const int32_t read =
-            COpenSSLCrypt::DeObfuscateFiletoStr(path, decoded, EVP_aes_128_cbc(), nullptr);
+            COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, EVP_aes_128_cbc(), nullptr);
         FUZZ_CHECK(read == 0 && decoded == std::string(plain.c_str()));
     }
 

@@ -10,11 +10,10 @@
 
 struct Harness {
     RecordingHost host;
-    int context = 0;
     std::unique_ptr<CVantoriaPresentationPlugin> plugin{new CVantoriaPresentationPlugin};
     std::shared_ptr<FakeIPCClient::State> fake = ConnectApi(plugin->GetApi());
     Harness() {
-        FUZZ_CHECK(plugin->Initialize(&context, 1, &host, &host) == 0 && plugin->Start() == 0);
+        FUZZ_CHECK(plugin->Initialize(this, 1, &host, &host) == 0 && plugin->Start() == 0);
         fake->Deliver(COMM_MSG_SRVC_STARTED);
         FUZZ_CHECK(host.WaitForNotice("type=\"update\""));  // the status notice
         // Status 9's requests end with the proxy state: none may pass for a marker or a command.
@@ -29,7 +28,7 @@ struct Harness {
     size_t SendMarker() {
         const size_t before = fake->Locked([&] { return fake->sentIds.size(); });
         FUZZ_CHECK(plugin->GetApi().GetTowerList() == 0);
-        return WaitSent(*fake, COMM_MSG_TOWERS_REQUEST_INFO, before) - 1;
+        return WaitSent(*fake, COMM_MSG_TOWERS_REQUEST_INFO, before);
     }
 };
 

@@ -45,13 +45,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 config.GetXmlValue(key);
             }
 
-            ConfigParams params;
-            FUZZ_CHECK(config.GetConfigParams(params) == 0);
             std::string hosts;
             for (const auto& tower : config.GetTowers())
                 hosts += tower.second.HostName + ";";
-            FUZZ_CHECK(params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts);
-            FUZZ_CHECK(!params.address.empty() && params.address.back() == ';' &&
+            ConfigParams params;
+            FUZZ_CHECK(config.GetConfigParams(params) == 0 &&
+                       params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts &&
+                       !params.address.empty() && params.address.back() == ';' &&
                        (params.towerUrlHost.empty() || params.towerUrlHost.back() == ';'));
 
             std::vector<std::string> lines;
@@ -72,14 +72,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             config.GetXmlSubtree("Towers", subtree);
             FUZZ_CHECK(config.GetProfileLabel(a) && config.GetExceptionCount(1) >= 0 &&
                        config.GetExceptionCount(2) >= 0);
-            // A reload runs the chain again on the same file and must land on the same map.
             FUZZ_CHECK(asUpdate || (config.Reload() && config.GetValues() == values));
         }
     }
-    CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
     // The update file is only read, never changed or removed.
     FUZZ_CHECK(!asUpdate || std::filesystem::exists(update));
-    // The log settings of any text stay within their bounds.
     CXMLReadWrite store;
     store.LoadFromString(decoded, true);
     LoggingSettings settings;

@@ -79,7 +79,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(entry.second.GetAttribute(kUiId) == entry.first);
         event.GetComboValue(entry.second);
     }
-    // A valid event printed and parsed again keeps its id and controls.
     const std::string printed = event.ToString();
     if (event.GetRootNode(nullptr).node != event.root.node ||
         printed.find('\0') != std::string::npos)
