@@ -7,13 +7,11 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 TEST(FuzzReplay, EverySavedInputPasses) {
-    size_t inputs = 0;  // a missing corpus throws, and fails the test
     for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS_DIR)) {
         const std::string bytes = ReadFileBytes(entry.path());
         EXPECT_EQ(
             LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), 0)
             << entry.path();
-        ++inputs;
     }
-    EXPECT_GT(inputs, 0u);
+    EXPECT_GT(std::distance(std::filesystem::directory_iterator(FUZZ_CORPUS_DIR), {}), 0);
 }

@@ -44,12 +44,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     FUZZ_CHECK(names == std::list<std::string>(expected.begin(), expected.end()) &&
                addrs.size() <= subnets.size());
-    const uint8_t zero[16] = {};
     // IPv4: a contiguous mask from the top, nothing of the address outside it; IPv6: a prefix.
     for (const ExceptionAddress& a : addrs)
         FUZZ_CHECK(a.family == kExceptionFamilyIPv4
                        ? (~a.mask & (~a.mask + 1)) == 0 && (a.address & ~a.mask) == 0 &&
-                             memcmp(a.address6, zero, 16) == 0
+                             std::count(a.address6, a.address6 + 16, 0) == 16
                        : a.family == kExceptionFamilyIPv6 && a.address == 0 && a.mask <= 128);
     FUZZ_CHECK(config.GetExceptionCount(1) == static_cast<int>(names.size() + addrs.size()) &&
                config.GetExceptionCount(2) == config.GetExceptionCount(1));

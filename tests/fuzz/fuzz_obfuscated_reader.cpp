@@ -28,23 +28,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     const uint8_t mode = data[0];
     const std::string body = AsText(data + 1, size - 1);
-    std::string decoded;
-    if ((mode & 1) == 0) {
-        WriteFileBytes(path, data + 1, size - 1);
-        const EVP_CIPHER* const cipher = (mode & 2) != 0 ? EVP_rc4() : EVP_aes_128_cbc();
-        const bool read =
-            COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, cipher, nullptr) == 0;
-        // A failed read delivers nothing; RC4's plaintext is as long as the file, others shorter.
-        FUZZ_CHECK(read ? decoded.size() <= body.size() : decoded.empty());
-        if (!read)
-            return 0;
-    } else {
-        const std::string plain = kObfuscatedMarker + body;
+    const std::string plain = kObfuscatedMarker + body;
+    if (mode & 1)
         ObfuscateTo(path, plain);
-        const int32_t read =
-            COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, EVP_aes_128_cbc(), nullptr);
-        FUZZ_CHECK(read == 0 && decoded == std::string(plain.c_str()));
-    }
+    else
+        WriteFileBytes(path, data + 1, size - 1);
+    std::string decoded;
+    const EVP_CIPHER* const cipher = (mode & 3) == 2 ? EVP_rc4() : EVP_aes_128_cbc();
+    const bool read =
+        COpenSSLCrypt::DeObfuscateFiletoStr(path.c_str(), decoded, cipher, nullptr) == 0;
+    // The plaintext road gives the text back up to its first NUL. Else a failed read delivers
+    // nothing, and RC4's plaintext is as long as the file, the others' shorter.
+    FUZZ_CHECK((mode & 1) ? read && decoded == std::string(plain.c_str())
+               : read     ? decoded.size() <= body.size()
+                          : decoded.empty());
+    if (!read)
+        return 0;
 
     if (decoded.compare(0, kObfuscatedMarkerLength, kObfuscatedMarker) == 0)
         decoded.erase(0, kObfuscatedMarkerLength);

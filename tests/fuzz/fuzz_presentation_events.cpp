@@ -46,7 +46,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        id == COMM_MSG_PROXY_CRED_RESPONSE || id == COMM_MSG_PROXY_CANCEL_REQUEST);
             FUZZ_CHECK(id != COMM_MSG_PROXY_CRED_RESPONSE || h.fake->sentData[i].size() == 400);
         }
-        return 0;
     });
     return 0;
 }

@@ -22,9 +22,8 @@ const char kRootPem[] =
     "-----END CERTIFICATE-----\n";
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static ScratchRoot scratch("fuzz-trust");
-    static const std::string bundle = scratch.path + "/bundle.p7b",
-                             root = scratch.path + "/root.cfg";
+    static ScratchRoot dir("fuzz-trust");
+    static const std::string bundle = dir.path + "/bundle.p7b", root = dir.path + "/root.cfg";
     static const std::string made = ObfuscateTo(root, kObfuscatedMarker + std::string(kRootPem));
     WriteFileBytes(bundle, data, size);
     std::string output = "before";

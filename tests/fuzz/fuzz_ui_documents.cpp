@@ -9,16 +9,15 @@
 #include "presentation/XmlUIEvent.h"
 #include "presentation/XmlUINotice.h"
 
-using Element = rapidxml::xml_node<char>;
 using Index = std::map<std::string, int32_t>;
 
 // Ids below `node` (included) as the event indexes them (the scan keeps the depth within 256).
-static void ReferenceIndex(const Element* node, Index& index) {
+static void ReferenceIndex(const rapidxml::xml_node<char>* node, Index& index) {
     const rapidxml::xml_attribute<char>* id = node->first_attribute("id");  // elements only
     if (id != nullptr && id->value_size() > 0)
         index[std::string(id->value(), id->value_size())] =
             g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
-    for (const Element* child = node->first_node(); child != nullptr; child = child->next_sibling())
+    for (const auto* child = node->first_node(); child != nullptr; child = child->next_sibling())
         ReferenceIndex(child, index);
 }
 
@@ -63,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const rapidxml::parse_error&) {
         parsed = false;
     }
-    const Element* root = parsed ? document->first_node("brguiEvent") : nullptr;
-    const rapidxml::xml_attribute<char>* attribute = root ? root->first_attribute("id") : nullptr;
+    const auto* root = parsed ? document->first_node("brguiEvent") : nullptr;
+    const auto* attribute = root ? root->first_attribute("id") : nullptr;
     const std::string id =
         attribute ? std::string(attribute->value(), attribute->value_size()) : "";
     Index index;
