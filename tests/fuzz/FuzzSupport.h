@@ -22,13 +22,8 @@
 #include "common/Utils.h"
 #include "common/VNTrace.h"
 
-#define FUZZ_CHECK(condition) \
-    ((condition) ? (void)0 : FuzzFail("check failed: " #condition, std::to_string(__LINE__)))
-
-[[noreturn]] inline void FuzzFail(const char* what, const std::string& detail = "") {
-    fprintf(stderr, "%s %s\n", what, detail.c_str());
-    abort();
-}
+#define FUZZ_CHECK(cond) \
+    ((cond) ? (void)0 : (fprintf(stderr, "check failed: %s %d\n", #cond, __LINE__), abort()))
 
 inline std::string AsText(const uint8_t* data, size_t size) {
     return std::string(reinterpret_cast<const char*>(data), size);
@@ -41,48 +36,33 @@ inline uint32_t ReadLE32(const uint8_t* p) {
 // A file's bytes, or "<absent>".
 inline std::string ReadFileBytes(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    return in ? std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>())
-              : "<absent>";
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<absent>";
 }
 
 inline void WriteFileBytes(const std::string& path, const uint8_t* data, size_t size) {
-    FILE* file = fopen(path.c_str(), "wb");
-    FUZZ_CHECK(file != nullptr);
-    FUZZ_CHECK(fwrite(data, 1, size, file) == size);
-    FUZZ_CHECK(fclose(file) == 0);
+    std::ofstream out(path, std::ios::binary);
+    FUZZ_CHECK(out.write(reinterpret_cast<const char*>(data), size).flush());
 }
 
-inline bool ObfuscateTo(const std::string& path, const std::string& plain) {
-    return COpenSSLCrypt::ObfuscateStringToFile(plain.data(), static_cast<uint32_t>(plain.size()),
-                                                path.c_str(), nullptr) == 0;
+// Writes `plain` obfuscated to `path`; the file's bytes.
+inline std::string ObfuscateTo(const std::string& path, const std::string& plain) {
+    FUZZ_CHECK(COpenSSLCrypt::ObfuscateStringToFile(
+                   plain.data(), static_cast<uint32_t>(plain.size()), path.c_str(), nullptr) == 0);
+    return ReadFileBytes(path);
 }
 
-// The trace off (bad inputs would spend the run on log prefixes), once.
-inline void QuietTrace() {
-    [[maybe_unused]] static const bool quiet = (g_Trace.SetLevelMask(0), true);
-}
-
-// /tmp/<name>.<pid><suffix>, removed at exit.
-struct ScratchFile {
-    explicit ScratchFile(const char* name, const char* suffix = "")
-        : path(std::string("/tmp/") + name + "." + std::to_string(getpid()) + suffix) {}
-    ~ScratchFile() { unlink(path.c_str()); }
-    std::string path;
-};
-
-// /tmp/<prefix>-XXXXXX with the profile folder as the app-data root, trace off; removed at the end.
+// /tmp/<prefix>-XXXXXX as the app-data root, with its profile `folder`, trace off; removed.
 struct ScratchRoot {
-    std::string path;
+    std::string path, folder;
     explicit ScratchRoot(const char* prefix) : path(std::string("/tmp/") + prefix + "-XXXXXX") {
-        QuietTrace();
+        g_Trace.SetLevelMask(0);  // bad inputs would spend the run on log prefixes
         FUZZ_CHECK(mkdtemp(&path[0]) != nullptr);
-        std::filesystem::create_directories(path + "/tarvex/brenlo/tideway/config");
+        folder = path + "/tarvex/brenlo/tideway";
+        std::filesystem::create_directories(folder + "/config");
         SetAllUsersAppDataPathForTesting(path);
     }
-    ~ScratchRoot() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
+    ~ScratchRoot() { std::filesystem::remove_all(path, ignored); }
+    std::error_code ignored;  // a folder left over at the end is not worth an abort
 };
 
 #ifdef TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_  // with FakeIPCClient.h and VantoriaApi.h first
@@ -93,23 +73,21 @@ inline std::shared_ptr<FakeIPCClient::State> ConnectApi(CVantoriaApi& api) {
     g_Trace.SetLevelMask(0xFFFFFFFF);
     auto fake = std::make_shared<FakeIPCClient::State>();
     g_pVantoriaApi = &api;
-    if (!api.Initialize(5003, FakeIPCClient::Factory(fake)) || !api.StartCommunicator() ||
-        !fake->WaitFor([&] { return fake->connects >= 1; }))
-        FuzzFail("the communicator never connected");
+    FUZZ_CHECK(api.Initialize(5003, FakeIPCClient::Factory(fake)) && api.StartCommunicator() &&
+               fake->WaitFor([&] { return fake->connects >= 1; }));
     fake->PeerState(8, 1, 2);
     return fake;
 }
 
-// Waits until `id` is sent at index `from` or later; the index just past it.
+// Waits until `id` is sent at index `from` or later; its index.
 inline size_t WaitSent(FakeIPCClient::State& fake, uint32_t id, size_t from) {
-    size_t end = 0;
+    size_t at = 0;
     auto sent = [&] {
-        end = std::find(fake.sentIds.begin() + from, fake.sentIds.end(), id) - fake.sentIds.begin();
-        return ++end <= fake.sentIds.size();
+        at = std::find(fake.sentIds.begin() + from, fake.sentIds.end(), id) - fake.sentIds.begin();
+        return at < fake.sentIds.size();
     };
-    if (!fake.WaitFor(sent, std::chrono::seconds(60)))
-        FuzzFail("never sent:", std::to_string(id));
-    return end;
+    FUZZ_CHECK(fake.WaitFor(sent, std::chrono::seconds(60)));
+    return at;
 }
 #endif
 

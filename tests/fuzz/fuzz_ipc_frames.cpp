@@ -1,35 +1,19 @@
 // The IPC frame decoder fed a byte stream in arbitrary pieces, checked against a reference
 // decoding. Input: [mode][count][count chunk sizes][stream]; mode bit 0: a 64-byte frame limit,
 // bits 1-3: the first buffer size, bits 4-7: the sink stops after every n-th frame (0: never).
+#include <functional>
+
 #include "FrameDecoder.h"
 #include "ipc/IPCTypes.h"
 
 #include "FuzzSupport.h"
 
-namespace {
-
 using Result = ipc::CFrameDecoder::Result;
 
-using Span = std::pair<size_t, uint32_t>;  // a frame's offset in the stream, and its length
-
-// Aborts on a frame never sent whole, or with wrong bytes, length or order.
-struct CheckingSink final : ipc::IFrameSink {
-    CheckingSink(const uint8_t* s, const std::vector<Span>& e, unsigned n)
-        : stream(s), expected(e), stopEvery(n) {}
-    bool OnFrame(uint8_t* data, uint32_t length) override {
-        FUZZ_CHECK(next < expected.size());
-        const Span& want = expected[next++];
-        FUZZ_CHECK(want.second == length &&
-                   (!length || !memcmp(data, stream + want.first, length)));
-        return stopEvery == 0 || next % stopEvery != 0;
-    }
-    const uint8_t* stream;
-    const std::vector<Span>& expected;
-    const unsigned stopEvery;
-    size_t next = 0;
+struct Sink final : ipc::IFrameSink {
+    std::function<bool(const uint8_t*, uint32_t)> check;
+    bool OnFrame(uint8_t* data, uint32_t length) override { return check(data, length); }
 };
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2)
@@ -42,8 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t* stream = chunks + chunkCount;
     const size_t streamSize = size - 2 - chunkCount;
 
-    // Reference: the whole frames in order, and whether a header exceeds the limit.
-    std::vector<Span> expected;
+    // Reference: each whole frame's offset and length in order; whether a header is oversize.
+    std::vector<std::pair<size_t, uint32_t>> expected;
     bool oversize = false;
     for (size_t at = 0; streamSize - at >= 4;) {
         const uint32_t length = ReadLE32(stream + at);
@@ -53,9 +37,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += 4 + size_t{length};
     }
 
+    // Aborts on a frame not sent whole, or with wrong bytes, length or order; stops as asked.
+    size_t next = 0;
+    Sink sink;
+    sink.check = [&](const uint8_t* frame, uint32_t length) {
+        FUZZ_CHECK(next < expected.size() && expected[next].second == length &&
+                   (!length || !memcmp(frame, stream + expected[next].first, length)));
+        ++next;
+        return (data[0] >> 4) == 0 || next % (data[0] >> 4) != 0;
+    };
     ipc::CFrameDecoder decoder(limit, initial);
-    CheckingSink sink(stream, expected, data[0] >> 4);
-    const size_t bufferLimit = std::max(initial, ipc::kFrameHeaderSize + size_t{limit});
     size_t capacity = 0;
     Result result = Result::kNeedMore;
     for (size_t at = 0, piece = 0; at < streamSize && result != Result::kOversize;) {
@@ -69,18 +60,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += n;
         while ((result = decoder.Parse(sink)) == Result::kStopped) {
         }
-        FUZZ_CHECK(decoder.BufferCapacity() <= bufferLimit);
+        FUZZ_CHECK(decoder.BufferCapacity() <= std::max(initial, ipc::kFrameHeaderSize + limit));
     }
-    // No whole frame missing, no oversize header missed.
-    FUZZ_CHECK(sink.next == expected.size() && (result == Result::kOversize) == oversize);
+    FUZZ_CHECK(next == expected.size() && (result == Result::kOversize) == oversize);
     // After an oversize header the stream stays unusable: nothing more is parsed or read.
-    if (result == Result::kOversize &&
-        (decoder.Parse(sink) != Result::kOversize || decoder.WritableData(&capacity) != nullptr ||
-         sink.next != expected.size()))
-        abort();
+    FUZZ_CHECK(result != Result::kOversize ||
+               (decoder.Parse(sink) == Result::kOversize &&
+                decoder.WritableData(&capacity) == nullptr && next == expected.size()));
     // Emptied, the buffer is back to its first size, whatever it grew to.
-    if (result != Result::kOversize && decoder.Pending() == 0 &&
-        (decoder.WritableData(&capacity) == nullptr || decoder.BufferCapacity() != initial))
-        abort();
+    FUZZ_CHECK(result == Result::kOversize || decoder.Pending() != 0 ||
+               (decoder.WritableData(&capacity) != nullptr && decoder.BufferCapacity() == initial));
     return 0;
 }

@@ -8,62 +8,44 @@
 
 #include "FuzzSupport.h"
 
-namespace {
-
 struct Harness {
     RecordingHost host;
-    int context = 0;
     std::unique_ptr<CVantoriaPresentationPlugin> plugin{new CVantoriaPresentationPlugin};
     std::shared_ptr<FakeIPCClient::State> fake = ConnectApi(plugin->GetApi());
+    Harness() {
+        FUZZ_CHECK(plugin->Initialize(this, 1, &host, &host) == 0 && plugin->Start() == 0);
+        fake->Deliver(COMM_MSG_SRVC_STARTED);
+        FUZZ_CHECK(host.WaitForNotice("type=\"update\""));  // the status notice
+        // Status 9's requests end with the proxy state: none may pass for a marker or a command.
+        WaitSent(*fake, COMM_MSG_PROXY_STATE_QUERY, 0);
+        std::string proxy = "proxy", port = "8080", scheme = "Basic", realm = "r";
+        plugin->OnProxyCredRequest(proxy, port, scheme, realm);  // arms the dialog's events
+        SendMarker();  // the requests of the start are out
+    }
     ~Harness() { g_pVantoriaApi = nullptr; }  // then the plug-in ends the API's threads
+
+    // A tower-list request, the marker: once it is out, all queued before it is. The index of it.
+    size_t SendMarker() {
+        const size_t before = fake->Locked([&] { return fake->sentIds.size(); });
+        FUZZ_CHECK(plugin->GetApi().GetTowerList() == 0);
+        return WaitSent(*fake, COMM_MSG_TOWERS_REQUEST_INFO, before);
+    }
 };
-std::unique_ptr<Harness> g_Harness;
-
-// A tower-list request, the marker: once it is out, all queued before it is. The index past it.
-size_t SendMarker(Harness& h) {
-    const size_t before = h.fake->Locked([&] { return h.fake->sentIds.size(); });
-    FUZZ_CHECK(h.plugin->GetApi().GetTowerList() == 0);
-    return WaitSent(*h.fake, COMM_MSG_TOWERS_REQUEST_INFO, before);
-}
-
-Harness& TheHarness() {
-    if (g_Harness)
-        return *g_Harness;
-    Harness* h = new Harness;
-    FUZZ_CHECK(h->plugin->Initialize(&h->context, 1, &h->host, &h->host) == 0 &&
-               h->plugin->Start() == 0);
-    h->fake->Deliver(COMM_MSG_SRVC_STARTED);
-    FUZZ_CHECK(h->host.WaitForNotice("type=\"update\""));  // the status notice
-    // Status 9's requests end with the proxy state: none is to pass for the marker or a command.
-    WaitSent(*h->fake, COMM_MSG_PROXY_STATE_QUERY, 0);
-    std::string host = "proxy", port = "8080", scheme = "Basic", realm = "r";
-    h->plugin->OnProxyCredRequest(host, port, scheme, realm);  // arms the dialog's events
-    g_Harness.reset(h);
-    SendMarker(*h);  // the requests of the start are out
-    atexit([] { g_Harness.reset(); });
-    return *h;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Harness& h = TheHarness();
+    static Harness h;  // made after the trace object, so it ends first
     syslog_capture::Clear();
     const size_t before = h.fake->Locked([&] { return h.fake->sentIds.size(); });
     const int32_t result = h.plugin->HandleEvent(AsText(data, size).c_str());
-    if (result != 0 && result != -1)
-        FuzzFail("a result other than 0 and -1");
-    const size_t end = SendMarker(h) - 1;
+    FUZZ_CHECK(result == 0 || result == -1);
+    const size_t end = h.SendMarker();
     h.fake->Locked([&] {
         for (size_t i = before; i < end; ++i) {
             const uint32_t id = h.fake->sentIds[i];
-            if (id != COMM_MSG_CHANGE_ACTIVE_TOWER && id != COMM_MSG_DCT_SETTINGS_UPDATE &&
-                id != COMM_MSG_PROXY_CRED_RESPONSE && id != COMM_MSG_PROXY_CANCEL_REQUEST)
-                FuzzFail("a command no action sends");
-            if (id == COMM_MSG_PROXY_CRED_RESPONSE && h.fake->sentData[i].size() != 400)
-                FuzzFail("a credential record not of 400 bytes");
+            FUZZ_CHECK(id == COMM_MSG_CHANGE_ACTIVE_TOWER || id == COMM_MSG_DCT_SETTINGS_UPDATE ||
+                       id == COMM_MSG_PROXY_CRED_RESPONSE || id == COMM_MSG_PROXY_CANCEL_REQUEST);
+            FUZZ_CHECK(id != COMM_MSG_PROXY_CRED_RESPONSE || h.fake->sentData[i].size() == 400);
         }
-        return 0;
     });
     return 0;
 }

@@ -5,74 +5,18 @@
 #include "config/Config.h"
 #include "config/DnConfigFile.h"
 
-namespace {
-
-// A scratch app-data root for the whole run.
-struct Root : ScratchRoot {
-    Root() : ScratchRoot("fuzz-profile") {}
-    std::string current = path + "/tarvex/brenlo/tideway/config/Tideway.config";
-    std::string update = path + "/tarvex/brenlo/tideway/Tideway_ServiceProfile.wso";
-};
-
-void ReadEverything(CDnConfigFile& config, bool owner) {
-    for (const auto& entry : config.GetValues()) {
-        const char* key = entry.first.c_str();
-        std::string trimmed = entry.second;
-        Trim(trimmed, kWhitespace);
-        FUZZ_CHECK(config.GetString(key) == trimmed);
-        config.GetInteger(key);
-        config.GetHexInteger(key);
-        config.GetIpAddress(key);
-        config.GetPort(key);
-        config.KeyExists(entry.first);
-        config.GetXmlValue(entry.first);
-    }
-
-    ConfigParams params;
-    FUZZ_CHECK(config.GetConfigParams(params) == 0);
-    std::string hosts;
-    for (const auto& tower : config.GetTowers())
-        hosts += tower.second.HostName + ";";
-    FUZZ_CHECK(params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts);
-    FUZZ_CHECK(!params.address.empty() && params.address.back() == ';' &&
-               (params.towerUrlHost.empty() || params.towerUrlHost.back() == ';'));
-
-    std::vector<std::string> lines;
-    std::vector<int> marks;
-    FUZZ_CHECK(config.GetConfigDump(lines, marks) == 0);
-    FUZZ_CHECK(lines.size() == (owner ? 23u : 19u) && marks.size() == lines.size());
-    FUZZ_CHECK(lines[0].compare(0, 22, "Logging/debug_level = ") == 0);
-    const unsigned long mask = strtoul(lines[0].c_str() + 22, nullptr, 16);
-    FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
-
-    uint32_t level = 0;
-    uint16_t port = 0;
-    std::string a, b;
-    boost::property_tree::ptree subtree;
-    config.GetDebugLevel(level);
-    config.GetKdfListenPort(port);
-    config.GetAuthenticatedIdentity(a, b);
-    config.GetGroupFilters(a, b);
-    FUZZ_CHECK(config.GetProfileLabel(a) && config.GetExceptionCount(1) >= 0 &&
-               config.GetExceptionCount(2) >= 0);
-    config.GetXmlSubtree("Towers", subtree);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
-    static Root root;
-    const bool asUpdate = (data[0] & 1) != 0, marker = (data[0] & 2) == 0,
-               owner = (data[0] & 4) != 0;
+    static ScratchRoot root("fuzz-profile");
+    static const std::string current = root.folder + "/config/Tideway.config",
+                             update = root.folder + "/Tideway_ServiceProfile.wso";
+    const bool asUpdate = (data[0] & 1) != 0, owner = (data[0] & 4) != 0;
     const std::string text = AsText(data + 1, size - 1);
-
-    std::error_code ignored;
-    std::filesystem::remove(root.current, ignored);
-    std::filesystem::remove(root.update, ignored);
-    const std::string plain = (marker ? std::string(kObfuscatedMarker) : std::string()) + text;
-    FUZZ_CHECK(ObfuscateTo(asUpdate ? root.update : root.current, plain));
+    const std::string plain = ((data[0] & 2) ? "" : std::string(kObfuscatedMarker)) + text;
+    unlink(current.c_str());
+    unlink(update.c_str());
+    ObfuscateTo(asUpdate ? update : current, plain);
 
     // A decoded text without any element (the reader ends it at a NUL) is an empty profile: it
     // loads, with no key. Only a plaintext of no byte at all does not decode.
@@ -84,24 +28,55 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     {
         CDnConfigFile config;
         const bool loaded = config.InitializeConfig(asUpdate, asUpdate);
-        if (noElement)
-            FUZZ_CHECK(loaded && config.GetValues().empty());
+        std::string a, b;
+        FUZZ_CHECK(loaded || !config.GetProfileLabel(a));  // a failed load leaves no store
+        FUZZ_CHECK(!noElement || (loaded && config.GetValues().empty()));
         if (loaded) {
-            ReadEverything(config, owner);
-            // A reload runs the chain again on the same file and must land on the same map.
-            const auto before = config.GetValues();
-            if (!asUpdate)
-                FUZZ_CHECK(config.Reload() && config.GetValues() == before);
-        } else {
-            std::string label;
-            FUZZ_CHECK(!config.GetProfileLabel(label));  // a failed load leaves no store
+            const auto values = config.GetValues();
+            for (const auto& [key, value] : values) {
+                std::string trimmed = value;
+                Trim(trimmed, kWhitespace);
+                FUZZ_CHECK(config.GetString(key.c_str()) == trimmed);
+                config.GetInteger(key.c_str());
+                config.GetHexInteger(key.c_str());
+                config.GetIpAddress(key.c_str());
+                config.GetPort(key.c_str());
+                config.KeyExists(key);
+                config.GetXmlValue(key);
+            }
+
+            std::string hosts;
+            for (const auto& tower : config.GetTowers())
+                hosts += tower.second.HostName + ";";
+            ConfigParams params;
+            FUZZ_CHECK(config.GetConfigParams(params) == 0 &&
+                       params.ipcPort == config.GetPort("ipc_port") && params.towerHosts == hosts &&
+                       !params.address.empty() && params.address.back() == ';' &&
+                       (params.towerUrlHost.empty() || params.towerUrlHost.back() == ';'));
+
+            std::vector<std::string> lines;
+            std::vector<int> marks;
+            FUZZ_CHECK(config.GetConfigDump(lines, marks) == 0 &&
+                       lines.size() == (owner ? 23u : 19u) && marks.size() == lines.size() &&
+                       lines[0].compare(0, 22, "Logging/debug_level = ") == 0);
+            const unsigned long mask = strtoul(lines[0].c_str() + 22, nullptr, 16);
+            FUZZ_CHECK(mask < 0x8000 && (mask & 6) == 6);
+
+            uint32_t level = 0;
+            uint16_t port = 0;
+            boost::property_tree::ptree subtree;
+            config.GetDebugLevel(level);
+            config.GetKdfListenPort(port);
+            config.GetAuthenticatedIdentity(a, b);
+            config.GetGroupFilters(a, b);
+            config.GetXmlSubtree("Towers", subtree);
+            FUZZ_CHECK(config.GetProfileLabel(a) && config.GetExceptionCount(1) >= 0 &&
+                       config.GetExceptionCount(2) >= 0);
+            FUZZ_CHECK(asUpdate || (config.Reload() && config.GetValues() == values));
         }
     }
-    CDnConfigFile::SetConfigRoleForTesting(kConfigRolePlugin);
     // The update file is only read, never changed or removed.
-    if (asUpdate)
-        FUZZ_CHECK(std::filesystem::exists(root.update));
-    // The log settings of any text stay within their bounds.
+    FUZZ_CHECK(!asUpdate || std::filesystem::exists(update));
     CXMLReadWrite store;
     store.LoadFromString(decoded, true);
     LoggingSettings settings;

@@ -9,69 +9,71 @@
 #include "presentation/XmlUIEvent.h"
 #include "presentation/XmlUINotice.h"
 
-namespace {
-
-using Element = rapidxml::xml_node<char>;
 using Index = std::map<std::string, int32_t>;
 
 // Ids below `node` (included) as the event indexes them (the scan keeps the depth within 256).
-void ReferenceIndex(const Element* node, Index& index) {
-    if (node->type() == rapidxml::node_element) {
-        const rapidxml::xml_attribute<char>* id = node->first_attribute("id");
-        if (id != nullptr && id->value_size() > 0)
-            index[std::string(id->value(), id->value_size())] =
-                g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
-    }
-    for (const Element* child = node->first_node(); child != nullptr; child = child->next_sibling())
+static void ReferenceIndex(const rapidxml::xml_node<char>* node, Index& index) {
+    const rapidxml::xml_attribute<char>* id = node->first_attribute("id");  // elements only
+    if (id != nullptr && id->value_size() > 0)
+        index[std::string(id->value(), id->value_size())] =
+            g_UiControlTypes.IdOf(node->name(), node->name_size(), kCtrlUnknown);
+    for (const auto* child = node->first_node(); child != nullptr; child = child->next_sibling())
         ReferenceIndex(child, index);
 }
 
-Index IndexOf(const XmlControlMap& controls) {
+static Index IndexOf(const XmlControlMap& controls) {
     Index index;
     for (const auto& entry : controls)
         index[entry.first] = entry.second.type;
     return index;
 }
 
-// Parses `text` with rapidxml alone; false when it throws. `index` gets the event's controls
-// when the first top-level "brguiEvent" has a non-empty id, and `id` that id.
-bool ReferenceParse(const std::string& text, std::string& id, Index& index) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    g_Trace.SetLevelMask(0);
+    const std::string text = AsText(data, strnlen(reinterpret_cast<const char*>(data), size));
+
+    // A parsed notice has a type in range when valid, and no control of unknown type; a built one
+    // gives back its tag, attribute value and element text (unless all blank) unchanged.
+    XmlUINotice notice(text.c_str());
+    FUZZ_CHECK(!notice.valid || (notice.type >= kNoticeSetup && notice.type < kNoticeUnknown));
+    for (const auto& entry : notice.controls)
+        FUZZ_CHECK(entry.second.type != kCtrlUnknown);
+    XmlUINotice built(kNoticeUpdate, text.c_str(), kUiModuleIdentity);
+    built.GetControl(kCtrlLabel, "v").SetAttribute(kUiValue, text.c_str());
+    built.CreateNode(kUiLog).SetValue(text.c_str());
+    XmlUINotice back(built.ToString().c_str());
+    FUZZ_CHECK(back.valid && back.type == kNoticeUpdate && back.root.GetAttribute(kUiTag) == text &&
+               back.GetControl(kCtrlLabel, "v").GetAttribute(kUiValue) == text);
+    if (text.find_first_not_of(" \t\r\n") != std::string::npos)
+        FUZZ_CHECK(back.root.FirstChild(kUiLog).GetValue() == text);
+
+    const int32_t depth = XmlDoc::NestingDepth(text.c_str());
+    XmlUIEvent event(text.c_str());
+    FUZZ_CHECK(depth <= XmlDoc::kMaxNestingDepth || (!event.valid && event.ToString().empty()));
+    if (depth > XmlDoc::kMaxNestingDepth)
+        return 0;
+    // The reference: rapidxml alone, and the id and controls of the first top-level "brguiEvent".
     static rapidxml::xml_document<char>* document = new rapidxml::xml_document<char>();
     document->clear();
     std::vector<char> buffer(text.c_str(), text.c_str() + text.size() + 1);
+    bool parsed = true;
     try {
         document->parse<0>(buffer.data());
     } catch (const rapidxml::parse_error&) {
-        return false;
+        parsed = false;
     }
-    for (const Element* node = document->first_node(); node != nullptr;
-         node = node->next_sibling()) {
-        if (node->type() != rapidxml::node_element || strcmp(node->name(), "brguiEvent") != 0)
-            continue;
-        if (const rapidxml::xml_attribute<char>* attribute = node->first_attribute("id"))
-            id.assign(attribute->value(), attribute->value_size());
-        if (!id.empty())
-            ReferenceIndex(node, index);
-        break;
-    }
-    return true;
-}
-
-void CheckEvent(const std::string& text) {
-    const int32_t depth = XmlDoc::NestingDepth(text.c_str());
-    XmlUIEvent event(text.c_str());
-    if (depth > XmlDoc::kMaxNestingDepth) {
-        FUZZ_CHECK(!event.valid && event.ToString().empty());
-        return;
-    }
-    std::string id;
+    const auto* root = parsed ? document->first_node("brguiEvent") : nullptr;
+    const auto* attribute = root ? root->first_attribute("id") : nullptr;
+    const std::string id =
+        attribute ? std::string(attribute->value(), attribute->value_size()) : "";
     Index index;
-    const bool parsed = ReferenceParse(text, id, index);
+    if (!id.empty())
+        ReferenceIndex(root, index);
     FUZZ_CHECK(parsed == (depth >= 0) && (parsed || event.ToString().empty()));
     FUZZ_CHECK(event.valid == !id.empty() && event.GetId() == id &&
                IndexOf(event.controls) == index);
     if (!event.valid)
-        return;
+        return 0;
     for (const auto& entry : event.controls) {
         FUZZ_CHECK(entry.second.GetAttribute(kUiId) == entry.first);
         event.GetComboValue(entry.second);
@@ -79,34 +81,8 @@ void CheckEvent(const std::string& text) {
     const std::string printed = event.ToString();
     if (event.GetRootNode(nullptr).node != event.root.node ||
         printed.find('\0') != std::string::npos)
-        return;
+        return 0;
     XmlUIEvent again(printed.c_str());
     FUZZ_CHECK(again.valid && again.GetId() == id && IndexOf(again.controls) == index);
-}
-
-void CheckNotice(const std::string& text) {
-    XmlUINotice parsed(text.c_str());
-    FUZZ_CHECK(!parsed.valid || (parsed.type >= kNoticeSetup && parsed.type < kNoticeUnknown));
-    for (const auto& entry : parsed.controls)
-        FUZZ_CHECK(entry.second.type != kCtrlUnknown);
-
-    XmlUINotice built(kNoticeUpdate, text.c_str(), kUiModuleIdentity);
-    built.GetControl(kCtrlLabel, "v").SetAttribute(kUiValue, text.c_str());
-    built.CreateNode(kUiLog).SetValue(text.c_str());
-    const std::string printed = built.ToString();
-    XmlUINotice back(printed.c_str());
-    FUZZ_CHECK(back.valid && back.type == kNoticeUpdate && back.root.GetAttribute(kUiTag) == text &&
-               back.GetControl(kCtrlLabel, "v").GetAttribute(kUiValue) == text);
-    if (text.find_first_not_of(" \t\r\n") != std::string::npos)
-        FUZZ_CHECK(back.root.FirstChild(kUiLog).GetValue() == text);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    g_Trace.SetLevelMask(0);
-    const std::string text = AsText(data, strnlen(reinterpret_cast<const char*>(data), size));
-    CheckEvent(text);
-    CheckNotice(text);
     return 0;
 }
