@@ -5,20 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 #include "comm/ChannelPacket.h"
 #include "comm/MsgQueueMsg.h"
-#include "common/VNTrace.h"
 
 namespace {
 
-class PacketTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        syslog_capture::Clear();
-    }
+struct PacketTest : ::testing::Test {
+    ApiTraceOn trace;
 };
 
 // A packet as the agent would send it, assembled byte by byte (little-endian fields).

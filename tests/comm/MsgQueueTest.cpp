@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "Latch.h"
 #include "SyslogCapture.h"
 #include "comm/MsgQueue.h"
-#include "common/VNTrace.h"
 
 namespace {
 
@@ -142,9 +142,7 @@ TEST(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
 }
 
 TEST(MsgQueueTest, CopyThatCannotBeMadeIsRefusedWithItsLine) {
-    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
-                      10000, 100, 1, 0, 60);
-    syslog_capture::Clear();
+    ApiTraceOn trace;
     // A record claiming more data than can be allocated is refused, not queued without data.
     CMsgQueue queue("VN$COMM$SENDER");
     MSG_QUEUE_MSG message(COMM_MSG_CONFIG_DATA, 0, 1, 0);

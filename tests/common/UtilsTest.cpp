@@ -14,9 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 #include "TestEnv.h"
-#include "common/VNTrace.h"
 
 namespace {
 
@@ -98,9 +98,7 @@ TEST(Utils, AppDataRootMovesForTestsAndReadsAreNeverTorn) {
 }
 
 TEST(Utils, FileExistsAndDeleteIfExistsWithItsLogLine) {
-    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
-                      10000, 100, 1, 0, 60);
-    syslog_capture::Clear();
+    ApiTraceOn trace;
     TempRoot root;
     const std::string dir = root.path(), file = dir + "/profile.config", busy = dir + "/busy";
     ASSERT_EQ(mkdir(busy.c_str(), 0755), 0);
