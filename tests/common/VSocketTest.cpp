@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 #include "common/VNTrace.h"
 
@@ -68,15 +69,10 @@ struct Pair {
     int peer = -1;
 };
 
-class VSocket : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_BRIDGE));
-        syslog_capture::Clear();
-    }
-    void TearDown() override { g_Trace.SetLevelMask(kDefaultTraceMask); }
+// With the BRIDGE level on, for the time-out line.
+struct VSocket : ::testing::Test {
+    VSocket() { g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_BRIDGE)); }
+    ApiTraceOn trace;
 };
 
 TEST_F(VSocket, ReceiveLineAcrossReadsLongLinesAndCloseMidLine) {
@@ -184,9 +180,8 @@ TEST_F(VSocket, ReadHeaderStopsAtTheFirstEmptyLineAndWaitReportsItsTimeOut) {
     EXPECT_GE(ElapsedMs(start), 150);
     pair.Write("x");
     EXPECT_EQ(pair.socket->WaitForSocket(pair.socket->GetHandle(), 1, 5, 0), 0);
-    std::string address;
-    EXPECT_EQ(pair.socket->GetPeerAddress(address),
-              EAFNOSUPPORT);  // not IPv4: refused
+    std::string address;  // not IPv4: refused
+    EXPECT_EQ(pair.socket->GetPeerAddress(address), EAFNOSUPPORT);
 }
 
 }  // namespace

@@ -52,8 +52,7 @@ struct Seen {
     std::vector<uint16_t> sessions;  // one per packet
 };
 
-// Records what a client or server reports; once `closed` is set, callbacks
-// count as late.
+// Records what a client or server reports; once `closed` is set, callbacks count as late.
 class Recorder : public IIPCServerCallback {
   public:
     void OnPeerStateChanged(uint32_t peer, uint32_t session, uint32_t state) override {
@@ -71,8 +70,7 @@ class Recorder : public IIPCServerCallback {
         if (onPacket)
             onPacket(bytes);
     }
-    // Waits up to 5 s until at least `events` events and `packets` packets came
-    // in.
+    // Waits up to 5 s until at least `events` events and `packets` packets came in.
     bool Wait(size_t events, size_t packets = 0) {
         std::unique_lock<std::mutex> lock(m_Lock);
         return m_Changed.wait_for(lock, 5s, [&] {
@@ -175,8 +173,8 @@ int AcceptClient(int listener, IIPCClient& client) {
     return fd;
 }
 
-// A library server and client on a fresh root. The objects are declared after
-// their recorders, so they are destroyed (and torn down) first.
+// A library server and client on a fresh root. The objects are declared after their recorders, so
+// they are destroyed (and torn down) first.
 struct Channel {
     Root root;
     Recorder serverEvents, clientEvents;
@@ -185,23 +183,18 @@ struct Channel {
     uint16_t session = 0;
 
     ::testing::AssertionResult Connect() {
-        if (server->Listen() != IPC_STATUS_OK)
-            return ::testing::AssertionFailure() << "Listen";
-        return Reconnect();
+        return server->Listen() == IPC_STATUS_OK ? Reconnect() : ::testing::AssertionFailure();
     }
-    // Connects and checks that both sides report state 2 with the same session.
+    // Connects and checks that both sides report state 2 with the same non-zero session.
     ::testing::AssertionResult Reconnect() {
-        const size_t clientSeen = clientEvents.Now().events.size();
-        const size_t serverSeen = serverEvents.Now().events.size();
-        if (client->ConnectAsync(kAgent, 0, 5, kPort) != IPC_STATUS_OK)
-            return ::testing::AssertionFailure() << "ConnectAsync";
-        if (!clientEvents.Wait(clientSeen + 1) || !serverEvents.Wait(serverSeen + 1))
-            return ::testing::AssertionFailure() << "no state-2 events";
-        const Event c = clientEvents.Now().events[clientSeen];
-        const Event s = serverEvents.Now().events[serverSeen];
+        const size_t n = clientEvents.Now().events.size(), m = serverEvents.Now().events.size();
+        if (client->ConnectAsync(kAgent, 0, 5, kPort) != IPC_STATUS_OK ||
+            !clientEvents.Wait(n + 1) || !serverEvents.Wait(m + 1))
+            return ::testing::AssertionFailure() << "not connected";
+        const Event c = clientEvents.Now().events[n], s = serverEvents.Now().events[m];
+        session = static_cast<uint16_t>(c[1]);
         if (c != Event{kAgent, s[1], 2} || s != Event{kModule, c[1], 2} || c[1] == 0)
             return ::testing::AssertionFailure() << "sessions differ or are 0";
-        session = static_cast<uint16_t>(c[1]);
         return ::testing::AssertionSuccess();
     }
     BR_STATUSCODE Send(bool fromServer, const std::string& bytes) {
@@ -253,8 +246,7 @@ TEST(IPCChannel, DeliversWholePacketsInOrderBothWaysAlsoFromConcurrentSenders) {
     ASSERT_TRUE(ch.clientEvents.Wait(0, before + kEach));
     const Seen server = ch.serverEvents.Now(), client = ch.clientEvents.Now();
     EXPECT_EQ(server.sessions, std::vector<uint16_t>(before + 2 * kEach, ch.session));
-    // Each sender's packets arrive whole and in its own order; the senders may
-    // interleave.
+    // Each sender's packets arrive whole and in its own order; the senders may interleave.
     for (const Seen* side : {&server, &client}) {
         for (size_t k = before; k < side->packets.size(); ++k)
             got[static_cast<uint8_t>(side->packets[k].at(3))].push_back(side->packets[k]);
@@ -479,8 +471,8 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     EXPECT_EQ(ch.Send(false, "ping"), IPC_STATUS_NOT_CONNECTED);
     EXPECT_EQ(ch.client->SendData(nullptr), IPC_STATUS_BAD_ARGUMENT);
 
-    // The server echoes from inside its callback; the client tries to reconnect
-    // inside its third delivery, then tears itself down there.
+    // The server echoes from inside its callback; the client tries to reconnect inside its third
+    // delivery, then tears itself down there.
     ch.serverEvents.onPacket = [&](const std::string& bytes) { ch.Send(true, bytes); };
     std::atomic<BR_STATUSCODE> connectInside{-1};
     ch.clientEvents.onPacket = [&](const std::string&) {
