@@ -2,6 +2,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <boost/thread/thread.hpp>
@@ -22,10 +23,10 @@ bool WaitForWaiters(const CSyncEvent& event, size_t count) {
 }
 
 // Waits and checks the result; a time-out takes its full time, anything else returns at once.
-void ExpectWait(uint32_t count, CSyncEvent* const* events, bool all, uint32_t timeoutMs,
-                uint32_t result) {
+void ExpectWait(std::vector<CSyncEvent*> events, bool all, uint32_t timeoutMs, uint32_t result) {
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(WaitForObjects(count, events, all, timeoutMs), result);
+    EXPECT_EQ(WaitForObjects(static_cast<uint32_t>(events.size()), events.data(), all, timeoutMs),
+              result);
     const long elapsed = ElapsedMs(start);
     if (result == kWaitTimeout && timeoutMs > 0) {
         EXPECT_GE(elapsed, static_cast<long>(timeoutMs) - 50);
@@ -37,40 +38,38 @@ void ExpectWait(uint32_t count, CSyncEvent* const* events, bool all, uint32_t ti
 
 TEST(SyncEventTest, ResetModesNullEntriesAndTimeOuts) {
     CSyncEvent manual(false), automatic(true);
-    CSyncEvent* m[] = {&manual};
-    CSyncEvent* a[] = {&automatic};
-    CSyncEvent* both[] = {&manual, &automatic};
-    CSyncEvent* withNull[] = {&manual, nullptr, &automatic};
-    ExpectWait(2, both, false, 200, kWaitTimeout);
+    const std::vector<CSyncEvent*> m = {&manual}, a = {&automatic}, both = {&manual, &automatic},
+                                   withNull = {&manual, nullptr, &automatic};
+    ExpectWait(both, false, 200, kWaitTimeout);
 
     // Manual reset stays signalled until reset; wait-all with one of two still times out.
     manual.SetEvent();
-    ExpectWait(1, m, false, 0, 0);
-    ExpectWait(1, m, false, 0, 0);
-    ExpectWait(2, both, true, 200, kWaitTimeout);
+    ExpectWait(m, false, 0, 0);
+    ExpectWait(m, false, 0, 0);
+    ExpectWait(both, true, 200, kWaitTimeout);
     manual.ResetEvent();
-    ExpectWait(1, m, false, 0, kWaitTimeout);
+    ExpectWait(m, false, 0, kWaitTimeout);
 
     // Auto reset: two signals with nobody waiting are one, taken by one wait; reset clears it.
     automatic.SetEvent();
     automatic.SetEvent();
-    ExpectWait(1, a, false, 0, 0);
-    ExpectWait(1, a, false, 0, kWaitTimeout);
+    ExpectWait(a, false, 0, 0);
+    ExpectWait(a, false, 0, kWaitTimeout);
     automatic.SetEvent();
     automatic.ResetEvent();
-    ExpectWait(1, a, false, 0, kWaitTimeout);
+    ExpectWait(a, false, 0, kWaitTimeout);
 
     // A null entry counts as signalled in index order; the auto-reset event after it is not taken.
     automatic.SetEvent();
-    ExpectWait(3, withNull, false, kWaitInfinite, 1);
+    ExpectWait(withNull, false, kWaitInfinite, 1);
     EXPECT_TRUE(automatic.IsSignalled());
     manual.SetEvent();
-    ExpectWait(3, withNull, false, 0, 0);
-    ExpectWait(3, withNull, true, 0, 0);
+    ExpectWait(withNull, false, 0, 0);
+    ExpectWait(withNull, true, 0, 0);
     EXPECT_FALSE(automatic.IsSignalled());  // taken by the wait-all
     // An empty or missing array is a failed wait, not an eternal one.
-    ExpectWait(0, withNull, false, kWaitInfinite, kWaitFailed);
-    ExpectWait(1, nullptr, false, kWaitInfinite, kWaitFailed);
+    EXPECT_EQ(WaitForObjects(0, withNull.data(), false, kWaitInfinite), kWaitFailed);
+    EXPECT_EQ(WaitForObjects(1, nullptr, false, kWaitInfinite), kWaitFailed);
     EXPECT_EQ(manual.GetWaiterCount() + automatic.GetWaiterCount(), 0u);
 }
 

@@ -347,23 +347,21 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     const std::vector<std::string> sent = {Payload(24, 1), Payload(600, 2), Payload(3000, 3)};
     const std::string& a = sent[1];
     const std::vector<Event> lost = {{kAgent, 0, 0}}, ended = {{kAgent, 5, 2}, {kAgent, 5, 0}};
+    const std::string tooLong = LE32(kIPCMaxFrameLength + 1) + "zz";
     const struct {
         const char* what;
         std::string bytes;  // then the raw server shuts its side, unless there are none
-        size_t step;        // bytes per send
+        bool trickled;      // one byte per send
         std::vector<Event> events;
         std::vector<std::string> packets;
     } cases[] = {
-        {"trickled", Hello(kAgent, 5) + Frame(sent[0]) + Frame(a) + Frame(sent[2]), 1, ended, sent},
-        {"oversize",
-         Hello(kAgent, 5) + Frame(a) + LE32(kIPCMaxFrameLength + 1) + "zz",
-         1 << 20,
-         ended,
-         {a}},
-        {"cut at close", Hello(kAgent, 5) + Frame(a) + Frame(a).substr(0, 60), 1 << 20, ended, {a}},
-        {"garbage record", "HTTP/1.1 200 OK\r\n\r\n", 1 << 20, lost, {}},
-        {"wrong identity", Hello(7, 5) + Frame(a), 1 << 20, lost, {}},
-        {"silent", "", 1, lost, {}},
+        {"trickled", Hello(kAgent, 5) + Frame(sent[0]) + Frame(a) + Frame(sent[2]), true, ended,
+         sent},
+        {"oversize", Hello(kAgent, 5) + Frame(a) + tooLong, false, ended, {a}},
+        {"cut at close", Hello(kAgent, 5) + Frame(a) + Frame(a).substr(0, 60), false, ended, {a}},
+        {"garbage record", "HTTP/1.1 200 OK\r\n\r\n", false, lost, {}},
+        {"wrong identity", Hello(7, 5) + Frame(a), false, lost, {}},
+        {"silent", "", false, lost, {}},
     };
     const int listener = RawListener();
     ASSERT_GE(listener, 0);
@@ -373,8 +371,9 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
         const auto start = Clock::now();
         auto client = MakeClient(events);
         const int fd = AcceptClient(listener, *client);
-        for (size_t at = 0; at < c.bytes.size(); at += c.step)
-            send(fd, c.bytes.data() + at, std::min(c.step, c.bytes.size() - at), MSG_NOSIGNAL);
+        const size_t step = c.trickled ? 1 : c.bytes.size();
+        for (size_t at = 0; at < c.bytes.size(); at += step)
+            send(fd, c.bytes.data() + at, std::min(step, c.bytes.size() - at), MSG_NOSIGNAL);
         if (!c.bytes.empty())
             shutdown(fd, SHUT_WR);
         EXPECT_TRUE(events.Wait(c.events.size()));
