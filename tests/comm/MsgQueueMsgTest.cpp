@@ -30,8 +30,7 @@ std::vector<uint8_t> WirePacket(uint32_t length, uint32_t id, const std::vector<
 std::vector<uint8_t> Wire(const MSG_QUEUE_MSG& message) {
     uint32_t size = 0;
     std::unique_ptr<uint8_t[]> packet = BuildPacket(&message, size);
-    return packet ? std::vector<uint8_t>(packet.get(), packet.get() + size)
-                  : std::vector<uint8_t>();
+    return {packet.get(), packet.get() + (packet ? size : 0)};
 }
 
 TEST_F(PacketTest, EveryIdHasItsNameAndOthersAreUnknown) {
