@@ -4,35 +4,12 @@
 #define TIDEWAY_TESTS_COMM_LATCH_H_
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <thread>
 
 #include <boost/thread/barrier.hpp>
 
 namespace comm_test {
-
-// A counter that others can wait on until it reaches a value.
-class Counter {
-  public:
-    void Add() {
-        std::lock_guard<std::mutex> guard(m_Mutex);
-        ++m_Value;
-        m_Cond.notify_all();
-    }
-    bool WaitAtLeast(int value, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Cond.wait_for(lock, timeout, [&] { return m_Value >= value; });
-    }
-    int Get() {
-        std::lock_guard<std::mutex> guard(m_Mutex);
-        return m_Value;
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Cond;
-    int m_Value = 0;
-};
 
 // A reusable meeting point for a fixed number of threads.
 using Barrier = boost::barrier;
@@ -40,6 +17,14 @@ using Barrier = boost::barrier;
 inline long ElapsedMs(std::chrono::steady_clock::time_point since) {
     using namespace std::chrono;
     return static_cast<long>(duration_cast<milliseconds>(steady_clock::now() - since).count());
+}
+
+// Polls until `ready` holds or `timeout` passes, for states that no thread announces.
+inline bool PollUntil(const std::function<bool()>& ready, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!ready() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    return ready();
 }
 
 }  // namespace comm_test

@@ -5,14 +5,15 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "Latch.h"
 #include "SyslogCapture.h"
 #include "comm/MsgQueue.h"
-#include "common/VNTrace.h"
 
 namespace {
 
@@ -105,22 +106,17 @@ TEST(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
     std::atomic<uint32_t> taken{0};
     std::vector<std::vector<uint32_t>> seen(kReaders);
     std::vector<std::thread> threads;
-    for (uint32_t r = 0; r < kReaders; ++r) {
-        threads.emplace_back([&, r] {
+    for (uint32_t t = 0; t < kReaders + kWriters; ++t) {
+        threads.emplace_back([&, t] {
             go.wait();
-            while (taken.load() < kAll) {
+            while (t < kReaders && taken.load() < kAll) {
                 if (std::unique_ptr<MSG_QUEUE_MSG> message = queue.GetMessage(true, 200)) {
                     ++taken;
-                    seen[r].push_back(ReadStamp(message.get()));
+                    seen[t].push_back(ReadStamp(message.get()));
                 }
             }
-        });
-    }
-    for (uint32_t w = 0; w < kWriters; ++w) {
-        threads.emplace_back([&, w] {
-            go.wait();
-            for (uint32_t i = 0; i < kPerWriter; ++i) {
-                MSG_QUEUE_MSG message = StampedMessage(w * kPerWriter + i);
+            for (uint32_t i = 0; t >= kReaders && i < kPerWriter; ++i) {
+                MSG_QUEUE_MSG message = StampedMessage((t - kReaders) * kPerWriter + i);
                 EXPECT_TRUE(queue.PutMessage(&message));
             }
         });
@@ -133,8 +129,7 @@ TEST(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
         std::vector<int64_t> last(kWriters, -1);
         for (uint32_t stamp : list) {
             ASSERT_LT(stamp, kAll);
-            ASSERT_GT(static_cast<int64_t>(stamp), last[stamp / kPerWriter]);
-            last[stamp / kPerWriter] = stamp;
+            ASSERT_GT(static_cast<int64_t>(stamp), std::exchange(last[stamp / kPerWriter], stamp));
             ++count[stamp];
         }
     }
@@ -142,9 +137,7 @@ TEST(MsgQueueTest, SeveralWritersKeepTheirOrderAndNothingIsLostOrDoubled) {
 }
 
 TEST(MsgQueueTest, CopyThatCannotBeMadeIsRefusedWithItsLine) {
-    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
-                      10000, 100, 1, 0, 60);
-    syslog_capture::Clear();
+    ApiTraceOn trace;
     // A record claiming more data than can be allocated is refused, not queued without data.
     CMsgQueue queue("VN$COMM$SENDER");
     MSG_QUEUE_MSG message(COMM_MSG_CONFIG_DATA, 0, 1, 0);

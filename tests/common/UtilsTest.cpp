@@ -1,6 +1,5 @@
 #include "common/Utils.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,24 +13,19 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 #include "TestEnv.h"
-#include "common/VNTrace.h"
 
 namespace {
 
 TEST(Utils, StringEdgesCompareTrimAndBoundedCopies) {
     // Only A-Z fold: bytes 32 apart like '[' and '{' or Latin-1 umlauts do not; NUL is a byte.
-    const struct {
-        std::string a, b;
-        int result;
-    } compares[] = {{"Tower", "tOWER", 0},
-                    {"Towers", "Tower", -1},
-                    {"[", "{", -1},
-                    {"\xC4", "\xE4", -1},
-                    {std::string("a\0b", 3), std::string("a\0c", 3), -1}};
-    for (const auto& c : compares)
-        EXPECT_EQ(CompareNoCase(c.a, c.b), c.result) << c.a << " / " << c.b;
+    EXPECT_EQ(CompareNoCase("Tower", "tOWER"), 0);
+    const std::pair<std::string, std::string> lower[] = {
+        {"Towers", "Tower"}, {"[", "{"}, {"\xC4", "\xE4"}, {{"a\0b", 3}, {"a\0c", 3}}};
+    for (const auto& [a, b] : lower)
+        EXPECT_EQ(CompareNoCase(a, b), -1) << a << " / " << b;
 
     // A text made only of trimmed bytes is left alone.
     const struct {
@@ -48,8 +42,7 @@ TEST(Utils, StringEdgesCompareTrimAndBoundedCopies) {
     }
 
     // Too long (eight characters need nine bytes) is refused with nothing written.
-    char destination[8];
-    memset(destination, '#', sizeof(destination));
+    char destination[8] = {'#', '#', '#', '#', '#', '#', '#', '#'};
     EXPECT_EQ(strcpy_s(destination, 8, "12345678"), 34);
     EXPECT_EQ(std::string(destination, 8), "########");
     EXPECT_EQ(strcpy_s(destination, 8, "1234567"), 0);
@@ -98,9 +91,7 @@ TEST(Utils, AppDataRootMovesForTestsAndReadsAreNeverTorn) {
 }
 
 TEST(Utils, FileExistsAndDeleteIfExistsWithItsLogLine) {
-    g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true, 10,
-                      10000, 100, 1, 0, 60);
-    syslog_capture::Clear();
+    ApiTraceOn trace;
     TempRoot root;
     const std::string dir = root.path(), file = dir + "/profile.config", busy = dir + "/busy";
     ASSERT_EQ(mkdir(busy.c_str(), 0755), 0);

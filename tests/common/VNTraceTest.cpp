@@ -7,18 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 
 namespace {
 
 // Each test sets the mask it needs on the process-wide trace object.
-class TraceTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        syslog_capture::Clear();
-    }
+struct TraceTest : ::testing::Test {
+    ApiTraceOn trace;
 };
 
 int g_evaluations = 0;
@@ -74,7 +70,9 @@ TEST_F(TraceTest, WithoutTraceObjectOnlyErrorsReachTheLogDirectly) {
 
 TEST(TraceObject, ClampBeforeInitialisationAndInitTraceOnlyOnce) {
     CVNFileTrace trace;
-    const struct { uint32_t given, mask; } clamps[] = {{0xFFFF, 0x7FFF}, {0x8000, 0x6}, {0x1001, 0x1007}};
+    const struct {
+        uint32_t given, mask;
+    } clamps[] = {{0xFFFF, 0x7FFF}, {0x8000, 0x6}, {0x1001, 0x1007}};
     for (const auto& c : clamps) {
         trace.SetDebugLevel(c.given);
         EXPECT_EQ(trace.GetLevelMask(), c.mask) << c.given;

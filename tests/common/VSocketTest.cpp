@@ -7,12 +7,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "ApiTrace.h"
 #include "SyslogCapture.h"
 #include "common/VNTrace.h"
 
@@ -43,14 +43,13 @@ class FdSocket : public CDnVSocket {
     int32_t chunk = 1 << 20;
 };
 
-// `socket` reads what the test writes on `peer`; Close shuts the peer's side.
+// `socket` reads what the test writes on `peer`; Close shuts the peer's side. A failed
+// socketpair leaves both at -1, and every check after it fails.
 struct Pair {
-    Pair() {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        socket = std::make_unique<FdSocket>(fds[0]);
-        peer = fds[1];
-    }
+    int fds[2] = {-1, -1};
+    int made = socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+    FdSocket socket{fds[0]};
+    int peer = fds[1];
     ~Pair() { close(peer); }
     void Write(const std::string& bytes, bool thenClose = false) const {
         ASSERT_EQ(send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
@@ -60,23 +59,16 @@ struct Pair {
     std::string Drain() {
         std::string bytes;
         char block[512];
-        for (int32_t n; (n = socket->Read(block, sizeof(block))) > 0;)
+        for (int32_t n; (n = socket.Read(block, sizeof(block))) > 0;)
             bytes.append(block, static_cast<size_t>(n));
         return bytes;
     }
-    std::unique_ptr<FdSocket> socket;
-    int peer = -1;
 };
 
-class VSocket : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_Trace.InitTrace(kTraceIdent, "/tmp", "TidewayAPI.log", 2, kDefaultTraceMask, false, true,
-                          10, 10000, 100, 1, 0, 60);
-        g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_BRIDGE));
-        syslog_capture::Clear();
-    }
-    void TearDown() override { g_Trace.SetLevelMask(kDefaultTraceMask); }
+// With the BRIDGE level on, for the time-out line.
+struct VSocket : ::testing::Test {
+    VSocket() { g_Trace.SetLevelMask(kDefaultTraceMask | (1u << TL_BRIDGE)); }
+    ApiTraceOn trace;
 };
 
 TEST_F(VSocket, ReceiveLineAcrossReadsLongLinesAndCloseMidLine) {
@@ -96,19 +88,19 @@ TEST_F(VSocket, ReceiveLineAcrossReadsLongLinesAndCloseMidLine) {
         SCOPED_TRACE(c.sent.substr(0, 16));
         syslog_capture::Clear();
         Pair pair;
-        pair.socket->chunk = c.chunk;
+        pair.socket.chunk = c.chunk;
         pair.Write(c.sent, true);
         for (const auto& expected : c.lines) {
             std::string line = "stale";
-            EXPECT_EQ(pair.socket->ReceiveLine(line), 0);
+            EXPECT_EQ(pair.socket.ReceiveLine(line), 0);
             EXPECT_EQ(line, expected);
         }
         std::string line = "untouched";
-        EXPECT_EQ(pair.socket->ReceiveLine(line), 1);
+        EXPECT_EQ(pair.socket.ReceiveLine(line), 1);
         EXPECT_EQ(line, "untouched");
         EXPECT_EQ(syslog_capture::Texts(),
                   std::vector<std::string>{"Socket : Received close in ReceiveLine\n"});
-        EXPECT_EQ(pair.socket->BytesAvailable(), static_cast<int32_t>(c.leftOver.size()));
+        EXPECT_EQ(pair.socket.BytesAvailable(), static_cast<int32_t>(c.leftOver.size()));
         EXPECT_EQ(pair.Drain(), c.leftOver);
     }
 }
@@ -120,10 +112,10 @@ TEST_F(VSocket, PeekLineKeepsTheLineTimesOutWithBridgeLineAndFlushesIntoSecondSo
         const std::string header = "CONNECT host:443 HTTP/1.1\r\nHost: x\r\n\r\n";
         pair.Write(header + "body", true);
         for (int i = 0; i < 2; ++i)
-            EXPECT_EQ(pair.socket->PeekLine(8, 1000, nullptr), "CONNECT host:443 HTTP/1.1\r\n");
-        EXPECT_EQ(pair.socket->BytesAvailable(), 32);
+            EXPECT_EQ(pair.socket.PeekLine(8, 1000, nullptr), "CONNECT host:443 HTTP/1.1\r\n");
+        EXPECT_EQ(pair.socket.BytesAvailable(), 32);
         std::string read;
-        EXPECT_EQ(pair.socket->ReadHeader(read), 0);
+        EXPECT_EQ(pair.socket.ReadHeader(read), 0);
         EXPECT_EQ(read, header);
         EXPECT_EQ(pair.Drain(), "body");
     }
@@ -132,29 +124,29 @@ TEST_F(VSocket, PeekLineKeepsTheLineTimesOutWithBridgeLineAndFlushesIntoSecondSo
         Pair pair;
         pair.Write("GET /partial");
         const Clock::time_point start = Clock::now();
-        EXPECT_EQ(pair.socket->PeekLine(1024, 200, nullptr), "GET /partial");
+        EXPECT_EQ(pair.socket.PeekLine(1024, 200, nullptr), "GET /partial");
         EXPECT_GE(ElapsedMs(start), 150);
         EXPECT_LE(ElapsedMs(start), 1500);
         EXPECT_EQ(
             syslog_capture::Texts(),
             std::vector<std::string>{"Socket : Timed out in PeekLine. Line : GET /partial\n"});
         pair.Write("more\n", true);
-        EXPECT_EQ(pair.socket->PeekLine(1024, 5000, nullptr), "GET /partialmore\n");
+        EXPECT_EQ(pair.socket.PeekLine(1024, 5000, nullptr), "GET /partialmore\n");
     }
     {
         // The bridge hands every byte read so far to a second socket; on a failed send they stay.
         Pair client, upstream;
         const std::string request = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
         client.Write(request, true);
-        EXPECT_EQ(client.socket->PeekLine(1024, 1000, nullptr), "GET / HTTP/1.1\r\n");
-        EXPECT_EQ(client.socket->FlushBuffer(upstream.socket.get(), 0, 0), int32_t(request.size()));
-        EXPECT_EQ(client.socket->FlushBuffer(upstream.socket.get(), 0, 0), 0);
+        EXPECT_EQ(client.socket.PeekLine(1024, 1000, nullptr), "GET / HTTP/1.1\r\n");
+        EXPECT_EQ(client.socket.FlushBuffer(&upstream.socket, 0, 0), int32_t(request.size()));
+        EXPECT_EQ(client.socket.FlushBuffer(&upstream.socket, 0, 0), 0);
         std::string received(request.size() + 1, '\0');
         EXPECT_EQ(recv(upstream.peer, &received[0], received.size(), 0), ssize_t(request.size()));
         EXPECT_EQ(received.substr(0, request.size()), request);
-        shutdown(upstream.socket->GetHandle(), SHUT_WR);  // its next send fails
-        EXPECT_TRUE(client.socket->PushBack("kept", 4));
-        EXPECT_EQ(client.socket->FlushBuffer(upstream.socket.get(), 0, 0), -1);
+        shutdown(upstream.socket.GetHandle(), SHUT_WR);  // its next send fails
+        EXPECT_TRUE(client.socket.PushBack("kept", 4));
+        EXPECT_EQ(client.socket.FlushBuffer(&upstream.socket, 0, 0), -1);
         EXPECT_EQ(client.Drain(), "kept");
     }
 }
@@ -173,20 +165,19 @@ TEST_F(VSocket, ReadHeaderStopsAtTheFirstEmptyLineAndWaitReportsItsTimeOut) {
         Pair pair;
         pair.Write(c.sent, true);
         std::string header = "stale";
-        EXPECT_EQ(pair.socket->ReadHeader(header), c.result) << c.sent;
+        EXPECT_EQ(pair.socket.ReadHeader(header), c.result) << c.sent;
         EXPECT_EQ(header, c.header);
         EXPECT_EQ(pair.Drain(), c.result == 0 ? "BODY" : "");
     }
 
     Pair pair;
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(pair.socket->WaitForSocket(pair.socket->GetHandle(), 1, 0, 200000), 60);
+    EXPECT_EQ(pair.socket.WaitForSocket(pair.socket.GetHandle(), 1, 0, 200000), 60);
     EXPECT_GE(ElapsedMs(start), 150);
     pair.Write("x");
-    EXPECT_EQ(pair.socket->WaitForSocket(pair.socket->GetHandle(), 1, 5, 0), 0);
-    std::string address;
-    EXPECT_EQ(pair.socket->GetPeerAddress(address),
-              EAFNOSUPPORT);  // not IPv4: refused
+    EXPECT_EQ(pair.socket.WaitForSocket(pair.socket.GetHandle(), 1, 5, 0), 0);
+    std::string address;  // not IPv4: refused
+    EXPECT_EQ(pair.socket.GetPeerAddress(address), EAFNOSUPPORT);
 }
 
 }  // namespace

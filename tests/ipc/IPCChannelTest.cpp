@@ -45,14 +45,20 @@ struct Root : TempRoot {
     ~Root() { ipc::SetSendTimeoutForTesting(0), ipc::SetHandshakeTimeoutForTesting(0); }
 };
 
-// Records what a client or server reports; once `closed` is set, callbacks count as late.
+// What a client or server reported, in order.
+struct Seen {
+    std::vector<Event> events;
+    std::vector<std::string> packets;
+    std::vector<uint16_t> sessions;  // one per packet
+};
+
+// Records what a client or server reports.
 class Recorder : public IIPCServerCallback {
   public:
     void OnPeerStateChanged(uint32_t peer, uint32_t session, uint32_t state) override {
-        const Event event{peer, session, state};
-        Add([&] { m_Events.push_back(event); });
+        Add([&] { m_Seen.events.push_back({peer, session, state}); });
         if (onEvent)
-            onEvent(event);
+            onEvent();
     }
     void OnReqMsgRecv(IPCBuffer* buffer) override { OnReqMsgRecvFrom(0, buffer); }
     void OnRespMsgRecv(IPCBuffer*) override {}
@@ -60,49 +66,37 @@ class Recorder : public IIPCServerCallback {
         std::string bytes(static_cast<const char*>(buffer->m_pData), buffer->m_Length);
         if (buffer->m_Kind != kIPCBufferKindRequest)
             bytes = "wrong kind";
-        Add([&] { m_Packets.push_back(bytes), m_Sessions.push_back(session); });
+        Add([&] { m_Seen.packets.push_back(bytes), m_Seen.sessions.push_back(session); });
         if (onPacket)
-            onPacket(session, bytes);
+            onPacket(bytes);
     }
-    bool WaitEvents(size_t n) {
-        return WaitUntil([&] { return m_Events.size() >= n; });
+    // Waits up to 5 s until at least `events` events and `packets` packets came in.
+    bool Wait(size_t events, size_t packets = 0) {
+        std::unique_lock<std::mutex> lock(m_Lock);
+        return m_Changed.wait_for(lock, 5s, [&] {
+            return m_Seen.events.size() >= events && m_Seen.packets.size() >= packets;
+        });
     }
-    bool WaitPackets(size_t n) {
-        return WaitUntil([&] { return m_Packets.size() >= n; });
+    Seen Now() {
+        std::lock_guard<std::mutex> guard(m_Lock);
+        return m_Seen;
     }
-    std::vector<Event> Events() { return Copy(m_Events); }
-    std::vector<std::string> Packets() { return Copy(m_Packets); }
-    std::vector<uint16_t> PacketSessions() { return Copy(m_Sessions); }
 
-    std::function<void(uint16_t session, const std::string& bytes)> onPacket;
-    std::function<void(const Event&)> onEvent;
-    std::atomic<bool> closed{false};
-    std::atomic<int> callsAfterClose{0};
+    std::function<void(const std::string& bytes)> onPacket;
+    std::function<void()> onEvent;
 
   private:
     void Add(const std::function<void()>& change) {
-        callsAfterClose += closed ? 1 : 0;
         {
             std::lock_guard<std::mutex> guard(m_Lock);
             change();
         }
         m_Changed.notify_all();
     }
-    bool WaitUntil(const std::function<bool()>& ready) {
-        std::unique_lock<std::mutex> lock(m_Lock);
-        return m_Changed.wait_for(lock, 5s, ready);
-    }
-    template <class T>
-    T Copy(const T& member) {
-        std::lock_guard<std::mutex> guard(m_Lock);
-        return member;
-    }
 
     std::mutex m_Lock;
     std::condition_variable m_Changed;
-    std::vector<Event> m_Events;
-    std::vector<std::string> m_Packets;
-    std::vector<uint16_t> m_Sessions;
+    Seen m_Seen;
 };
 
 std::string LE32(uint32_t v) {
@@ -150,22 +144,16 @@ std::unique_ptr<IIPCServer> MakeServer(Recorder& events) {
     return server;
 }
 
-sockaddr_un AddressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
-// A raw server socket on the port's path, for servers that do what the library never does; reads on
-// its connections give up after 5 s.
+// A raw server socket on the port's path, for servers that do what the library never does; accept
+// gives up after 5 s.
 int RawListener() {
     const std::string path = ipc::SocketPathForPort(kPort);
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval limit{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    const sockaddr_un a = AddressOf(path);
+    sockaddr_un a{AF_UNIX, {}};
+    strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof(a)) == 0 && listen(fd, 4) == 0)
         return fd;
     close(fd);
@@ -182,17 +170,6 @@ int AcceptClient(int listener, IIPCClient& client) {
     return fd;
 }
 
-bool WriteBytes(int fd, const std::string& bytes, bool oneAtATime = false) {
-    for (size_t at = 0; at < bytes.size();) {
-        const ssize_t sent =
-            send(fd, bytes.data() + at, oneAtATime ? 1 : bytes.size() - at, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        at += static_cast<size_t>(sent);
-    }
-    return true;
-}
-
 // A library server and client on a fresh root. The objects are declared after their recorders, so
 // they are destroyed (and torn down) first.
 struct Channel {
@@ -203,23 +180,18 @@ struct Channel {
     uint16_t session = 0;
 
     ::testing::AssertionResult Connect() {
-        if (server->Listen() != IPC_STATUS_OK)
-            return ::testing::AssertionFailure() << "Listen";
-        return Reconnect();
+        return server->Listen() == IPC_STATUS_OK ? Reconnect() : ::testing::AssertionFailure();
     }
-    // Connects and checks that both sides report state 2 with the same session.
+    // Connects and checks that both sides report state 2 with the same non-zero session.
     ::testing::AssertionResult Reconnect() {
-        const size_t clientSeen = clientEvents.Events().size();
-        const size_t serverSeen = serverEvents.Events().size();
-        if (client->ConnectAsync(kAgent, 0, 5, kPort) != IPC_STATUS_OK)
-            return ::testing::AssertionFailure() << "ConnectAsync";
-        if (!clientEvents.WaitEvents(clientSeen + 1) || !serverEvents.WaitEvents(serverSeen + 1))
-            return ::testing::AssertionFailure() << "no state-2 events";
-        const Event c = clientEvents.Events()[clientSeen];
-        const Event s = serverEvents.Events()[serverSeen];
+        const size_t n = clientEvents.Now().events.size(), m = serverEvents.Now().events.size();
+        if (client->ConnectAsync(kAgent, 0, 5, kPort) != IPC_STATUS_OK ||
+            !clientEvents.Wait(n + 1) || !serverEvents.Wait(m + 1))
+            return ::testing::AssertionFailure() << "not connected";
+        const Event c = clientEvents.Now().events[n], s = serverEvents.Now().events[m];
+        session = static_cast<uint16_t>(c[1]);
         if (c != Event{kAgent, s[1], 2} || s != Event{kModule, c[1], 2} || c[1] == 0)
             return ::testing::AssertionFailure() << "sessions differ or are 0";
-        session = static_cast<uint16_t>(c[1]);
         return ::testing::AssertionSuccess();
     }
     BR_STATUSCODE Send(bool fromServer, const std::string& bytes) {
@@ -241,44 +213,42 @@ TEST(IPCChannel, DeliversWholePacketsInOrderBothWaysAlsoFromConcurrentSenders) {
     const std::string tooBig(kIPCMaxFrameLength + 1, 'x');
     EXPECT_EQ(ch.Send(false, tooBig), IPC_STATUS_TOO_LARGE);
     EXPECT_EQ(ch.Send(true, tooBig), IPC_STATUS_TOO_LARGE);
-    ASSERT_TRUE(ch.serverEvents.WaitPackets(sent.size()));
-    ASSERT_TRUE(ch.clientEvents.WaitPackets(sent.size()));
-    EXPECT_EQ(ch.serverEvents.Packets(), sent);
-    EXPECT_EQ(ch.clientEvents.Packets(), sent);
+    for (Recorder* side : {&ch.serverEvents, &ch.clientEvents}) {
+        ASSERT_TRUE(side->Wait(0, sent.size()));
+        EXPECT_EQ(side->Now().packets, sent);
+    }
 
     // Bursts from two client threads and the server at once. Sizes up to 300 KiB fill the socket,
     // so that sends are partial and a sender without the connection's lock would interleave its
     // bytes with another's.
     constexpr uint32_t kEach = 1000;
     auto sizeOf = [](uint32_t i) { return 24 + (i * 7919) % (i % 10 == 0 ? 300000 : 2000); };
+    std::map<uint32_t, std::vector<std::string>> want, got;  // by sender
     std::atomic<int> failures{0};
     auto pump = [&](uint32_t who, bool fromServer) {
         for (uint32_t i = 0; i < kEach; ++i)
             failures += ch.Send(fromServer, Payload(sizeOf(i), (who << 24) | i)) != IPC_STATUS_OK;
     };
+    for (uint32_t who = 1; who <= 3; ++who) {
+        for (uint32_t i = 0; i < kEach; ++i)
+            want[who].push_back(Payload(sizeOf(i), (who << 24) | i));
+    }
     std::thread a(pump, 1, false), b(pump, 2, false), c(pump, 3, true);
     a.join();
     b.join();
     c.join();
     EXPECT_EQ(failures, 0);
     const size_t before = sent.size();
-    ASSERT_TRUE(ch.serverEvents.WaitPackets(before + 2 * kEach));
-    ASSERT_TRUE(ch.clientEvents.WaitPackets(before + kEach));
-    EXPECT_EQ(ch.serverEvents.PacketSessions(),
-              std::vector<uint16_t>(before + 2 * kEach, ch.session));
+    ASSERT_TRUE(ch.serverEvents.Wait(0, before + 2 * kEach));
+    ASSERT_TRUE(ch.clientEvents.Wait(0, before + kEach));
+    const Seen server = ch.serverEvents.Now(), client = ch.clientEvents.Now();
+    EXPECT_EQ(server.sessions, std::vector<uint16_t>(before + 2 * kEach, ch.session));
     // Each sender's packets arrive whole and in its own order; the senders may interleave.
-    std::map<uint32_t, uint32_t> next;
-    for (const auto& packets : {ch.serverEvents.Packets(), ch.clientEvents.Packets()}) {
-        for (size_t k = before; k < packets.size(); ++k) {
-            ASSERT_GE(packets[k].size(), 4u);
-            uint32_t tag = 0;
-            memcpy(&tag, packets[k].data(), 4);
-            const uint32_t who = tag >> 24, i = tag & 0xffffff;
-            ASSERT_EQ(i, next[who]++) << "sender " << who;
-            ASSERT_EQ(packets[k], Payload(sizeOf(i), tag));
-        }
+    for (const Seen* side : {&server, &client}) {
+        for (size_t k = before; k < side->packets.size(); ++k)
+            got[static_cast<uint8_t>(side->packets[k].at(3))].push_back(side->packets[k]);
     }
-    EXPECT_EQ(next, (std::map<uint32_t, uint32_t>{{1, kEach}, {2, kEach}, {3, kEach}}));
+    EXPECT_TRUE(got == want) << "a sender's packets were lost, torn or reordered";
 }
 
 TEST(IPCChannel, ConnectsOnlyToALiveServerAndEachConnectionEndsWithOneClosedEvent) {
@@ -297,8 +267,8 @@ TEST(IPCChannel, ConnectsOnlyToALiveServerAndEachConnectionEndsWithOneClosedEven
 
     // The server drops the client: one state 0 on each side, then nothing can be sent.
     ASSERT_EQ(ch.server->DisconnectPeer(first), IPC_STATUS_OK);
-    ASSERT_TRUE(ch.clientEvents.WaitEvents(2));
-    ASSERT_TRUE(ch.serverEvents.WaitEvents(2));
+    ASSERT_TRUE(ch.clientEvents.Wait(2));
+    ASSERT_TRUE(ch.serverEvents.Wait(2));
     EXPECT_NE(ch.Send(false, "ping"), IPC_STATUS_OK);
     EXPECT_EQ(ch.Send(true, "ping"), IPC_STATUS_NO_SESSION);
 
@@ -308,48 +278,22 @@ TEST(IPCChannel, ConnectsOnlyToALiveServerAndEachConnectionEndsWithOneClosedEven
     EXPECT_NE(second, first);
     ch.server->TearDown();
     EXPECT_FALSE(std::filesystem::exists(ipc::SocketPathForPort(kPort)));
-    ASSERT_TRUE(ch.clientEvents.WaitEvents(4));
+    ASSERT_TRUE(ch.clientEvents.Wait(4));
     EXPECT_EQ(
-        ch.clientEvents.Events(),
+        ch.clientEvents.Now().events,
         (std::vector<Event>{
             {kAgent, first, 2}, {kAgent, first, 0}, {kAgent, second, 2}, {kAgent, second, 0}}));
-    EXPECT_EQ(ch.serverEvents.Events(),
+    EXPECT_EQ(ch.serverEvents.Now().events,
               (std::vector<Event>{{kModule, first, 2}, {kModule, first, 0}, {kModule, second, 2}}));
 }
 
-TEST(IPCChannel, NoCallbackRunsAfterTearDownReturnsUnderAStreamOfPackets) {
-    for (int round = 0; round < 60; ++round) {
-        SCOPED_TRACE(round);
-        Channel ch;
-        ASSERT_TRUE(ch.Connect());
-        // Rounds end differently: the client torn down, the client deleted, the server torn down.
-        const int way = round % 3;
-        std::atomic<bool> pumping{true};
-        std::thread pump([&] {
-            const std::string bytes = Payload(64 + 10 * round, round);
-            while (pumping)
-                ch.Send(way != 2, bytes);
-        });
-        Recorder& receiver = way == 2 ? ch.serverEvents : ch.clientEvents;
-        Recorder& survivor = way == 2 ? ch.clientEvents : ch.serverEvents;
-        ASSERT_TRUE(receiver.WaitPackets(1 + (round % 7) * 20));
-        if (way == 1)
-            ch.client.reset();
-        else
-            way == 0 ? ch.client->TearDown() : ch.server->TearDown();
-        receiver.closed = true;
-        EXPECT_TRUE(survivor.WaitEvents(2));  // the other side saw the connection end
-        pumping = false;
-        pump.join();
-        EXPECT_EQ(receiver.callsAfterClose, 0);
-    }
-
-    // A callback still running when TearDown is called holds TearDown until it returns.
+// A callback still running when TearDown is called holds TearDown until it returns.
+TEST(IPCChannel, TearDownWaitsForTheRunningCallback) {
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
     std::atomic<bool> callbackDone{false};
     Channel ch;
-    ch.clientEvents.onPacket = [&](uint16_t, const std::string&) {
+    ch.clientEvents.onPacket = [&](const std::string&) {
         entered.set_value();
         released.wait();
         callbackDone = true;
@@ -374,20 +318,17 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     const std::vector<std::string> sent = {Payload(24, 1), Payload(600, 2), Payload(3000, 3)};
     const std::string& a = sent[1];
     const std::vector<Event> lost = {{kAgent, 0, 0}}, ended = {{kAgent, 5, 2}, {kAgent, 5, 0}};
+    const std::string tooLong = LE32(kIPCMaxFrameLength + 1) + "zz";
     const struct {
         const char* what;
         std::string bytes;  // then the raw server shuts its side, unless there are none
-        bool oneAtATime;
+        bool trickled;      // one byte per send
         std::vector<Event> events;
         std::vector<std::string> packets;
     } cases[] = {
         {"trickled", Hello(kAgent, 5) + Frame(sent[0]) + Frame(a) + Frame(sent[2]), true, ended,
          sent},
-        {"oversize",
-         Hello(kAgent, 5) + Frame(a) + LE32(kIPCMaxFrameLength + 1) + "zz",
-         false,
-         ended,
-         {a}},
+        {"oversize", Hello(kAgent, 5) + Frame(a) + tooLong, false, ended, {a}},
         {"cut at close", Hello(kAgent, 5) + Frame(a) + Frame(a).substr(0, 60), false, ended, {a}},
         {"garbage record", "HTTP/1.1 200 OK\r\n\r\n", false, lost, {}},
         {"wrong identity", Hello(7, 5) + Frame(a), false, lost, {}},
@@ -401,15 +342,16 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
         const auto start = Clock::now();
         auto client = MakeClient(events);
         const int fd = AcceptClient(listener, *client);
-        if (!c.bytes.empty()) {
-            WriteBytes(fd, c.bytes, c.oneAtATime);
+        const size_t step = c.trickled ? 1 : c.bytes.size();
+        for (size_t at = 0; at < c.bytes.size(); at += step)
+            send(fd, c.bytes.data() + at, std::min(step, c.bytes.size() - at), MSG_NOSIGNAL);
+        if (!c.bytes.empty())
             shutdown(fd, SHUT_WR);
-        }
-        EXPECT_TRUE(events.WaitEvents(c.events.size()));
+        EXPECT_TRUE(events.Wait(c.events.size()));
         client->TearDown();
         close(fd);
-        EXPECT_EQ(events.Events(), c.events);
-        EXPECT_EQ(events.Packets(), c.packets);
+        EXPECT_EQ(events.Now().events, c.events);
+        EXPECT_EQ(events.Now().packets, c.packets);
         if (c.bytes.empty()) {
             EXPECT_GE(MillisSince(start), 150);
             EXPECT_LE(MillisSince(start), 1500);
@@ -423,8 +365,8 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     Recorder events;
     auto client = MakeClient(events);
     const int rawServer = AcceptClient(listener, *client);
-    ASSERT_TRUE(WriteBytes(rawServer, Hello(kAgent, 3)));
-    ASSERT_TRUE(events.WaitEvents(1));
+    ASSERT_EQ(send(rawServer, Hello(kAgent, 3).data(), 12, MSG_NOSIGNAL), 12);
+    ASSERT_TRUE(events.Wait(1));
     const std::string big(kIPCMaxFrameLength, 'b');
     IPCBuffer buffer = BufferOf(big);
     BR_STATUSCODE status = IPC_STATUS_OK;
@@ -437,11 +379,10 @@ TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartial
     EXPECT_EQ(status, IPC_STATUS_TIMEOUT);
     EXPECT_GE(ms, 250);
     EXPECT_LE(ms, 3000);
-    ASSERT_TRUE(events.WaitEvents(2));
-    EXPECT_EQ(events.Events()[1], (Event{kAgent, 3, 0}));
+    ASSERT_TRUE(events.Wait(2));
     EXPECT_NE(client->SendData(&buffer), IPC_STATUS_OK);
     client->TearDown();
-    EXPECT_EQ(events.Events().size(), 2u);
+    EXPECT_EQ(events.Now().events, (std::vector<Event>{{kAgent, 3, 2}, {kAgent, 3, 0}}));
     close(rawServer);
     close(listener);
 }
@@ -456,26 +397,22 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     std::filesystem::create_directories(directory.parent_path());
     ASSERT_EQ(chown(directory.parent_path().c_str(), nobody->pw_uid, nobody->pw_gid), 0);
-    const sockaddr_un address = AddressOf(path);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
 
+    // The impostor, as nobody (this process has no other thread here); exits 0 if even the
+    // client's handshake did not reach it: the client must close without a byte.
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        // The impostor, as nobody, with plain system calls only; exits 0 if it received nothing.
         if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0)
             _exit(2);
-        mkdir(directory.c_str(), 0755);
-        const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            listen(listener, 1) != 0 || write(ready[1], "1", 1) != 1)
+        const int listener = RawListener();
+        if (listener < 0 || write(ready[1], "1", 1) != 1)
             _exit(3);
-        const timeval limit{5, 0};
-        setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
         const int fd = accept(listener, nullptr, nullptr);
+        const timeval limit{5, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        // Even the client's handshake must not reach it: the client closes without a byte.
         char byte = 0;
         _exit(fd < 0 ? 4 : recv(fd, &byte, 1, 0) > 0 ? 5 : 0);
     }
@@ -495,7 +432,7 @@ TEST(IPCChannel, RefusesAServerRunningAsAnotherUser) {
                                               ": it runs as uid " + std::to_string(nobody->pw_uid)),
               1u);
     client->TearDown();
-    EXPECT_TRUE(events.Events().empty());
+    EXPECT_TRUE(events.Now().events.empty());
 }
 
 TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
@@ -506,10 +443,10 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
 
     // The server echoes from inside its callback; the client tries to reconnect inside its third
     // delivery, then tears itself down there.
-    ch.serverEvents.onPacket = [&](uint16_t, const std::string& bytes) { ch.Send(true, bytes); };
+    ch.serverEvents.onPacket = [&](const std::string& bytes) { ch.Send(true, bytes); };
     std::atomic<BR_STATUSCODE> connectInside{-1};
-    ch.clientEvents.onPacket = [&](uint16_t, const std::string&) {
-        if (ch.clientEvents.Packets().size() == 3) {
+    ch.clientEvents.onPacket = [&](const std::string&) {
+        if (ch.clientEvents.Now().packets.size() == 3) {
             connectInside = ch.client->ConnectAsync(kAgent, 0, 5, kPort);
             ch.client->TearDown();
         }
@@ -517,24 +454,24 @@ TEST(IPCChannel, CallbacksMaySendAndTearDownButNotConnect) {
     ASSERT_TRUE(ch.Connect());
     for (int i = 0; i < 10; ++i)
         ch.Send(false, "ping");
-    ASSERT_TRUE(ch.serverEvents.WaitEvents(2));  // the client's end, seen by the server
+    ASSERT_TRUE(ch.serverEvents.Wait(2));  // the client's end, seen by the server
     EXPECT_EQ(connectInside, IPC_STATUS_WRONG_THREAD);
-    EXPECT_EQ(ch.clientEvents.Packets().size(), 3u);
-    EXPECT_EQ(ch.clientEvents.Events().size(), 1u);  // torn down: no state 0
+    EXPECT_EQ(ch.clientEvents.Now().packets.size(), 3u);
+    EXPECT_EQ(ch.clientEvents.Now().events.size(), 1u);  // torn down: no state 0
 
     // A client deleted inside its own callback ends without touching the freed object.
     Recorder doomedEvents;
     IIPCClient* doomed = MakeClient(doomedEvents).release();
     std::promise<void> deleted;
-    doomedEvents.onEvent = [&](const Event&) {
+    doomedEvents.onEvent = [&] {
         delete doomed;
         deleted.set_value();  // the recorder is not touched after this
     };
     ASSERT_EQ(doomed->ConnectAsync(kAgent, 0, 5, kPort), IPC_STATUS_OK);
-    ASSERT_TRUE(ch.serverEvents.WaitEvents(4));  // its arrival and its end, seen by the server
+    ASSERT_TRUE(ch.serverEvents.Wait(4));  // its arrival and its end, seen by the server
     EXPECT_EQ(deleted.get_future().wait_for(5s), std::future_status::ready);
-    EXPECT_EQ(ch.serverEvents.Events()[3][2], 0u);
-    EXPECT_EQ(doomedEvents.Events().size(), 1u);
+    EXPECT_EQ(ch.serverEvents.Now().events[3][2], 0u);
+    EXPECT_EQ(doomedEvents.Now().events.size(), 1u);
 }
 
 }  // namespace
