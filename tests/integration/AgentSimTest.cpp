@@ -49,33 +49,29 @@ TEST(AgentSimulator, AnswersRequestsStreamsStatisticsAndTakesControlLines) {
 
     // Commands and control lines with what each sends (proxy, activate: through the API in
     // api_conversation_test); bad lines send nothing.
+    const uint32_t kState = COMM_MSG_ICON_APLUS_STATE, kStarted = COMM_MSG_SRVC_STARTED,
+                   kInfo = COMM_MSG_INFO_MESSAGE;
     const struct {
-        eCOMM_MESSAGE_ID ask;  // COMM_MSG_NONE: the control line instead
+        uint32_t ask;  // 0: the control line instead
         const char* line;
         std::vector<uint32_t> ids;
         std::string last;  // the data of the last message
     } sends[] = {
-        {COMM_MSG_STOP_SERVICE, "", {COMM_MSG_SRVC_STOPPED, COMM_MSG_ICON_APLUS_STATE}, "\x02"},
-        {COMM_MSG_START_SERVICE, "", {COMM_MSG_SRVC_STARTED, COMM_MSG_ICON_APLUS_STATE}, "\x01"},
-        {COMM_MSG_DISCONNECT, "", {COMM_MSG_ICON_APLUS_STATE}, "\x04"},
-        {COMM_MSG_NONE, "state 0x48", {COMM_MSG_ICON_APLUS_STATE}, "\x48"},
-        {COMM_MSG_NONE,
-         "info 12 tower  west-1 is down",
-         {COMM_MSG_INFO_MESSAGE},
-         {"12#tower  west-1 is down", 25}},
-        {COMM_MSG_NONE, "send 1041 612C62", {COMM_MSG_TOWERS_RESPONSE_INFO}, "a,b"},
-        {COMM_MSG_NONE, "fail-service", {COMM_MSG_SRVC_START_FAILED}, ""},
-        {COMM_MSG_NONE,
-         "start-service",
-         {COMM_MSG_SRVC_STARTED, COMM_MSG_ICON_APLUS_STATE},
-         "\x01"},
+        {COMM_MSG_STOP_SERVICE, "", {COMM_MSG_SRVC_STOPPED, kState}, "\x02"},
+        {COMM_MSG_START_SERVICE, "", {kStarted, kState}, "\x01"},
+        {COMM_MSG_DISCONNECT, "", {kState}, "\x04"},
+        {0, "state 0x48", {kState}, "\x48"},
+        {0, "info 12 tower  west-1 is down", {kInfo}, {"12#tower  west-1 is down", 25}},
+        {0, "send 1041 612C62", {COMM_MSG_TOWERS_RESPONSE_INFO}, "a,b"},
+        {0, "fail-service", {COMM_MSG_SRVC_START_FAILED}, ""},
+        {0, "start-service", {kStarted, kState}, "\x01"},
     };
     for (const auto& s : sends) {
         SCOPED_TRACE(s.line);
-        if (s.ask == COMM_MSG_NONE)
+        if (s.ask == 0)
             EXPECT_EQ(sim.Control(s.line).rfind("OK ", 0), 0u);
         else
-            ASSERT_TRUE(client.Send(s.ask));
+            ASSERT_TRUE(client.Send(static_cast<eCOMM_MESSAGE_ID>(s.ask)));
         ReceivedMessage m;
         for (uint32_t id : s.ids)
             EXPECT_EQ((m = client.Next()).id, id);

@@ -45,10 +45,8 @@ TEST(Soak, AgentRestartedUnderTraffic) {
             cb = std::make_unique<RecordingCallback>();
             api = std::make_unique<CVantoriaApi>();
             g_pVantoriaApi = api.get();
-            ASSERT_TRUE(api->Initialize(options.port));
-            ASSERT_TRUE(api->StartCommunicator());
-            ASSERT_EQ(api->Register(cb.get()), 0);
-            ASSERT_EQ(api->Start(), 0);
+            ASSERT_TRUE(api->Initialize(options.port) && api->StartCommunicator());
+            ASSERT_TRUE(api->Register(cb.get()) == 0 && api->Start() == 0);
         }
         // Each round begins after a status 8 or with a new API, so 9 as the newest status
         // means this agent has greeted the client.

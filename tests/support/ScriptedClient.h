@@ -31,11 +31,9 @@ class ScriptedClient : private IIPCCallback {
     ~ScriptedClient() { m_pClient->TearDown(); }
 
     bool Connect(uint16_t port) {
-        return m_pClient->ConnectAsync(8, 0, 5, port) == 0 && Wait([this] { return m_bConnected; });
+        return m_pClient->ConnectAsync(8, 0, 5, port) == 0 && Wait(m_bConnected);
     }
-    bool WaitDisconnected() {
-        return Wait([this] { return m_bClosed; });
-    }
+    bool WaitDisconnected() { return Wait(m_bClosed); }
 
     bool Send(eCOMM_MESSAGE_ID id, const void* data = nullptr, uint32_t length = 0) {
         MSG_QUEUE_MSG message(id, 0, 1, 0);
@@ -64,10 +62,9 @@ class ScriptedClient : private IIPCCallback {
     }
 
   private:
-    template <class Ready>
-    bool Wait(Ready ready) {
+    bool Wait(const bool& flag) {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(10), ready);
+        return m_Changed.wait_for(lock, std::chrono::seconds(10), [&] { return flag; });
     }
     void OnPeerStateChanged(uint32_t, uint32_t, uint32_t state) override {
         std::lock_guard<std::mutex> lock(m_Mutex);
