@@ -61,8 +61,7 @@ class ApiWithFakeChannel : public ::testing::Test {
 };
 
 TEST_F(ApiWithFakeChannel, StateBitsThatComeTogetherGoByPriority) {
-    // Single bits, result bytes and the requests they cause are checked by
-    // fuzz_comm_receive_replay, whose saved inputs hold no byte with two of these bits.
+    // Single bits are checked by fuzz_comm_receive_replay, whose inputs never combine two.
     Connect();
     const size_t before = cb_.Statuses().size();
     for (uint8_t byte : {0x09, 0x42, 0x06})
@@ -77,8 +76,7 @@ TEST_F(ApiWithFakeChannel, AgentDataBecomesResultObjectsAndBadDataIsDropped) {
     // Tower lists: "&" marks the active one among those listed before it; names are trimmed.
     for (const std::string& list : {"a,b&a"s, "a,b&b"s, "a&b,b"s, " a , b "s, "\0"s})
         fake_->Deliver(COMM_MSG_TOWERS_RESPONSE_INFO, list.data(), uint32_t(list.size()));
-    // Settings and activated towers: fuzz_comm_receive_replay.
-    // A proxy request one byte short never reaches the callback.
+    // (Settings and activated towers: fuzz_comm_receive_replay.) A short proxy request is dropped.
     ProxyCredRequest request{};
     strcpy(request.szProxyHost, "10.9.8.7");
     request.nProxyPort = 8080;
@@ -141,8 +139,7 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
     Connect();
     fake_->failSend = true;
     ASSERT_EQ(api_->SetTower("west-1"), 0);
-    // Queued behind the failing one, or refused if the connection is already down: either way
-    // it must not cause a second disconnect.
+    // Queued behind the failing send, or refused: either way no second disconnect.
     api_->GetTowerList();
     ASSERT_TRUE(cb_.WaitForStatus(8));
     ASSERT_TRUE(fake_->WaitFor([&] { return fake_->connects >= 2; }));
@@ -205,8 +202,7 @@ TEST_F(ApiWithFakeChannel, InternalIdsFromTheAgentAndRowsWithoutALiveApi) {
     fake_->Deliver(COMM_MSG_INFO_MESSAGE, "5#hidden", 9);
     fake_->Deliver(COMM_MSG_DCT_TOWER_ACTIVATED, "t", 1);
     fake_->Deliver(COMM_MSG_PROXY_CRED_REQUEST);  // its line says the rows before are done
-    // Ids of the module's own threads go to the receiver like any other; 1032 and 1064 mean
-    // nothing there.
+    // Ids of the module's own threads (1032, 1064) mean nothing to the receiver.
     fake_->Deliver(COMM_MSG_PEER_DC);
     fake_->Deliver(COMM_MSG_NONE);
     ASSERT_TRUE(syslog_capture::WaitFor("ClientComm: COMM_MSG_PROXY_CRED_REQUEST\n", seconds(5)));

@@ -25,8 +25,7 @@ TEST(AgentSimulator, AnswersRequestsStreamsStatisticsAndTakesControlLines) {
     ASSERT_TRUE(client.Connect(options.port));
     EXPECT_EQ(client.Next().id, COMM_MSG_SRVC_STARTED);
 
-    // The request answers are checked through the API (api_conversation_test); here the
-    // statistics stream: whole, growing records until the stop; "stats off" pauses it.
+    // The statistics stream: whole, growing records until the stop; "stats off" pauses it.
     ASSERT_TRUE(client.Send(COMM_MSG_SERVICE_STATS_START));
     ASSERT_EQ(client.Next().Text(), "\1");
     uint64_t lastTotal = 0;
@@ -47,8 +46,7 @@ TEST(AgentSimulator, AnswersRequestsStreamsStatisticsAndTakesControlLines) {
     ASSERT_TRUE(client.AskPast(COMM_MSG_DCT_SETTINGS_REQUEST, COMM_MSG_DCT_SETTINGS_RESPONSE));
     EXPECT_EQ(client.Next(milliseconds(150)).id, 0u);
 
-    // Commands and control lines with what each sends (proxy, activate: through the API in
-    // api_conversation_test); bad lines send nothing.
+    // What commands and control lines send (proxy, activate: api_conversation_test).
     const uint32_t kState = COMM_MSG_ICON_APLUS_STATE, kStarted = COMM_MSG_SRVC_STARTED,
                    kInfo = COMM_MSG_INFO_MESSAGE;
     const struct {

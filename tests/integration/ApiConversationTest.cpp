@@ -72,8 +72,7 @@ class ApiAgainstAgent : public ::testing::Test {
         StopApi();
         EXPECT_LT(Clock::now() - start, limit) << "stop " << phase;
     }
-    // Connects; then the first status `code`, caused by `control`, holds its thread until
-    // release_ is set.
+    // Connects; the first status `code`, caused by `control`, then holds until release_ is set.
     void StartAndStick(uint64_t code, const char* control) {
         Connected();
         auto first = std::make_shared<bool>(true);  // only the notifying thread touches it
@@ -96,8 +95,7 @@ class ApiAgainstAgent : public ::testing::Test {
             std::this_thread::sleep_for(milliseconds(10));
         EXPECT_EQ(ThreadCount(), baseline);
     }
-    // A server of our own in place of the agent: it records the session and, once `released`
-    // is set, lets its I/O thread hang in the first packet's callback until it is ready.
+    // A server in place of the agent; with `released` valid, its I/O thread hangs until ready.
     struct OwnAgent : IIPCServerCallback {
         std::atomic<uint32_t> session{0};
         std::shared_future<void> released;
@@ -197,8 +195,7 @@ TEST_F(ApiAgainstAgent, StoppedServiceDropsTowerChangesUntilTheAgentStartsAgain)
     EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER", true), 0u);
     EXPECT_EQ(log_.Count("RECV session=1 COMM_MSG_START_SERVICE", true), 0u);
 
-    // Across a reconnect the filter stays: the agent's 1030 greeting is dropped too, and
-    // commands are refused, since only 1028 marks the connection as usable.
+    // The filter outlives a reconnect: the 1030 greeting is dropped and commands are refused.
     const size_t nines = cb_.Count(9), eights = cb_.Count(8);
     ASSERT_EQ(sim_->Control("drop"), "OK dropped=1");
     ASSERT_TRUE(cb_.WaitForStatus(8, eights + 1));
@@ -258,8 +255,7 @@ TEST_F(ApiAgainstAgent, StopEndsPromptlyInEachPhase) {
 }
 
 TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop) {
-    // The agent greets, then its I/O thread hangs in a callback and reads nothing more: the
-    // sender blocks in SendData, whose time-out must end it before the stop's join gives up.
+    // The agent greets, then reads nothing more: SendData's time-out must end the blocked sender.
     OwnAgent stalled;
     std::promise<void> release;
     stalled.released = release.get_future().share();
@@ -295,8 +291,7 @@ TEST_F(ApiAgainstAgent, SenderBlockedByAnAgentThatStopsReadingEndsWithinTheStop)
 }
 
 TEST_F(ApiAgainstAgent, MessagesQueuedBeforeADisconnectAreAllDelivered) {
-    // The agent sends a state byte and a service stop, then drops the client, while the host is
-    // slow with the first status: the receiver must work its queue before it quits.
+    // State, service stop, drop, with a slow host: the receiver works its queue before it quits.
     Connected();
     cb_.statusHook = [](uint64_t code) {
         if (code == 4)

@@ -48,8 +48,7 @@ TEST(Soak, AgentRestartedUnderTraffic) {
             ASSERT_TRUE(api->Initialize(options.port) && api->StartCommunicator());
             ASSERT_TRUE(api->Register(cb.get()) == 0 && api->Start() == 0);
         }
-        // Each round begins after a status 8 or with a new API, so 9 as the newest status
-        // means this agent has greeted the client.
+        // Each round begins after a status 8 or with a new API: a newest 9 is this agent's.
         ASSERT_TRUE(newest(9));
         auto reports = [&] {
             return size_t(std::count_if(cb->events.begin(), cb->events.end(),

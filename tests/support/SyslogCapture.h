@@ -62,15 +62,13 @@ inline std::vector<std::string> Texts() {
 inline std::vector<OpenCall> OpenCalls() {
     return Locked([](State& s) { return s.opens; });
 }
-// Number of records whose text equals `text` exactly.
 inline size_t Count(const std::string& text) {
     return Locked([&](State& s) { return s.CountLocked(text, true); });
 }
-// Number of records containing `fragment`.
 inline size_t CountContaining(const std::string& fragment) {
     return Locked([&](State& s) { return s.CountLocked(fragment, false); });
 }
-// Waits until at least `count` records equal `text`; false when `timeout` runs out first.
+// False when `timeout` runs out before `count` records equal `text`.
 inline bool WaitFor(const std::string& text, std::chrono::milliseconds timeout, size_t count = 1) {
     State& s = TheState();
     std::unique_lock<std::mutex> lock(s.mutex);

@@ -51,7 +51,6 @@ class TempRoot {
     std::string path_;
 };
 
-// Collects the agent simulator's log lines.
 class SimLog {
   public:
     std::function<void(const std::string&)> Sink() {
