@@ -65,9 +65,15 @@ class SimLog {
         std::lock_guard<std::mutex> lock(mutex_);
         return CountLocked(line, prefix);
     }
-    bool WaitFor(const std::string& line) {
+    std::vector<std::string> Lines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    // Waits until `count` lines equal `line`.
+    bool WaitFor(const std::string& line, size_t count = 1) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return CountLocked(line); });
+        return changed_.wait_for(lock, std::chrono::seconds(10),
+                                 [&] { return CountLocked(line) >= count; });
     }
 
   private:
