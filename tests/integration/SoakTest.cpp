@@ -45,13 +45,10 @@ TEST(Soak, AgentRestartedUnderTraffic) {
             cb = std::make_unique<RecordingCallback>();
             api = std::make_unique<CVantoriaApi>();
             g_pVantoriaApi = api.get();
-            ASSERT_TRUE(api->Initialize(options.port));
-            ASSERT_TRUE(api->StartCommunicator());
-            ASSERT_EQ(api->Register(cb.get()), 0);
-            ASSERT_EQ(api->Start(), 0);
+            ASSERT_TRUE(api->Initialize(options.port) && api->StartCommunicator());
+            ASSERT_TRUE(api->Register(cb.get()) == 0 && api->Start() == 0);
         }
-        // Each round begins after a status 8 or with a new API, so 9 as the newest status
-        // means this agent has greeted the client.
+        // Each round begins after a status 8 or with a new API: a newest 9 is this agent's.
         ASSERT_TRUE(newest(9));
         auto reports = [&] {
             return size_t(std::count_if(cb->events.begin(), cb->events.end(),

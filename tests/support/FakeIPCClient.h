@@ -3,8 +3,6 @@
 #ifndef TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 #define TIDEWAY_TESTS_SUPPORT_FAKEIPCCLIENT_H_
 
-#include <string.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -38,6 +36,10 @@ class FakeIPCClient : public IIPCClient {
             std::lock_guard<std::mutex> lock(mutex);
             return read();
         }
+        void Notify(const std::function<void()>& write) {
+            Locked(write);
+            changed.notify_all();
+        }
         // Plays the library on the calling thread: a peer event, a built packet, raw bytes.
         void PeerState(uint32_t peer, uint32_t session, uint32_t state) {
             callback->OnPeerStateChanged(peer, session, state);
@@ -54,13 +56,6 @@ class FakeIPCClient : public IIPCClient {
             IPCBuffer buffer = RequestBuffer(bytes, size);
             callback->OnReqMsgRecv(&buffer);
         }
-        void Notify(const std::function<void()>& write) {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                write();
-            }
-            changed.notify_all();
-        }
     };
 
     explicit FakeIPCClient(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -70,16 +65,15 @@ class FakeIPCClient : public IIPCClient {
         return 0;
     }
     BR_STATUSCODE SendData(IPCBuffer* buffer) override {
-        MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
         const bool failed = state_->failSend;
-        if (ParsePacket(buffer->m_pData, buffer->m_Length, message) && !failed) {
-            const uint8_t* data = message.m_pData;
-            state_->Notify([&] {
-                state_->sentIds.push_back(message.m_MessageId);
-                state_->sentData.emplace_back(data, data + (data ? message.m_DataLength : 0));
-            });
-        }
-        return failed ? 8 : 0;
+        MSG_QUEUE_MSG m(COMM_MSG_NONE, 0, 1, 0);
+        if (failed || !ParsePacket(buffer->m_pData, buffer->m_Length, m))
+            return failed ? 8 : 0;
+        state_->Notify([&] {
+            state_->sentIds.push_back(m.m_MessageId);
+            state_->sentData.emplace_back(m.m_pData, m.m_pData + (m.m_pData ? m.m_DataLength : 0));
+        });
+        return 0;
     }
     BR_STATUSCODE ReservedSlot2() override { return 16; }
     BR_STATUSCODE ReservedSlot3() override { return 16; }

@@ -135,7 +135,6 @@ class RecordingCallback final : public IVantoriaApiCB {
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         return WaitUntil([&] { return CountLocked(code) >= occurrences; }, timeout);
     }
-    // Waits until the newest event is `event`.
     bool WaitForLast(const std::string& event) {
         return WaitUntil([&] { return !events.empty() && events.back() == event; });
     }
@@ -153,7 +152,7 @@ class RecordingCallback final : public IVantoriaApiCB {
     std::vector<std::string> Events() {
         return Locked([&] { return events; });
     }
-    // Returns the events so far and forgets them and the statuses.
+    // Also forgets the statuses.
     std::vector<std::string> TakeEvents() {
         return Locked([&] { return statuses.clear(), std::exchange(events, {}); });
     }

@@ -2,11 +2,12 @@
 #ifndef TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 #define TIDEWAY_TESTS_SUPPORT_TESTENV_H_
 
-#include <dirent.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -19,13 +20,8 @@
 #include "ipc/IPCTesting.h"
 
 inline int ThreadCount() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            n += entry->d_name[0] != '.' ? 1 : 0;
-        closedir(dir);
-    }
-    return n;
+    using Entries = std::filesystem::directory_iterator;
+    return static_cast<int>(std::distance(Entries("/proc/self/task"), Entries()));
 }
 
 // The thread count to come back to, counted after a first thread (a sanitizer starts its own).
@@ -39,8 +35,7 @@ class TempRoot {
   public:
     TempRoot() {
         char pattern[] = "/tmp/tideway-test-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path_ = made != nullptr ? made : "";
+        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
         SetAllUsersAppDataPathForTesting(path_);
         ipc::SetSocketRootForTesting(path_);
     }
@@ -56,15 +51,12 @@ class TempRoot {
     std::string path_;
 };
 
-// Collects the agent simulator's log lines.
 class SimLog {
   public:
     std::function<void(const std::string&)> Sink() {
         return [this](const std::string& line) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                lines_.push_back(line);
-            }
+            std::lock_guard<std::mutex> lock(mutex_);
+            lines_.push_back(line);
             changed_.notify_all();
         };
     }
@@ -73,19 +65,22 @@ class SimLog {
         std::lock_guard<std::mutex> lock(mutex_);
         return CountLocked(line, prefix);
     }
-    bool Has(const std::string& line) { return Count(line) > 0; }
-    bool WaitFor(const std::string& line) {
+    std::vector<std::string> Lines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    // Waits until `count` lines equal `line`.
+    bool WaitFor(const std::string& line, size_t count = 1) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, std::chrono::seconds(10),
-                                 [&] { return CountLocked(line, false) > 0; });
+                                 [&] { return CountLocked(line) >= count; });
     }
 
   private:
-    size_t CountLocked(const std::string& line, bool prefix) const {
-        size_t n = 0;
-        for (const auto& l : lines_)
-            n += (prefix ? l.rfind(line, 0) == 0 : l == line) ? 1 : 0;
-        return n;
+    size_t CountLocked(const std::string& line, bool prefix = false) const {
+        return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
+            return prefix ? l.rfind(line, 0) == 0 : l == line;
+        });
     }
 
     std::mutex mutex_;
