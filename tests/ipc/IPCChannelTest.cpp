@@ -287,28 +287,39 @@ TEST(IPCChannel, ConnectsOnlyToALiveServerAndEachConnectionEndsWithOneClosedEven
               (std::vector<Event>{{kModule, first, 2}, {kModule, first, 0}, {kModule, second, 2}}));
 }
 
-// A callback still running when TearDown is called holds TearDown until it returns.
+// A callback still running holds the call that stops its end until it returns, so no I/O
+// thread outlives the client's TearDown, the server's TearDown or the client's destruction.
 TEST(IPCChannel, TearDownWaitsForTheRunningCallback) {
-    std::promise<void> entered, release;
-    std::shared_future<void> released = release.get_future().share();
-    std::atomic<bool> callbackDone{false};
-    Channel ch;
-    ch.clientEvents.onPacket = [&](const std::string&) {
-        entered.set_value();
-        released.wait();
-        callbackDone = true;
-    };
-    ASSERT_TRUE(ch.Connect());
-    ASSERT_EQ(ch.Send(true, Payload(100, 1)), IPC_STATUS_OK);
-    ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
-    auto tearDown = std::async(std::launch::async, [&] {
-        ch.client->TearDown();
-        return callbackDone.load();
-    });
-    EXPECT_EQ(tearDown.wait_for(200ms), std::future_status::timeout)
-        << "TearDown returned while a callback was still running";
-    release.set_value();
-    EXPECT_TRUE(tearDown.get());
+    const char* const ends[] = {"client TearDown", "server TearDown", "client destroyed"};
+    for (int which = 0; which < 3; ++which) {
+        SCOPED_TRACE(ends[which]);
+        const bool server = which == 1;
+        std::promise<void> entered, release;
+        std::shared_future<void> released = release.get_future().share();
+        std::atomic<bool> callbackDone{false};
+        Channel ch;
+        (server ? ch.serverEvents : ch.clientEvents).onPacket = [&](const std::string&) {
+            entered.set_value();
+            released.wait();
+            callbackDone = true;
+        };
+        ASSERT_TRUE(ch.Connect());
+        ASSERT_EQ(ch.Send(!server, Payload(100, 1)), IPC_STATUS_OK);
+        ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
+        auto stop = std::async(std::launch::async, [&] {
+            if (which == 0)
+                ch.client->TearDown();
+            else if (server)
+                ch.server->TearDown();
+            else
+                ch.client.reset();
+            return callbackDone.load();
+        });
+        EXPECT_EQ(stop.wait_for(200ms), std::future_status::timeout)
+            << "returned while a callback was still running";
+        release.set_value();
+        EXPECT_TRUE(stop.get());
+    }
 }
 
 TEST(IPCChannel, ClientReassemblesTrickledFramesAndDropsBadStreamsWithoutPartialDelivery) {
