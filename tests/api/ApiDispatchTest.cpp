@@ -64,6 +64,7 @@ TEST_F(ApiWithFakeChannel, StateBitsThatComeTogetherGoByPriority) {
     // Single bits are checked by fuzz_comm_receive_replay, whose inputs never combine two.
     Connect();
     const size_t before = cb_.Statuses().size();
+    fake_->Deliver(COMM_MSG_ICON_APLUS_STATE);  // no state byte: nothing happens
     for (uint8_t byte : {0x09, 0x42, 0x06})
         fake_->Deliver(COMM_MSG_ICON_APLUS_STATE, &byte, 1);
     Sync();
