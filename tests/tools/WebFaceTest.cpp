@@ -429,6 +429,9 @@ TEST_F(AgentLinkTest, LogTailFollowsGrowthTruncationAndReplacement) {
     ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
     append(std::string(40, 'n') + "\nsecond\n");
     expect({std::string(40, 'n'), "second"});
+    // Truncated and written past the old end again between two polls.
+    std::ofstream(path, std::ios::trunc) << std::string(80, 'r') << "\nrewritten\n";
+    expect({std::string(80, 'r'), "rewritten"});
 }
 
 TEST_F(AgentLinkTest, ControlRepliesInOrderAndReconnects) {

@@ -177,9 +177,12 @@ void AgentLogTail::Poll() {
         seen_ = true;
         offset_ = size > kStartBytes ? size - kStartBytes : 0;
         skipFirst_ = offset_ > 0;
-    } else if (info.st_dev != dev_ || info.st_ino != ino_ || size < offset_) {
-        // Another file under the name, or this one truncated: read it from its start.
+    } else if (info.st_dev != dev_ || info.st_ino != ino_ || size < offset_ ||
+               !MarkStillThere(fd)) {
+        // Another file under the name, or this one truncated (and perhaps written past the old
+        // end again since the last poll): read it from its start.
         offset_ = 0;
+        mark_.clear();
         partial_.clear();
         skipFirst_ = false;
     }
@@ -202,6 +205,8 @@ void AgentLogTail::Poll() {
     close(fd);
     chunk.resize(done);
     offset_ += done;
+    mark_.append(chunk, done - std::min(done, kMarkBytes), std::string::npos);
+    mark_.erase(0, mark_.size() - std::min(mark_.size(), kMarkBytes));
 
     size_t start = 0;
     for (size_t eol = chunk.find('\n'); eol != std::string::npos;
@@ -225,6 +230,13 @@ void AgentLogTail::Poll() {
             Emit(std::move(cut));
     }
     Schedule();
+}
+
+bool AgentLogTail::MarkStillThere(int fd) const {
+    std::string now(mark_.size(), '\0');
+    const off_t at = static_cast<off_t>(offset_ - mark_.size());
+    return mark_.empty() ||
+           (pread(fd, &now[0], now.size(), at) == static_cast<ssize_t>(now.size()) && now == mark_);
 }
 
 void AgentLogTail::Emit(std::string line) {

@@ -68,7 +68,8 @@ class AgentControl : public std::enable_shared_from_this<AgentControl> {
 
 // Follows the simulator's log file: every complete new line goes to the callback. It starts
 // with the file's last kStartBytes, polls every kPollInterval, starts over when the file is
-// truncated or replaced (rotation, a restarted simulator), and waits while it is missing.
+// truncated, rewritten or replaced (rotation, a restarted simulator), and waits while it is
+// missing.
 class AgentLogTail : public std::enable_shared_from_this<AgentLogTail> {
   public:
     using LineHandler = std::function<void(std::string line)>;
@@ -77,6 +78,9 @@ class AgentLogTail : public std::enable_shared_from_this<AgentLogTail> {
     static constexpr size_t kMaxReadPerPoll = 1024 * 1024;
     static constexpr size_t kMaxLineBytes = 64 * 1024;  // a longer line is cut there
     static constexpr std::chrono::milliseconds kPollInterval{200};
+    // How much of what was read last must still stand before the offset for the file to count
+    // as the same: a truncation that grew past the old end between two polls fails this.
+    static constexpr size_t kMarkBytes = 64;
 
     AgentLogTail(boost::asio::io_context& io, std::string path, LineHandler onLine);
 
@@ -87,6 +91,7 @@ class AgentLogTail : public std::enable_shared_from_this<AgentLogTail> {
     void Poll();
     void Schedule();
     void Emit(std::string line);
+    bool MarkStillThere(int fd) const;
 
     const std::string path_;
     const LineHandler onLine_;
@@ -95,6 +100,7 @@ class AgentLogTail : public std::enable_shared_from_this<AgentLogTail> {
     dev_t dev_ = 0;
     ino_t ino_ = 0;
     uint64_t offset_ = 0;
+    std::string mark_;        // the last bytes read, which end at offset_
     std::string partial_;     // the start of a line not yet ended
     bool skipFirst_ = false;  // started inside the file: its first line is a fragment
     bool closed_ = false;
