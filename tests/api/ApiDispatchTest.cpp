@@ -1,6 +1,7 @@
 // The receive path and the commands with the IPC library replaced by a fake, so that each
 // message, fault and corner can be forced.
 #include <string.h>
+#include <future>
 
 #include <memory>
 
@@ -151,6 +152,29 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
         EXPECT_EQ(syslog_capture::Count(line), 1u) << line;
     EXPECT_EQ(syslog_capture::CountContaining("ClientComm : Failed to send msg"), 1u);
     EXPECT_EQ(api_->GetTowerList(), -10);  // not connected until the agent speaks again
+}
+
+TEST_F(ApiWithFakeChannel, ADisconnectLetsTheSenderTryWhatWasQueuedBeforeIt) {
+    Connect();
+    std::promise<void> entered, release;
+    fake_->inSend = [&, first = true]() mutable {
+        if (std::exchange(first, false))
+            entered.set_value(), release.get_future().wait();
+    };
+    ASSERT_EQ(api_->SetTower("west-1"), 0);
+    entered.get_future().wait();  // the sender is inside this send
+    ASSERT_EQ(api_->GetTowerList(), 0);
+    ASSERT_TRUE(
+        syslog_capture::WaitFor("ClientComm : msgid COMM_MSG_TOWERS_REQUEST_INFO\n", seconds(5)));
+    fake_->failSend = true;  // the agent is gone: the next send fails
+    fake_->PeerState(8, 1, 0);
+    ASSERT_TRUE(syslog_capture::WaitFor("Communicator(2) : Waiting for snd/rcv threads to stop\n",
+                                        seconds(5)));
+    release.set_value();
+    EXPECT_TRUE(syslog_capture::WaitFor(
+        "ClientComm : Failed to send msg (COMM_MSG_TOWERS_REQUEST_INFO) to server, server not "
+        "accessible.\n",
+        seconds(5)));
 }
 
 TEST_F(ApiWithFakeChannel, StatusesBeforeRegisterAreReplayedInOrderByStart) {

@@ -25,6 +25,7 @@ class FakeIPCClient : public IIPCClient {
         std::vector<uint32_t> sentIds;
         std::vector<std::vector<uint8_t>> sentData;
         std::atomic<bool> failSend{false};
+        std::function<void()> inSend;  // runs in each SendData once failSend was read
 
         bool WaitFor(const std::function<bool()>& done,
                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
@@ -66,6 +67,8 @@ class FakeIPCClient : public IIPCClient {
     }
     BR_STATUSCODE SendData(IPCBuffer* buffer) override {
         const bool failed = state_->failSend;
+        if (state_->inSend)
+            state_->inSend();
         MSG_QUEUE_MSG m(COMM_MSG_NONE, 0, 1, 0);
         if (failed || !ParsePacket(buffer->m_pData, buffer->m_Length, m))
             return failed ? 8 : 0;
