@@ -364,6 +364,9 @@ bool CVantoriaApi::ProxyCredReqCB(const uint8_t* data, uint32_t length) {
         return false;
     ProxyCredRequest request;
     memcpy(&request, data, sizeof(request));
+    // Each text ends at its NUL or at the end of its field, whichever comes first: an agent that
+    // fills a field without a terminator must not make us read the next field, or past the
+    // record for the realm.
     std::string host(request.szProxyHost,
                      strnlen(request.szProxyHost, sizeof(request.szProxyHost)));
     std::string authType(request.szAuthType,
