@@ -14,6 +14,24 @@
 #include "comm/MsgQueueMsg.h"
 #include "ipc/IPCTypes.h"
 
+// The packet's header as a record: the first five fields of a MSG_QUEUE_MSG, as they go on the
+// wire. Only for reading a layout; the functions below work with the offsets.
+#pragma pack(push, 1)
+struct MSG_QUEUE_MSG_HEADER {
+    uint32_t m_Signature;
+    uint16_t m_VersionMajor;
+    uint16_t m_VersionMinor;
+    char m_Marker[8];
+    uint32_t m_DataLength;
+    uint32_t m_MessageId;
+};
+// A whole packet: the header, then m_DataLength bytes of data.
+struct ChannelPacket {
+    MSG_QUEUE_MSG_HEADER m_Header;
+    uint8_t m_Data[1];
+};
+#pragma pack(pop)
+
 // Offsets of the packet's fields.
 constexpr size_t kPacketSignatureOffset = 0;
 constexpr size_t kPacketVersionMajorOffset = 4;
@@ -22,6 +40,14 @@ constexpr size_t kPacketMarkerOffset = 8;
 constexpr size_t kPacketDataLengthOffset = 16;
 constexpr size_t kPacketMessageIdOffset = 20;
 constexpr size_t kPacketHeaderSize = 24;  // data follows here
+static_assert(sizeof(MSG_QUEUE_MSG_HEADER) == kPacketHeaderSize &&
+                  offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMajor) == kPacketVersionMajorOffset &&
+                  offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMinor) == kPacketVersionMinorOffset &&
+                  offsetof(MSG_QUEUE_MSG_HEADER, m_Marker) == kPacketMarkerOffset &&
+                  offsetof(MSG_QUEUE_MSG_HEADER, m_DataLength) == kPacketDataLengthOffset &&
+                  offsetof(MSG_QUEUE_MSG_HEADER, m_MessageId) == kPacketMessageIdOffset &&
+                  offsetof(ChannelPacket, m_Data) == kPacketHeaderSize,
+              "the packet's header is 24 bytes at the offsets above");
 
 // Makes the packet of `message`: 24 bytes of header, plus the data when the message has data
 // and a length. `size` receives the packet's size (0 for a null message), also when the buffer

@@ -367,6 +367,8 @@ bool CClientSideCommunicator::Dispatch(bool sender, const MSG_QUEUE_MSG& message
             }
             return true;
         case COMM_MSG_ICON_APLUS_STATE:
+            // A state message without its byte has nothing to decode: reading it would read past
+            // the data (or a null pointer).
             if (length != 0 && LiveApi() != nullptr)
                 HandleStateByte(static_cast<int8_t>(data[0]));
             break;

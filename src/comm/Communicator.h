@@ -40,10 +40,15 @@ class CCommunicator;
 // 64-bit numbers, or small negative codes.
 typedef int64_t COMM_STATUS;
 
-// IPC identities of the three kinds of peer.
-constexpr uint32_t kIdentityClientApi = 6;      // Tideway_CLIENT_API: this module
-constexpr uint32_t kIdentityClientCommand = 7;  // eSIPC_ID_Tideway_CLIENT_CMD
-constexpr uint32_t kIdentityService = 8;        // eSIPC_ID_Tideway_SERVICE: the agent
+// IPC identities of the three kinds of peer, under the protocol's names and as constants.
+enum IPC_IDENTITY : uint32_t {
+    Tideway_CLIENT_API = 6,           // this module
+    eSIPC_ID_Tideway_CLIENT_CMD = 7,  // command clients
+    eSIPC_ID_Tideway_SERVICE = 8,     // the agent
+};
+constexpr uint32_t kIdentityClientApi = Tideway_CLIENT_API;
+constexpr uint32_t kIdentityClientCommand = eSIPC_ID_Tideway_CLIENT_CMD;
+constexpr uint32_t kIdentityService = eSIPC_ID_Tideway_SERVICE;
 
 // Client types of the communicator (m_ClientType).
 constexpr uint32_t kClientTypeService = 1;

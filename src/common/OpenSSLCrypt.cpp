@@ -287,9 +287,11 @@ int ObfuscateFileToFile(const char* inputPath, const char* outputPath, const cha
         return -1;
     }
     bios.Chain();
+    // The write and flush failures print their texts without a line feed; only the cipher
+    // failure above ends its line.
     if (BIO_write(bios.cipher, kObfuscatedMarker, kObfuscatedMarkerLength) !=
         static_cast<int>(kObfuscatedMarkerLength)) {
-        printf("error writing output file\n");
+        printf("error writing output file");
         return -1;
     }
     unsigned char buffer[COpenSSLCrypt::kBlockSize];
@@ -302,12 +304,12 @@ int ObfuscateFileToFile(const char* inputPath, const char* outputPath, const cha
         if (read == 0)
             break;
         if (BIO_write(bios.cipher, buffer, read) != read) {
-            printf("error writing output file\n");
+            printf("error writing output file");
             return -1;
         }
     }
     if (BIO_flush(bios.cipher) <= 0) {
-        printf("bad de-obfuscate\n");
+        printf("bad de-obfuscate");
         return -1;
     }
     printf("bytes read   : %8ld\n", static_cast<long>(BIO_number_read(bios.source)));
@@ -323,7 +325,7 @@ int DeObfuscateFileToFile(const char* inputPath, const char* outputPath, const c
     text.erase(0, kObfuscatedMarkerLength);
     BIO* const out = BIO_new_file(outputPath, "w");
     if (out == nullptr) {
-        printf("Error when writing de-obfuscated string\n");
+        printf("Error when writing de-obfuscated string");
         return 0;
     }
     const int written = BIO_printf(out, "%s", text.c_str());

@@ -135,7 +135,8 @@ TEST_F(OpenSSLCryptTest, ObfuscateFileAndTheToolConvertBothWays) {
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(plain.c_str(), plain.c_str(), nullptr, 1), -1);
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(plain.c_str(), Path("x").c_str(), nullptr, 0), -1);
     EXPECT_EQ(COpenSSLCrypt::ObfuscateFile(enc.c_str(), Path("no/dir").c_str(), nullptr, 0), 0);
-    testing::internal::GetCapturedStdout();
+    const std::string told = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(told.substr(told.rfind('\n')), "\nError when writing de-obfuscated string") << told;
     EXPECT_EQ(Bytes(Path("dec")) + Bytes(plain) + Bytes(Path("x")), kXml + kXml + "<absent>");
     std::string out;
     ASSERT_EQ(Read(enc, out), 0);
