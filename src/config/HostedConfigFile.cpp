@@ -94,12 +94,13 @@ bool CConfig::UseHostedConfig(const std::string& hosted) {
         VNTRACE(TL_ERR, "UseHostedConfig : Failed to open config file");
         return false;
     }
-    errno = 0;
     const size_t written = fwrite(hosted.data(), 1, hosted.size(), file);
-    // Flushed here so that a full disk shows now rather than unreported at the close.
-    if (written != hosted.size() || fflush(file) != 0 || ferror(file) != 0) {
+    // What the stream says after the write: a failure that only the close would meet (a full
+    // disk under a small, still buffered download) is not seen here, and the type probe below
+    // refuses the short file.
+    if (written != hosted.size() || ferror(file) != 0) {
         VNTRACE(TL_ERR, "UseHostedConfig : Failed to write to config file. Code : 0x%x",
-                static_cast<unsigned>(errno));
+                static_cast<unsigned>(ferror(file)));
     } else {
         VNTRACE(TL_LIC, "UseHostedConfig : Wrote %d bytes", static_cast<int>(written));
     }
