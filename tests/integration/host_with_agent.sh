@@ -25,8 +25,12 @@ cat "$work/host.out"
 grep -q '^  OnStatus: 9$' "$work/host.out"
 grep -q '^  OnStatus: 11$' "$work/host.out"
 grep -q '^  OnStatistics: open 7/6/8' "$work/host.out"
-grep -q '^RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower="east-1"$' "$log"
-grep -q '^RECV session=1 COMM_MSG_SERVICE_STATS_START len=0$' "$log"
-grep -q '^RECV session=1 COMM_MSG_SERVICE_STATS_STOP len=0$' "$log"
-grep -q '^DISCONNECT session=1 identity=6$' "$log"
+# The agent logs the end of the conversation when it sees it, which may be after the host
+# exited: each line is waited for, up to 10 s.
+for line in '^RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower="east-1"$' \
+  '^RECV session=1 COMM_MSG_SERVICE_STATS_START len=0$' \
+  '^RECV session=1 COMM_MSG_SERVICE_STATS_STOP len=0$' '^DISCONNECT session=1 identity=6$'; do
+  for _ in $(seq 100); do grep -q "$line" "$log" && break; sleep 0.1; done
+  grep -q "$line" "$log" || { echo "the agent did not log $line" >&2; cat "$log" >&2; exit 1; }
+done
 echo "host and agent held the whole conversation"
