@@ -92,8 +92,8 @@ awk -v tag="$tag" -v ptr="$pointer" '
     next
   }
   index($0, tag) || /tideway-host[:\[]|brtidewayapi/ {
-    mine = index($0, " " tag " ") > 0 && $0 ~ /^user\.(notice|err) /
-    if (!mine) { print "record not under " tag " in facility user: " $0; bad = 1 }
+    mine = index($0, " " tag " ") > 0 && $0 ~ /^user\.notice /
+    if (!mine) { print "record not a notice under " tag " in facility user: " $0; bad = 1 }
     n = split($0, parts, "#012")
     if (n > 1 && !($0 == "user.notice " tag " DisposePlugin " ptr " called#012")) {
       print "record holding more than one line: " $0; bad = 1
@@ -114,7 +114,6 @@ awk -v tag="$tag" -v ptr="$pointer" '
     if (next_row <= rows) { print "out of order from: " rec[next_row]; bad = 1 }
     exit bad
   }' - "$records" <<'EOF' || { show; echo "the system log did not get the records as written" >&2; exit 1; }
-> 1 err CreatePlugin failed. Interface name null.
 > 1 notice Created plugin IVANTORIA_API (PTR)
 > 1 notice CVantoriaApi::Initialize
 > 1 notice CreatePlugin created new CVantoriaApi
@@ -126,6 +125,7 @@ awk -v tag="$tag" -v ptr="$pointer" '
 > 1 notice CVantoriaApi :StartStatsCollecting success
 > 1 notice StatusNotificationCB: status: 15
 > 1 notice CVantoriaApi :StopStatsCollecting success
+> 1 notice CVantoriaApi : Sending Disconnect message
 > 1 notice DisposePlugin PTR called#012
 > 1 notice Communicator : Stopping communicator...
 > 1 notice Communicator(2) : Stopping main thread

@@ -2,7 +2,7 @@
 # The module as the UI host sees it: tideway-host loads libtidewayapi.so with dlopen and talks
 # through the API plug-in to tideway-agent-sim over the real channel on the product's port
 # (socket under /opt). Passes when the conversation completes and the agent received the
-# tower change and the statistics requests.
+# tower change, the statistics requests and the closing Disconnect.
 set -euo pipefail
 host=${1:?tideway-host}
 agent=${2:?tideway-agent-sim}
@@ -29,7 +29,8 @@ grep -q '^  OnStatistics: open 7/6/8' "$work/host.out"
 # exited: each line is waited for, up to 10 s.
 for line in '^RECV session=1 COMM_MSG_CHANGE_ACTIVE_TOWER len=6 tower="east-1"$' \
   '^RECV session=1 COMM_MSG_SERVICE_STATS_START len=0$' \
-  '^RECV session=1 COMM_MSG_SERVICE_STATS_STOP len=0$' '^DISCONNECT session=1 identity=6$'; do
+  '^RECV session=1 COMM_MSG_SERVICE_STATS_STOP len=0$' '^RECV session=1 COMM_MSG_DISCONNECT len=0$' \
+  '^DISCONNECT session=1 identity=6$'; do
   for _ in $(seq 100); do grep -q "$line" "$log" && break; sleep 0.1; done
   grep -q "$line" "$log" || { echo "the agent did not log $line" >&2; cat "$log" >&2; exit 1; }
 done
