@@ -46,6 +46,9 @@ wait_for "$out" '^Start -> 0$'
 wait_for "$log" '^RECV session=1 COMM_MSG_PROXY_STATE_QUERY'
 # The agent reports automatic selection; the combobox counts only in manual mode.
 wait_for "$out" '<radio label="Automatic" selected="true"/>'
+# Typed documents that are not events, or never end, are each refused on their own (an empty
+# line ends an open one) and leave the next event alone.
+printf '%s\n' '<other id="x"></other>' '<brguiEvent id="open">' '' >&3
 echo "mode manual" >&3
 wait_for "$log" '^RECV session=1 COMM_MSG_DCT_SETTINGS_UPDATE len=12 mode=0 detect=1$'
 # The setup notice has the manual radio selected; the agent's new report selects it again.
@@ -87,6 +90,8 @@ echo "first lines: status 9 at $status9, towers at $towers, settings at $dct, st
 [ "$status9" -lt "$towers" ] && [ "$towers" -lt "$dct" ] && [ "$dct" -lt "$stats" ]
 grep -q '^OK sent=1$' "$AGENT_SIM_CONTROL.out"
 grep -q '^HandleEvent -> 0$' "$out"
+[ "$(grep -A2 -- '^--- event$' "$out" | grep -c -e '^<other id="x"></other>$' -e '^<brguiEvent id="open">$' \
+  -e '^HandleEvent -> -1$')" -eq 4 ]
 grep -q '^--- stopped$' "$out"
 grep -q '^DISCONNECT session=1 identity=6$' "$log"
 echo "the presentation plug-in was hosted and steered the agent"

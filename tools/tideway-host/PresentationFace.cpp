@@ -62,11 +62,20 @@ std::string EscapeAttribute(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -75,13 +84,15 @@ std::string EscapeAttribute(const std::string& text) {
 // The event the host sends when the user picks `tower` in the tower combobox.
 std::string TowerEvent(const std::string& tower) {
     return "<brguiEvent id=\"tower_list_combobox_OnSelect\"><combobox id=\"tower_list_combobox\" "
-           "value=\"" + EscapeAttribute(tower) + "\"/></brguiEvent>";
+           "value=\"" +
+           EscapeAttribute(tower) + "\"/></brguiEvent>";
 }
 
 // The event the host sends when the user picks a mode radio: the group's value is the label.
 std::string ModeEvent(const std::string& label) {
     return "<brguiEvent id=\"mode_radio_group_OnSelect\"><radiogroup id=\"mode_radio_group\" "
-           "value=\"" + EscapeAttribute(label) + "\"/></brguiEvent>";
+           "value=\"" +
+           EscapeAttribute(label) + "\"/></brguiEvent>";
 }
 
 // The event the host sends when the user presses OK in the proxy credential dialog.
@@ -99,27 +110,47 @@ std::string Trim(const std::string& text) {
     return text.substr(first, last - first + 1);
 }
 
-bool EndsWith(const std::string& text, const char* tail) {
-    const size_t n = strlen(tail);
-    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
-}
-
-// A typed document is complete at "</brguiEvent>", or at once when it is one empty element.
+// A typed document is complete once every element it opened is closed again, whatever its root
+// and whether or not a declaration leads it. One that never closes is ended by an empty line or
+// the end of input and delivered as it stands, so that the plug-in refuses it and the events
+// after it stay events of their own.
 bool DocumentComplete(const std::string& document) {
-    return EndsWith(document, "</brguiEvent>") ||
-           (EndsWith(document, "/>") && document.find('<', 1) == std::string::npos);
+    int depth = 0;
+    bool element = false;
+    for (size_t i = document.find('<'); i != std::string::npos; i = document.find('<', i)) {
+        const bool closing = document.compare(i, 2, "</") == 0;
+        const bool other = document.compare(i, 2, "<?") == 0 || document.compare(i, 2, "<!") == 0;
+        char quote = 0;
+        size_t end = i + 1;
+        for (; end < document.size() && (quote != 0 || document[end] != '>'); ++end) {
+            if (quote == 0 && (document[end] == '"' || document[end] == '\''))
+                quote = document[end];
+            else if (document[end] == quote)
+                quote = 0;
+        }
+        if (end == document.size())
+            return false;  // a tag not yet ended
+        if (!other) {
+            element = true;
+            depth += closing ? -1 : document[end - 1] == '/' ? 0 : 1;
+        }
+        i = end + 1;
+    }
+    return element && depth <= 0 && Trim(document).back() == '>';
 }
 
 void PrintHelp() {
-    PrintBlock("--- commands",
-               "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines\n"
-               "  select-tower NAME                 pick NAME in the tower list\n"
-               "  mode automatic|manual             pick a mode radio (by its translated label)\n"
-               "  credentials USER PASSWORD         press OK in the proxy credential dialog\n"
-               "                                    (the password is the rest of the line)\n"
-               "  cancel-credentials                press Cancel in that dialog\n"
-               "  help                              this list\n"
-               "  quit                              stop the plug-in and leave (also end of input)");
+    PrintBlock(
+        "--- commands",
+        "  <brguiEvent ...>...</brguiEvent>  an event document, on one or more lines (an empty\n"
+        "                                    line ends one that is left open)\n"
+        "  select-tower NAME                 pick NAME in the tower list\n"
+        "  mode automatic|manual             pick a mode radio (by its translated label)\n"
+        "  credentials USER PASSWORD         press OK in the proxy credential dialog\n"
+        "                                    (the password is the rest of the line)\n"
+        "  cancel-credentials                press Cancel in that dialog\n"
+        "  help                              this list\n"
+        "  quit                              stop the plug-in and leave (also end of input)");
 }
 
 void Deliver(IPresentationPlugin* plugin, const std::string& document) {
@@ -134,8 +165,15 @@ void ReadEvents(IPresentationPlugin* plugin, const Catalogue& catalogue) {
     std::string line;
     while (std::getline(std::cin, line)) {
         const std::string text = Trim(line);
+        if (!document.empty() && text.empty()) {
+            Deliver(plugin, document);  // an unfinished document, ended by the empty line
+            document.clear();
+            continue;
+        }
         if (!document.empty() || (!text.empty() && text[0] == '<')) {
-            document += document.empty() ? text : "\n" + text;
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            document += document.empty() ? text : "\n" + line;
             if (DocumentComplete(document)) {
                 Deliver(plugin, document);
                 document.clear();
@@ -169,7 +207,7 @@ void ReadEvents(IPresentationPlugin* plugin, const Catalogue& catalogue) {
         }
     }
     if (!document.empty())
-        PrintBlock("--- incomplete event document dropped at end of input", document);
+        Deliver(plugin, document);  // unfinished at the end of input: the plug-in judges it
 }
 
 }  // namespace
