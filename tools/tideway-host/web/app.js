@@ -171,17 +171,19 @@ function makeWidget(node, surface) {
           select.replaceChildren();
           select.selectedIndex = -1;
           items.forEach((item, index) => {
-            select.append(new Option(item.getAttribute('label') || ''));
+            // The value keeps the label's bytes; an option's text collapses runs of blanks.
+            const label = item.getAttribute('label') || '';
+            select.append(new Option(label, label));
             if (item.getAttribute('selected') === 'true') select.selectedIndex = index;
           });
           if (!items.some((i) => i.getAttribute('selected') === 'true')) select.selectedIndex = -1;
         }
         if (n.getAttribute('value')) {
-          const index = Array.from(select.options).findIndex((o) => o.text === n.getAttribute('value'));
+          const index = Array.from(select.options).findIndex((o) => o.value === n.getAttribute('value'));
           if (index >= 0) select.selectedIndex = index;
         }
       };
-      w.value = () => (select.selectedIndex >= 0 ? select.options[select.selectedIndex].text : '');
+      w.value = () => (select.selectedIndex >= 0 ? select.options[select.selectedIndex].value : '');
       select.addEventListener('change', () => fireEvent(w, 'OnSelect'));
       break;
     }
