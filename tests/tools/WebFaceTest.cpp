@@ -371,13 +371,21 @@ TEST_F(WebServerTest, LatePageGetsTheCurrentState) {
     for (int i = 50; i < 250; ++i)
         EXPECT_EQ(late->Receive(), "ARECV line " + std::to_string(i));
     // A new setup starts the page over: nothing from before it is replayed.
-    const std::string c1 = update("<label id=\"c\" value=\"1\"/>");
+    // (Its text is UTF-8 followed by ten bytes that are not: an overlong, a surrogate, one past
+    // U+10FFFF; each goes as U+FFFD.)
+    const std::string good = "\xC3\xA9\xF0\x9F\x98\x80", fffd = "\xEF\xBF\xBD";
+    const std::string c1 =
+        update("<label id=\"c\" value=\"" + good + "\xE9\xED\xA0\x80\xF4\x90\x80\x80\xC0\xAF\"/>");
     server_->PublishNotice(setup);
     server_->PublishNotice(c1);
     server_->PublishAgentLine("RECV last");
     EXPECT_EQ(late->Receive(), "N" + setup);  // the late page is now live too
+    std::string replaced;
+    for (int i = 0; i < 10; ++i)
+        replaced += fffd;
+    const std::string sent = "N" + update("<label id=\"c\" value=\"" + good + replaced + "\"/>");
     auto latest = OwnPage();
-    for (const std::string& message : {"N" + setup, "N" + c1, std::string("ARECV line 51")})
+    for (const std::string& message : {"N" + setup, sent, std::string("ARECV line 51")})
         EXPECT_EQ(latest->Receive(), message);
 }
 

@@ -21,7 +21,7 @@
 // One message to pages, shared by all the queues it waits in.
 using WebMessage = std::shared_ptr<const std::string>;
 
-// The prefix letter, then the payload.
+// The prefix letter, then the payload with each byte that is not UTF-8 as U+FFFD.
 WebMessage MakeWebMessage(char prefix, const std::string& payload);
 
 class HttpSession;

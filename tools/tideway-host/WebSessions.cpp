@@ -20,11 +20,58 @@ namespace http = beast::http;
 namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 
+namespace {
+
+// The length of the well-formed UTF-8 sequence at `i`, or 0: no overlong forms, no surrogates,
+// nothing above U+10FFFF.
+size_t Utf8SequenceAt(const std::string& text, size_t i) {
+    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    const size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
+                          : lead >= 0xE0 && lead <= 0xEF ? 3
+                          : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                         : 0;
+    if (length == 0 || i + length > text.size())
+        return 0;
+    for (size_t k = 1; k < length; ++k) {
+        if ((byte(k) & 0xC0) != 0x80)
+            return 0;
+    }
+    const unsigned char second = byte(1);
+    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
+        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
+        return 0;
+    return length;
+}
+
+}  // namespace
+
 WebMessage MakeWebMessage(char prefix, const std::string& payload) {
     auto message = std::make_shared<std::string>();
     message->reserve(payload.size() + 1);
     message->push_back(prefix);
-    message->append(payload);
+    // A WebSocket text frame must be UTF-8, or the browser drops the connection (and a replayed
+    // notice would drop every new one): each byte that is not part of a well-formed sequence
+    // goes as U+FFFD, the replacement character.
+    size_t replaced = 0;
+    for (size_t i = 0; i < payload.size();) {
+        const size_t length = Utf8SequenceAt(payload, i);
+        if (length == 0) {
+            message->append("\xEF\xBF\xBD");
+            ++replaced;
+            ++i;
+        } else {
+            message->append(payload, i, length);
+            i += length;
+        }
+    }
+    if (replaced != 0)
+        fprintf(stderr,
+                "tideway-host: %zu byte(s) that are not UTF-8 go to the pages as U+FFFD in a "
+                "message starting '%c'\n",
+                replaced, prefix);
     return message;
 }
 
