@@ -149,14 +149,23 @@ try {
   assert.equal(await page.evaluate(() => window.pwned), undefined);
   assert.equal(await page.locator('img, script:not([src]), b, i').count(), 0);
 
-  step('a failed tower change (1043 with 0) brings an error pop-up; its OK closes it');
-  const error = page.locator('dialog[data-popup="error_popup"]');
+  step('each failed tower change (1043 with 0) brings its own error pop-up; each OK closes one');
+  const errors = page.locator('dialog[data-popup="error_popup"]');
   await control('send 1043 00');
-  await error.waitFor();
-  assert.equal(await error.locator('h2').textContent(), 'Error');
-  assert.equal(await error.locator('.popup-text').textContent(), 'The tower could not be changed.');
-  await error.getByRole('button', {name: 'OK'}).click();
-  await error.waitFor({state: 'detached'});
+  await errors.waitFor();
+  await page.evaluate(() => {  // the pop-up is modal: the panel is only reachable by script
+    const form = document.querySelector('form[data-template="{line}"]');
+    form.querySelector('input[name="line"]').value = 'send 1043 00';
+    form.requestSubmit();
+  });
+  await waitFor(() => document.querySelectorAll('dialog[data-popup="error_popup"]').length === 2);
+  for (const left of [1, 0]) {
+    const error = errors.last();  // the one on top
+    assert.equal(await error.locator('h2').textContent(), 'Error');
+    assert.equal(await error.locator('.popup-text').textContent(), 'The tower could not be changed.');
+    await error.getByRole('button', {name: 'OK'}).click();
+    await waitFor((n) => document.querySelectorAll('dialog[data-popup="error_popup"]').length === n, left);
+  }
 
   step('the agent drops the client: Error, then Good again after the reconnect');
   await control('towers west-1,west-2,east-1 west-2');

@@ -101,7 +101,8 @@ function handleInfo(line) {
 // and its current value for an event document.
 
 const page = {controls: new Map()};
-const popups = new Map();  // pop-up id -> {dialog, controls}
+const popups = new Map();  // pop-up id (error pop-ups: id#n) -> {dialog, controls}
+let popupSerial = 0;
 
 function makeWidget(node, surface) {
   const type = node.nodeName;
@@ -439,7 +440,10 @@ function handlePopup(root) {
   const node = childElements(root, 'popup')[0];
   if (!node) return;
   const id = node.getAttribute('id') || '';
-  closePopup(id);
+  // Error pop-ups stack, since each report is one the person reads and closes; any other pop-up
+  // replaces the one of its id, and a dispose closes it.
+  const key = node.getAttribute('type') === 'error' ? `${id}#${++popupSerial}` : id;
+  if (key === id) closePopup(id);
   if (node.getAttribute('dispose') === 'true') return;
 
   const dialog = el('dialog', `popup popup-${node.getAttribute('type') === 'error' ? 'error' : 'custom'}`);
@@ -476,7 +480,7 @@ function handlePopup(root) {
     // The host's own button: nothing is armed, so closing sends nothing.
     const ok = el('button', 'ctl-button', 'OK');
     ok.type = 'button';
-    ok.addEventListener('click', () => closePopup(id));
+    ok.addEventListener('click', () => closePopup(key));
     const line = el('div', 'popup-row end');
     line.append(ok);
     dialog.append(line);
@@ -485,10 +489,10 @@ function handlePopup(root) {
   dialog.addEventListener('cancel', (e) => {
     e.preventDefault();
     if (closeButton && closeButton.events.OnClose) fireEvent(closeButton, 'OnClose');
-    else if (!closeButton) closePopup(id);
+    else if (!closeButton) closePopup(key);
   });
   document.body.append(dialog);
-  popups.set(id, {dialog, controls: surface.controls});
+  popups.set(key, {dialog, controls: surface.controls});
   dialog.showModal();
   const focus = Array.from(surface.controls.values()).find((w) => w.wantsFocus);
   if (focus) focus.root.focus();
