@@ -159,6 +159,8 @@ bool RunWeb(CreatePluginFn createPlugin, DisposePluginFn disposePlugin,
     // Set before the I/O thread starts, which is before any event can arrive.
     IPresentationPlugin* plugin = nullptr;
     EventThread events([&plugin](const std::string& xml) {
+        if (plugin == nullptr)
+            return;  // the creation failed: the page is served, but hosts nothing
         const int32_t result = plugin->HandleEvent(xml.c_str());
         if (result != 0)
             fprintf(stderr, "tideway-host: HandleEvent -> %d\n", result);

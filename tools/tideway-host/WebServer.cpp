@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <vector>
+
 #include <boost/asio/post.hpp>
 
 #include "WebServerState.h"
@@ -60,9 +62,15 @@ bool WebServer::Listen(std::string& error) {
         return false;
     }
     port_ = state.acceptor.local_endpoint().port();
-    state.allowedHosts.push_back(HostText(address) + ":" + std::to_string(port_));
-    if (address == asio::ip::make_address("127.0.0.1"))
-        state.allowedHosts.push_back("localhost:" + std::to_string(port_));
+    // A browser leaves the port out of Host (and so out of Origin) when it is 80.
+    std::vector<std::string> ports = {":" + std::to_string(port_)};
+    if (port_ == 80)
+        ports.insert(ports.begin(), "");
+    for (const std::string& port : ports) {
+        state.allowedHosts.push_back(HostText(address) + port);
+        if (address == asio::ip::make_address("127.0.0.1"))
+            state.allowedHosts.push_back("localhost" + port);
+    }
     state.Accept(state_);
     return true;
 }
