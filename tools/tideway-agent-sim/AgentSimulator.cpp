@@ -29,7 +29,8 @@ std::string Hex(const uint8_t* data, uint32_t length, uint32_t limit = 64) {
 // Text of a fixed field, up to its first NUL or its end.
 // A message without data has no field at all.
 std::string FieldText(const char* field, size_t size) {
-    if (field == nullptr) return std::string();
+    if (field == nullptr)
+        return std::string();
     return std::string(field, strnlen(field, size));
 }
 
@@ -484,8 +485,13 @@ void CAgentSimulator::Handle(uint16_t session, const MSG_QUEUE_MSG& m) {
             break;
         }
         case COMM_MSG_SERVICE_STATS_STOP: {
-            CMutexLock lock(m_Mutex);
-            m_StatsOn.erase(session);
+            {
+                CMutexLock lock(m_Mutex);
+                m_StatsOn.erase(session);
+            }
+            // Waits out a round of reports that chose this session before the stop, so that no
+            // report follows the answer to anything the client asks after it.
+            { CMutexLock sending(m_StatsSendMutex); }
             break;
         }
         default:
@@ -571,8 +577,9 @@ std::string CAgentSimulator::Control(const std::string& line) {
     if (command == "stats") {
         const bool on = words.size() >= 2 && words[1] == "on";
         if (words.size() < 2 || (!on && words[1] != "off") || (!on && words.size() != 2) ||
-            words.size() > 3 || (words.size() == 3 && (!ParseUnsigned(words[2], value) ||
-                                                       value == 0 || value > 3600000))) {
+            words.size() > 3 ||
+            (words.size() == 3 &&
+             (!ParseUnsigned(words[2], value) || value == 0 || value > 3600000))) {
             return "ERR usage: stats on [ms] | stats off";
         }
         {
