@@ -462,7 +462,8 @@ COMM_STATUS CCommunicator::SendPacket(const MSG_QUEUE_MSG* message, bool toClien
 
 bool CCommunicator::GetConfigData(uint8_t* buffer, uint32_t& size) {
     const uint32_t length = static_cast<uint32_t>(m_ConfigData.size());
-    const bool fits = buffer != nullptr && length <= size;
+    // Nothing to copy fits any buffer, a null one too; bytes need a buffer to go to.
+    const bool fits = length <= size && (buffer != nullptr || length == 0);
     if (fits && length != 0)
         memcpy(buffer, m_ConfigData.data(), length);
     size = length;
