@@ -262,6 +262,11 @@ int CAgentSimulator::Broadcast(eCOMM_MESSAGE_ID id, const void* data, uint32_t l
 }
 
 void CAgentSimulator::SendGreeting(uint16_t session) {
+    CMutexLock serviceLock(m_ServiceSendMutex);
+    SendGreetingLocked(session);
+}
+
+void CAgentSimulator::SendGreetingLocked(uint16_t session) {
     SimServiceState service;
     {
         CMutexLock lock(m_Mutex);
@@ -281,6 +286,7 @@ void CAgentSimulator::SendGreeting(uint16_t session) {
 }
 
 void CAgentSimulator::SetService(SimServiceState state) {
+    CMutexLock serviceLock(m_ServiceSendMutex);
     {
         CMutexLock lock(m_Mutex);
         m_Options.service = state;
@@ -288,7 +294,7 @@ void CAgentSimulator::SetService(SimServiceState state) {
             m_StatsOn.clear();
     }
     for (uint16_t session : ApiSessions()) {
-        SendGreeting(session);
+        SendGreetingLocked(session);
         if (state == SimServiceState::kRunning) {
             SendByte(session, COMM_MSG_ICON_APLUS_STATE, kSimStateFiltering);
         } else if (state == SimServiceState::kStopped) {

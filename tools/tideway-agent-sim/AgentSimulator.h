@@ -82,8 +82,9 @@ class CAgentSimulator final : private IIPCServerCallback {
     void Handle(uint16_t session, const MSG_QUEUE_MSG& message);
     bool SendTo(uint16_t session, eCOMM_MESSAGE_ID id, const void* data, uint32_t length);
     bool SendByte(uint16_t session, eCOMM_MESSAGE_ID id, uint8_t value);
-    void SetService(SimServiceState state);
-    void SendGreeting(uint16_t session);
+    void SetService(SimServiceState state) EXCLUDES(m_ServiceSendMutex);
+    void SendGreeting(uint16_t session) EXCLUDES(m_ServiceSendMutex);
+    void SendGreetingLocked(uint16_t session) REQUIRES(m_ServiceSendMutex);
     std::string TowerListText();
     ServiceStatistics NextStatistics();
     void StatsLoop();
@@ -104,6 +105,10 @@ class CAgentSimulator final : private IIPCServerCallback {
     // that "stats off" returns only when no periodic 1059 is still on its way. Taken before
     // m_Mutex, never inside it.
     CMutex m_StatsSendMutex;
+    // Held from reading the service state to the end of the messages that report it (a new
+    // client's greeting, or a change to every client), so that a client never gets an old state
+    // after a newer one. Taken before m_Mutex, never inside it.
+    CMutex m_ServiceSendMutex;
     bool m_bExit GUARDED_BY(m_Mutex) = false;
     bool m_bStopping GUARDED_BY(m_Mutex) = false;
     CCondition m_StatsWake;  // wakes the statistics thread: stopping, or a session asked
