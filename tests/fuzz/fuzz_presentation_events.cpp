@@ -44,7 +44,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint32_t id = h.fake->sentIds[i];
             FUZZ_CHECK(id == COMM_MSG_CHANGE_ACTIVE_TOWER || id == COMM_MSG_DCT_SETTINGS_UPDATE ||
                        id == COMM_MSG_PROXY_CRED_RESPONSE || id == COMM_MSG_PROXY_CANCEL_REQUEST);
-            FUZZ_CHECK(id != COMM_MSG_PROXY_CRED_RESPONSE || h.fake->sentData[i].size() == 400);
+            const std::vector<uint8_t>& sent = h.fake->sentData[i];
+            FUZZ_CHECK(id != COMM_MSG_PROXY_CRED_RESPONSE || sent.size() == 400);
+            FUZZ_CHECK(id != COMM_MSG_DCT_SETTINGS_UPDATE || sent.size() == 12);
+            // A tower name goes without its terminator, and an empty one not at all.
+            FUZZ_CHECK(id != COMM_MSG_CHANGE_ACTIVE_TOWER ||
+                       (!sent.empty() && std::find(sent.begin(), sent.end(), 0) == sent.end()));
         }
     });
     return 0;
