@@ -15,7 +15,7 @@
 #include "ipc/IPCTypes.h"
 
 // The packet's header as a record: the first five fields of a MSG_QUEUE_MSG, as they go on the
-// wire. Only for reading a layout; the functions below work with the offsets.
+// wire. The offsets below are read from it; the functions work with those offsets.
 #pragma pack(push, 1)
 struct MSG_QUEUE_MSG_HEADER {
     uint32_t m_Signature;
@@ -33,21 +33,15 @@ struct ChannelPacket {
 #pragma pack(pop)
 
 // Offsets of the packet's fields.
-constexpr size_t kPacketSignatureOffset = 0;
-constexpr size_t kPacketVersionMajorOffset = 4;
-constexpr size_t kPacketVersionMinorOffset = 6;
-constexpr size_t kPacketMarkerOffset = 8;
-constexpr size_t kPacketDataLengthOffset = 16;
-constexpr size_t kPacketMessageIdOffset = 20;
-constexpr size_t kPacketHeaderSize = 24;  // data follows here
-static_assert(sizeof(MSG_QUEUE_MSG_HEADER) == kPacketHeaderSize &&
-                  offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMajor) == kPacketVersionMajorOffset &&
-                  offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMinor) == kPacketVersionMinorOffset &&
-                  offsetof(MSG_QUEUE_MSG_HEADER, m_Marker) == kPacketMarkerOffset &&
-                  offsetof(MSG_QUEUE_MSG_HEADER, m_DataLength) == kPacketDataLengthOffset &&
-                  offsetof(MSG_QUEUE_MSG_HEADER, m_MessageId) == kPacketMessageIdOffset &&
-                  offsetof(ChannelPacket, m_Data) == kPacketHeaderSize,
-              "the packet's header is 24 bytes at the offsets above");
+constexpr size_t kPacketSignatureOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_Signature);
+constexpr size_t kPacketVersionMajorOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMajor);
+constexpr size_t kPacketVersionMinorOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_VersionMinor);
+constexpr size_t kPacketMarkerOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_Marker);
+constexpr size_t kPacketDataLengthOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_DataLength);
+constexpr size_t kPacketMessageIdOffset = offsetof(MSG_QUEUE_MSG_HEADER, m_MessageId);
+constexpr size_t kPacketHeaderSize = offsetof(ChannelPacket, m_Data);  // data follows here
+static_assert(kPacketHeaderSize == 24 && kPacketMarkerOffset == 8 && kPacketMessageIdOffset == 20,
+              "the packet's header is 24 bytes, packed");
 
 // Makes the packet of `message`: 24 bytes of header, plus the data when the message has data
 // and a length. `size` receives the packet's size (0 for a null message), also when the buffer
