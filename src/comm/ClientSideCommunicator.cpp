@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <chrono>
 #include <memory>
 #include <new>
 #include <string>
@@ -15,6 +16,8 @@ namespace {
 constexpr uint32_t kQueueReadMs = 200;
 constexpr uint32_t kReceiverStartMs = 2000;
 constexpr uint32_t kReconnectPauseMs = 2000;
+// How long a stopping sender waits for the commands queued before the stop (and their QUIT).
+constexpr std::chrono::milliseconds kStopHandOverLimit(600);
 
 // The live API, read afresh at each notification: DisposePlugin clears it before the API goes.
 IApiNotifications* LiveApi() {
@@ -233,22 +236,17 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
         VNTRACE(TL_TRACE, "SecureIPC : setupasync was done successfully");
 
         CMsgQueue* mainQueue = MainQueue();  // stays until this pass of Connect ends
-        while (mainQueue != nullptr && !IsStopping()) {
-            std::unique_ptr<MSG_QUEUE_MSG> message = mainQueue->GetMessage(true, kQueueReadMs);
-            if (!message)
-                continue;
-            VNTRACE(TL_TRACE, "ClientComm : msgid %s", GetMessageName(message->m_MessageId));
-            if (message->m_MessageId == COMM_MSG_PEER_DC) {
-                VNTRACE(TL_TRACE, "ClientComm : peer disconnected, stopping snd/rcv threads");
-                break;
-            }
-            if (message->m_MessageId == COMM_MSG_QUIT) {
-                VNTRACE(TL_TRACE, "ClientComm : Received quit message (2)");
-                break;
-            }
-            CMutexLock queueLock(m_QueueLock);
-            if (m_pSenderData != nullptr)
-                m_pSenderData->m_pQueue->PutMessage(message.get());
+        bool left = mainQueue == nullptr;
+        while (!left && !IsStopping()) {
+            if (std::unique_ptr<MSG_QUEUE_MSG> message = mainQueue->GetMessage(true, kQueueReadMs))
+                left = Relay(*message);
+        }
+        // A host that stops right after its last commands (statistics off, Disconnect) has them
+        // in this queue when the stop flag is seen: they still go to the sender, ahead of the
+        // QUIT below, so that the agent hears them before the channel is torn down.
+        while (!left) {
+            std::unique_ptr<MSG_QUEUE_MSG> message = mainQueue->GetMessage(false, 0);
+            left = message == nullptr || Relay(*message);
         }
         StopSndRcvThreads();
         return 0;
@@ -256,6 +254,22 @@ COMM_STATUS CClientSideCommunicator::ProcessMessages() {
         VNTRACE(TL_ERR, "ClientComm: ProcessMessages exception");
         return 0;
     }
+}
+
+bool CClientSideCommunicator::Relay(const MSG_QUEUE_MSG& message) {
+    VNTRACE(TL_TRACE, "ClientComm : msgid %s", GetMessageName(message.m_MessageId));
+    if (message.m_MessageId == COMM_MSG_PEER_DC) {
+        VNTRACE(TL_TRACE, "ClientComm : peer disconnected, stopping snd/rcv threads");
+        return true;
+    }
+    if (message.m_MessageId == COMM_MSG_QUIT) {
+        VNTRACE(TL_TRACE, "ClientComm : Received quit message (2)");
+        return true;
+    }
+    CMutexLock queueLock(m_QueueLock);
+    if (m_pSenderData != nullptr)
+        m_pSenderData->m_pQueue->PutMessage(&message);
+    return false;
 }
 
 uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
@@ -287,10 +301,17 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
 void CClientSideCommunicator::SenderLoop(CMsgQueue* queue) {
     VNTRACE(TL_IPC, "ClientComm : Sender thread started");
     m_bSenderStarted = true;
-    // Everything queued before the QUIT of a stop is worked off; only the stop of the whole
-    // communicator ends the loop early.
+    // Everything queued before the QUIT of a disconnect is worked off.
     bool quit = false;
     while (!quit && !IsStopping()) {
+        if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
+            quit = Dispatch(true, *message);
+    }
+    // At the stop of the whole communicator the relay hands over what the host queued before it
+    // and then the QUIT: those commands are still sent, for a bounded time that keeps the thread
+    // well inside its join limit. A failed send ends it as always.
+    const auto deadline = std::chrono::steady_clock::now() + kStopHandOverLimit;
+    while (!quit && std::chrono::steady_clock::now() < deadline) {
         if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
             quit = Dispatch(true, *message);
     }

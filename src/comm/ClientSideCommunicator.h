@@ -31,7 +31,11 @@ class CClientSideCommunicator : public CCommunicator {
     COMM_STATUS Connect() override;
 
   private:
-    // The two thread bodies: each reads its queue until QUIT or the communicator's stop.
+    // One message of the main queue: PEER_DC and QUIT end the relay (true), anything else goes
+    // to the sender's queue.
+    bool Relay(const MSG_QUEUE_MSG& message);
+    // The two thread bodies: each reads its queue until QUIT or the communicator's stop (the
+    // sender, at a stop, first sends what was queued before it).
     void SenderLoop(CMsgQueue* queue);
     void ReceiverLoop(CMsgQueue* queue);
     // The next message of `queue` that passes the filter (all but three ids while the service

@@ -1,7 +1,9 @@
 // The receive path and the commands with the IPC library replaced by a fake, so that each
 // message, fault and corner can be forced.
 #include <string.h>
+#include <functional>
 #include <future>
+#include <thread>
 
 #include <memory>
 
@@ -55,6 +57,29 @@ class ApiWithFakeChannel : public ::testing::Test {
         const std::string text = "99#marker " + std::to_string(++serial);
         fake_->Deliver(COMM_MSG_INFO_MESSAGE, text.c_str(), static_cast<uint32_t>(text.size() + 1));
         ASSERT_TRUE(cb_.WaitForLast("I:" + text));
+    }
+    // Holds the sender inside the send of a tower change while a tower-list request waits
+    // behind it, calls `end` to end the channel, and lets the send go once the stop waits for
+    // the sender.
+    void SecondCommandAfter(const std::function<void()>& end) {
+        // The hook owns what it touches: the sender may still be inside it after this returns.
+        auto entered = std::make_shared<std::promise<void>>();
+        auto release = std::make_shared<std::promise<void>>();
+        std::future<void> inside = entered->get_future();
+        fake_->inSend = [entered, released = release->get_future().share(),
+                         first = true]() mutable {
+            if (std::exchange(first, false))
+                entered->set_value(), released.wait();
+        };
+        ASSERT_EQ(api_->SetTower("west-1"), 0);
+        inside.wait();  // the sender is inside this send
+        EXPECT_EQ(api_->GetTowerList(), 0);
+        EXPECT_TRUE(syslog_capture::WaitFor("ClientComm : msgid COMM_MSG_TOWERS_REQUEST_INFO\n",
+                                            seconds(5)));
+        end();
+        EXPECT_TRUE(syslog_capture::WaitFor(
+            "Communicator(2) : Waiting for snd/rcv threads to stop\n", seconds(5)));
+        release->set_value();
     }
     std::shared_ptr<FakeIPCClient::State> fake_;
     RecordingCallback cb_;
@@ -156,25 +181,26 @@ TEST_F(ApiWithFakeChannel, SendFailureGivesExactlyOnePeerDisconnectAndAReconnect
 
 TEST_F(ApiWithFakeChannel, ADisconnectLetsTheSenderTryWhatWasQueuedBeforeIt) {
     Connect();
-    std::promise<void> entered, release;
-    fake_->inSend = [&, first = true]() mutable {
-        if (std::exchange(first, false))
-            entered.set_value(), release.get_future().wait();
-    };
-    ASSERT_EQ(api_->SetTower("west-1"), 0);
-    entered.get_future().wait();  // the sender is inside this send
-    ASSERT_EQ(api_->GetTowerList(), 0);
-    ASSERT_TRUE(
-        syslog_capture::WaitFor("ClientComm : msgid COMM_MSG_TOWERS_REQUEST_INFO\n", seconds(5)));
-    fake_->failSend = true;  // the agent is gone: the next send fails
-    fake_->PeerState(8, 1, 0);
-    ASSERT_TRUE(syslog_capture::WaitFor("Communicator(2) : Waiting for snd/rcv threads to stop\n",
-                                        seconds(5)));
-    release.set_value();
+    SecondCommandAfter([&] {
+        fake_->failSend = true;  // the agent is gone: the next send fails
+        fake_->PeerState(8, 1, 0);
+    });
     EXPECT_TRUE(syslog_capture::WaitFor(
         "ClientComm : Failed to send msg (COMM_MSG_TOWERS_REQUEST_INFO) to server, server not "
         "accessible.\n",
         seconds(5)));
+}
+
+TEST_F(ApiWithFakeChannel, AStopStillSendsWhatTheHostQueuedBeforeIt) {
+    Connect();
+    std::thread stopping;
+    SecondCommandAfter(
+        [&] { stopping = std::thread([&] { g_pVantoriaApi = nullptr, api_.reset(); }); });
+    if (stopping.joinable())
+        stopping.join();
+    std::lock_guard<std::mutex> guard(fake_->mutex);
+    EXPECT_EQ(fake_->sentIds,
+              (std::vector<uint32_t>{COMM_MSG_CHANGE_ACTIVE_TOWER, COMM_MSG_TOWERS_REQUEST_INFO}));
 }
 
 TEST_F(ApiWithFakeChannel, StatusesBeforeRegisterAreReplayedInOrderByStart) {

@@ -93,5 +93,8 @@ grep -q '^HandleEvent -> 0$' "$out"
 [ "$(grep -A2 -- '^--- event$' "$out" | grep -c -e '^<other id="x"></other>$' -e '^<brguiEvent id="open">$' \
   -e '^HandleEvent -> -1$')" -eq 4 ]
 grep -q '^--- stopped$' "$out"
-grep -q '^DISCONNECT session=1 identity=6$' "$log"
+# "quit" stops and disposes of the plug-in at once: its last two commands still reach the
+# agent, in order, before the channel closes.
+[ "$(grep -E -o '(COMM_MSG_SERVICE_STATS_STOP|COMM_MSG_DISCONNECT) len|^DISCONNECT session=1' "$log" |
+    tail -n3 | tr '\n' '|')" = "COMM_MSG_SERVICE_STATS_STOP len|COMM_MSG_DISCONNECT len|DISCONNECT session=1|" ]
 echo "the presentation plug-in was hosted and steered the agent"
