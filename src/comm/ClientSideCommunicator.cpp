@@ -16,8 +16,8 @@ namespace {
 constexpr uint32_t kQueueReadMs = 200;
 constexpr uint32_t kReceiverStartMs = 2000;
 constexpr uint32_t kReconnectPauseMs = 2000;
-// How long a stopping sender waits for the commands queued before the stop (and their QUIT).
-constexpr std::chrono::milliseconds kStopHandOverLimit(600);
+// How long after the start of a stop the sender may begin sending what was queued before it.
+constexpr std::chrono::milliseconds kStopHandOverLimit(500);
 
 // The live API, read afresh at each notification: DisposePlugin clears it before the API goes.
 IApiNotifications* LiveApi() {
@@ -98,6 +98,10 @@ CClientSideCommunicator::~CClientSideCommunicator() {
 }
 
 void CClientSideCommunicator::Stop() {
+    // The first stop's start bounds how long the sender may still send (see SenderLoop).
+    int64_t unset = 0;
+    m_StopStarted.compare_exchange_strong(
+        unset, std::chrono::steady_clock::now().time_since_epoch().count());
     CCommunicator::Stop();
 }
 
@@ -308,9 +312,14 @@ void CClientSideCommunicator::SenderLoop(CMsgQueue* queue) {
             quit = Dispatch(true, *message);
     }
     // At the stop of the whole communicator the relay hands over what the host queued before it
-    // and then the QUIT: those commands are still sent, for a bounded time that keeps the thread
-    // well inside its join limit. A failed send ends it as always.
-    const auto deadline = std::chrono::steady_clock::now() + kStopHandOverLimit;
+    // and then the QUIT: those commands are still sent, but none is begun later than
+    // kStopHandOverLimit after the stop began. A send may block for the channel's send time-out
+    // (3 s), so the thread still ends inside its 4-second join limit; a sender that was blocked
+    // when the stop came finds the time over and leaves at once. A failed send ends it as always.
+    const std::chrono::steady_clock::time_point deadline =
+        std::chrono::steady_clock::time_point(
+            std::chrono::steady_clock::duration(m_StopStarted.load())) +
+        kStopHandOverLimit;
     while (!quit && std::chrono::steady_clock::now() < deadline) {
         if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
             quit = Dispatch(true, *message);

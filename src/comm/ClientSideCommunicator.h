@@ -53,6 +53,9 @@ class CClientSideCommunicator : public CCommunicator {
     uint32_t m_DbgLevel;
     std::atomic<bool> m_bServiceStopped;
     CSyncEvent m_EventRcvThreadStarted;  // auto reset
+    // Steady-clock ticks at the start of the first Stop; 0 before. Written before the stop flag
+    // is set under m_StateLock, so a thread that has seen the flag reads the time.
+    std::atomic<int64_t> m_StopStarted{0};
     IPCClientFactory m_Factory;
 };
 
