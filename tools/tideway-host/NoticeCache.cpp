@@ -72,6 +72,10 @@ NoticeCache::Outcome NoticeCache::Add(const std::string& xml, Payload payload) {
         }
         if (popup != nullptr && Attribute(popup, "dispose") == "true")
             return Outcome::kDisposed;
+        // The plug-in never disposes of an error pop-up: replayed, an error the person has
+        // already acknowledged would come back on every reload and every new page.
+        if (popup != nullptr && Attribute(popup, "type") == "error")
+            return Outcome::kNothingKept;
         entries_.push_back(Entry{std::move(payload), 0, false, true});
         popups_[id] = std::prev(entries_.end());
         return Outcome::kKept;

@@ -2,7 +2,8 @@
 // notice, then the notices that still matter, in the order they came. An "update" notice
 // matters while it sets some attribute or content that no later update sets again, or while it
 // is one of the last kMaxLogNotices notices carrying message-history ("log") lines; a "popup"
-// notice matters until a later pop-up notice with the same id replaces or disposes of it.
+// notice matters until a later pop-up notice with the same id replaces or disposes of it, except
+// an error pop-up, which only the pages open when it comes show (nothing ever disposes of it).
 // Not thread-safe: the web server uses it from its I/O thread only.
 #ifndef TIDEWAY_TOOLS_TIDEWAY_HOST_NOTICECACHE_H_
 #define TIDEWAY_TOOLS_TIDEWAY_HOST_NOTICECACHE_H_
@@ -27,7 +28,8 @@ class NoticeCache {
     enum class Outcome {
         kKept,         // a setup, update or pop-up notice, now part of the replay
         kDisposed,     // a pop-up's dispose: that pop-up left the replay, the dispose is not kept
-        kNothingKept,  // an update that sets nothing (no control, state or log line)
+        kNothingKept,  // an update that sets nothing (no control, state or log line), or an
+                       // error pop-up
         kIgnored,      // not XML, not a brguiNotice, or a type other than setup, update, popup
     };
 

@@ -286,6 +286,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void Handle(http::request<http::empty_body> request) {
         const unsigned version = request.version();
+        // Two Host (or Origin) fields would let a check read one while something else trusts
+        // the other: such a request is malformed.
+        if (request.count(http::field::host) > 1 || request.count(http::field::origin) > 1)
+            return Respond(http::status::bad_request, version, true);
         const std::string host(request[http::field::host]);
         if (!state_->HostAllowed(host)) {
             fprintf(stderr, "tideway-host: refused a request for host \"%s\"\n", host.c_str());

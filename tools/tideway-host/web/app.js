@@ -41,12 +41,14 @@ function childElements(node, name) {
 
 let socket = null;
 let agentControl = false;
+let pluginStopped = false;  // NotifyStopped came on this connection
 
 function connect() {
   socket = new WebSocket(`ws://${location.host}/ws`);
   socket.onopen = () => {
     // The server replays the whole state to a new connection, so start from a blank page.
     resetPage();
+    pluginStopped = false;
     showBanner('');
   };
   socket.onmessage = (message) => {
@@ -54,7 +56,11 @@ function connect() {
     const payload = data.slice(1);
     switch (data[0]) {
       case 'N': handleNotice(payload); break;
-      case 'S': showBanner('The plug-in has stopped (NotifyStopped).'); setPageDisabled(true); break;
+      case 'S':
+        pluginStopped = true;
+        showBanner('The plug-in has stopped (NotifyStopped).');
+        setPageDisabled(true);
+        break;
       case 'A': addAgentLine(payload, lineClass(payload)); break;
       case 'R': addAgentLine(`\u2190 ${payload}`, payload.startsWith('OK') ? 'reply' : 'reply err'); break;
       case 'I': handleInfo(payload); break;
@@ -62,7 +68,11 @@ function connect() {
     }
   };
   socket.onclose = () => {
-    showBanner('Not connected to tideway-host; trying again\u2026');
+    // A host that stops its plug-in closes the pages right after saying so: the person must
+    // still read that the plug-in stopped, not only that the connection went.
+    showBanner(pluginStopped
+      ? 'The plug-in has stopped (NotifyStopped); tideway-host has closed the page\'s connection.'
+      : 'Not connected to tideway-host; trying again\u2026');
     setTimeout(connect, 2000);
   };
 }
