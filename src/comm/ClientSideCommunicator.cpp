@@ -305,22 +305,22 @@ uint32_t CClientSideCommunicator::ThreadProc(COMM_THREAD_DATA* data) {
 void CClientSideCommunicator::SenderLoop(CMsgQueue* queue) {
     VNTRACE(TL_IPC, "ClientComm : Sender thread started");
     m_bSenderStarted = true;
-    // Everything queued before the QUIT of a disconnect is worked off.
+    // Everything queued before the QUIT of a disconnect is worked off. At the stop of the whole
+    // communicator the relay hands over what the host queued before it and then the QUIT: those
+    // commands are still sent, but none is begun later than kStopHandOverLimit after the stop
+    // began. A send may block for the channel's send time-out (3 s), so the thread still ends
+    // inside its 4-second join limit; a sender that was blocked when the stop came finds the time
+    // over and leaves at once. A failed send ends the loop as always.
+    const auto maySend = [this] {
+        if (!IsStopping())
+            return true;
+        // Read after the flag: the start was written before it was set.
+        const std::chrono::steady_clock::duration stopStarted(m_StopStarted.load());
+        return std::chrono::steady_clock::now() <
+               std::chrono::steady_clock::time_point(stopStarted) + kStopHandOverLimit;
+    };
     bool quit = false;
-    while (!quit && !IsStopping()) {
-        if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
-            quit = Dispatch(true, *message);
-    }
-    // At the stop of the whole communicator the relay hands over what the host queued before it
-    // and then the QUIT: those commands are still sent, but none is begun later than
-    // kStopHandOverLimit after the stop began. A send may block for the channel's send time-out
-    // (3 s), so the thread still ends inside its 4-second join limit; a sender that was blocked
-    // when the stop came finds the time over and leaves at once. A failed send ends it as always.
-    const std::chrono::steady_clock::time_point deadline =
-        std::chrono::steady_clock::time_point(
-            std::chrono::steady_clock::duration(m_StopStarted.load())) +
-        kStopHandOverLimit;
-    while (!quit && std::chrono::steady_clock::now() < deadline) {
+    while (!quit && maySend()) {
         if (std::unique_ptr<MSG_QUEUE_MSG> message = NextMessage(queue))
             quit = Dispatch(true, *message);
     }
